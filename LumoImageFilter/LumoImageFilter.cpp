@@ -1,0 +1,362 @@
+#include "LumoImageFilter.h"
+
+#include <GLES2/gl2.h>
+#include <GLES2/gl2ext.h>
+
+#include "GlDebug.h"
+#include "VideoProcessAlphaBlendFilter.h"
+#include "VideoProcessBilateralFilter.h"
+#include "VideoProcessCustomizedFilter.h"
+#include "VideoProcessGaussianBlurFilter.h"
+#include "VideoProcessOverlayFilter.h"
+#include "VideoProcessPassThroughFilter.h"
+#include "VideoProcessPinkWhitenFilter.h"
+#include "VideoProcessSharpenFilter.h"
+#include "VideoProcessSkinDetectFilter.h"
+#include "VideoProcessWhitenFilter.h"
+
+namespace lumo {
+namespace {
+
+// Detail-layer constants, as single-precision values: 128/255 is 0x3F008081 and -256/255 is 0xBF808081.
+constexpr float kHighPassOffset = 128.0f / 255.0f;
+constexpr float kAddBackOffset = -256.0f / 255.0f;
+constexpr float kSkinBlendWeight = 0.35f;          // 0x3EB33333
+constexpr float kSkinBlendWeightSharpen = 0.5f;
+
+void setSamplingParameters() {
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+}
+
+}  // namespace
+
+LumoImageFilter::LumoImageFilter() = default;
+
+LumoImageFilter::~LumoImageFilter() { destroy(); }
+
+int32_t LumoImageFilter::create() {
+  if (_isCreated) return 0;
+  if (!m_pGLContext) m_pGLContext = GLContext::create();
+  {
+    ContextGuard guard(m_pGLContext.get());
+    if (guard.ok()) {
+      glDisable(GL_DEPTH_TEST);
+      if (!m_pTexCache) TextureCache::create(m_pGLContext, &m_pTexCache);
+      glGenFramebuffers(1, &m_hFrameBufferPool[0]);
+      glGenFramebuffers(1, &m_hFrameBufferPool[1]);
+    }
+    m_nCurrentFrameIndex = 0;
+  }
+  m_nImgWidth = 1;
+  m_nImgHeight = 1;
+  m_nEnableBeautifying = 0;
+  m_nCustomizedFilterIndex = 0;
+  _isCreated = true;
+  return 0;
+}
+
+int32_t LumoImageFilter::destroy() {
+  if (!_isCreated) return 0;
+  {
+    ContextGuard guard(m_pGLContext.get());
+    // The cache reads back what the host may still read from its buffers before its textures go.
+    m_pTexCache.reset();
+    if (guard.ok()) {
+      glDeleteFramebuffers(1, &m_hFrameBufferPool[0]);
+      glDeleteFramebuffers(1, &m_hFrameBufferPool[1]);
+    }
+    m_hFrameBufferPool[0] = 0;
+    m_hFrameBufferPool[1] = 0;
+    // Only our references go: a buffer the host still holds stays alive with it.
+    m_pRenderPixelBuffer.reset();
+    m_pRenderPixelBuffer2.reset();
+    m_pRefrencePixelBuffer.reset();
+  }
+  uninitBeautifying();
+  uninitCustomizedFilter();
+  m_pGLContext.reset();
+  _isCreated = false;
+  return 0;
+}
+
+int32_t LumoImageFilter::enableBeautifying(uintptr_t mask) {
+  m_nEnableBeautifyingLastUpdate.store(static_cast<int32_t>(static_cast<uint32_t>(mask)),
+                                       std::memory_order_relaxed);
+  return 1;
+}
+
+int32_t LumoImageFilter::setCustomizedFilter(uintptr_t index) {
+  m_nCustomizedFilterIndexLastUpdate.store(static_cast<int32_t>(static_cast<uint32_t>(index)),
+                                           std::memory_order_relaxed);
+  return 1;
+}
+
+int32_t LumoImageFilter::setPolishStep(float step) {
+  polish_step_.store(step, std::memory_order_relaxed);
+  return 0;
+}
+
+int32_t LumoImageFilter::setPolishFactor(float factor) {
+  polish_color_distance_factor_.store(factor, std::memory_order_relaxed);
+  return 0;
+}
+
+int32_t LumoImageFilter::setWhitenFactor(float factor) {
+  whiten_factor_.store(factor, std::memory_order_relaxed);
+  return 0;
+}
+
+int32_t LumoImageFilter::setSharppenFactor(float factor) {
+  sharppen_factor_.store(factor, std::memory_order_relaxed);
+  return 0;
+}
+
+int32_t LumoImageFilter::setSkinWhitenFactor(float factor) {
+  pinkwhiten_factor_.store(factor, std::memory_order_relaxed);
+  return 0;
+}
+
+int32_t LumoImageFilter::doEnableBeautifying(int32_t mask) {
+  m_nEnableBeautifyingLastUpdate.store(mask, std::memory_order_relaxed);
+  if (mask == m_nEnableBeautifying) return 1;
+  m_nEnableBeautifying = mask;
+  if (mask > 0) {
+    initBeautifying();
+  } else {
+    uninitBeautifying();
+  }
+  return 1;
+}
+
+int32_t LumoImageFilter::doSetCustomizedFilter(int32_t index) {
+  if (index > 0) {
+    if (!m_pCustomizedFilter) initCustomizedFilter();
+    if (m_pCustomizedFilter && m_pCustomizedFilter->setColorMatrix(index) >= 0) {
+      m_nCustomizedFilterIndexLastUpdate.store(index, std::memory_order_relaxed);
+      m_nCustomizedFilterIndex = index;
+      return index;
+    }
+  }
+  // No preset, or one the table rejected: recorded as in force so that it is not retried every frame.
+  uninitCustomizedFilter();
+  m_nCustomizedFilterIndexLastUpdate.store(index, std::memory_order_relaxed);
+  m_nCustomizedFilterIndex = index;
+  return index;
+}
+
+int32_t LumoImageFilter::createEmptyPixelBuffer(PixelBufferRef* pixelBuffer, int32_t width, int32_t height) {
+  PixelBufferAttributes attributes;
+  attributes.gpuShareable = true;
+  return PixelBuffer::create(width, height, kPixelFormat32BGRA, attributes, pixelBuffer);
+}
+
+int32_t LumoImageFilter::changeFormat(int32_t /*format*/, int32_t width, int32_t height, int32_t* /*strides*/) {
+  m_nImgWidth = width;
+  m_nViewWidth = width;
+  m_nImgHeight = height;
+  m_nViewHeight = height;
+  // The previous buffers are dropped, not freed: a host still holding a result keeps it.
+  createEmptyPixelBuffer(&m_pRenderPixelBuffer, width, height);
+  createEmptyPixelBuffer(&m_pRenderPixelBuffer2, width, height);
+  return 0;
+}
+
+void LumoImageFilter::initBeautifying() {
+  ContextGuard guard(m_pGLContext.get());
+  m_pGaussianBlurFilter = std::make_unique<VideoProcessGaussianBlurFilter>();
+  m_pAlphaBlendFilter = std::make_unique<VideoProcessAlphaBlendFilter>();
+  m_pSkinDetectFilter = std::make_unique<VideoProcessSkinDetectFilter>();
+  m_pBilateralFilter = std::make_unique<VideoProcessBilateralFilter>();
+  m_pWhitenFilter = std::make_unique<VideoProcessWhitenFilter>();
+  m_pSharpenFilter = std::make_unique<VideoProcessSharpenFilter>();
+  m_pPassThroughFilter = std::make_unique<VideoProcessPassThroughFilter>();
+  m_pOverlayFilter = std::make_unique<VideoProcessOverlayFilter>();
+  m_pPinkWhitenFilter = std::make_unique<VideoProcessPinkWhitenFilter>();
+  m_pGaussianBlurFilter->initProgram();
+  m_pAlphaBlendFilter->initProgram();
+  m_pSkinDetectFilter->initProgram();
+  m_pBilateralFilter->initProgram();
+  m_pWhitenFilter->initProgram();
+  m_pSharpenFilter->initProgram();
+  m_pPassThroughFilter->initProgram();
+  m_pOverlayFilter->initProgram();
+  m_pPinkWhitenFilter->initProgram();
+}
+
+void LumoImageFilter::uninitBeautifying() {
+  ContextGuard guard(m_pGLContext.get());
+  m_pGaussianBlurFilter.reset();
+  m_pAlphaBlendFilter.reset();
+  m_pSkinDetectFilter.reset();
+  m_pBilateralFilter.reset();
+  m_pWhitenFilter.reset();
+  m_pSharpenFilter.reset();
+  m_pPassThroughFilter.reset();
+  m_pOverlayFilter.reset();
+  m_pPinkWhitenFilter.reset();
+}
+
+void LumoImageFilter::initCustomizedFilter() {
+  ContextGuard guard(m_pGLContext.get());
+  m_pCustomizedFilter = std::make_unique<VideoProcessCustomizedFilter>();
+  m_pCustomizedFilter->initProgram();
+}
+
+void LumoImageFilter::uninitCustomizedFilter() {
+  ContextGuard guard(m_pGLContext.get());
+  m_pCustomizedFilter.reset();
+}
+
+int32_t LumoImageFilter::getCurrentFrameBuffer() {
+  const int32_t index = m_nCurrentFrameIndex;
+  m_nCurrentFrameIndex = (index + 1) % 2;
+  return static_cast<int32_t>(m_hFrameBufferPool[index]);
+}
+
+PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
+  if (!_isCreated) return nullptr;
+
+  const int32_t wantedMask = m_nEnableBeautifyingLastUpdate.load(std::memory_order_relaxed);
+  if (wantedMask != m_nEnableBeautifying) doEnableBeautifying(wantedMask);
+  const int32_t wantedIndex = m_nCustomizedFilterIndexLastUpdate.load(std::memory_order_relaxed);
+  if (wantedIndex != m_nCustomizedFilterIndex) doSetCustomizedFilter(wantedIndex);
+
+  if ((m_nEnableBeautifying < 1 && !m_pCustomizedFilter) || !pixelBuffer) return pixelBuffer;
+
+  m_nCurrentFrameIndex = 0;
+  ContextGuard guard(m_pGLContext.get());
+
+  const int32_t width = pixelBuffer->width();
+  const int32_t height = pixelBuffer->height();
+  TextureRef t0;
+  TextureRef t1;
+  TextureRef t2;
+  if (width != m_nImgWidth || height != m_nImgHeight) changeFormat(0, width, height, nullptr);
+
+  if (guard.ok() && m_pTexCache) {
+    m_pTexCache->createTextureFromImage(pixelBuffer, GL_TEXTURE_2D, GL_RGBA, width, height, GL_BGRA_EXT,
+                                        GL_UNSIGNED_BYTE, 0, &t0);
+    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth,
+                                        m_nViewHeight, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t1);
+    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer2, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth,
+                                        m_nViewHeight, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t2);
+  }
+
+  PixelBufferRef result = pixelBuffer;
+  if (t0 && t1 && t2) {
+    const Texture* last = runPasses(t0.get(), t1.get(), t2.get());
+    if (last == t1.get()) {
+      result = m_pRenderPixelBuffer;
+    } else if (last == t2.get()) {
+      result = m_pRenderPixelBuffer2;
+    }
+    glFinish();
+    glBindTexture(GL_TEXTURE_2D, 0);
+  }
+  for (TextureRef* texture : {&t0, &t1, &t2}) {
+    if (*texture) {
+      glBindTexture((*texture)->target(), 0);
+      texture->reset();
+    }
+  }
+  return result;
+}
+
+const Texture* LumoImageFilter::runPasses(const Texture* t0, const Texture* t1, const Texture* t2) {
+  // Every pass writes the other target of its source: T2 after T1, T1 after anything else.
+  auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
+  const int32_t mask = m_nEnableBeautifying;
+  const Texture* current = t0;
+
+  if (mask > 0) {
+    if ((mask & (BeautifyPolish | BeautifySkinWhiten)) != 0) {
+      doRenderWithFilter(t0, nullptr, t1, m_pSkinDetectFilter.get(), 1);
+      const Texture* skin = t1;
+      if ((mask & BeautifyPolish) != 0) {
+        m_pBilateralFilter->setSampleStep(polish_step_.load(std::memory_order_relaxed));
+        m_pBilateralFilter->setColorDistanceFactor(polish_color_distance_factor_.load(std::memory_order_relaxed));
+        doRenderWithFilter(t1, t1, t2, m_pBilateralFilter.get(), 1);
+        doRenderWithFilter(t2, t2, t1, m_pBilateralFilter.get(), 2);
+      }
+      if ((mask & BeautifySharpen) == 0) {
+        // Detail layer: smoothed minus input around mid grey, blurred, added back doubled.
+        const Texture* layer = other(skin);
+        m_pOverlayFilter->setSrcDirection(-1.0f);
+        m_pOverlayFilter->setMultifyVal(1.0f);
+        m_pOverlayFilter->setOverlayVal(kHighPassOffset);
+        doRenderWithFilter(t0, skin, layer, m_pOverlayFilter.get(), 1);
+        m_pGaussianBlurFilter->setStepOffset(1.0f);
+        m_pGaussianBlurFilter->setBlurRadisAndSigma(1.0f, 2.0f);
+        doRenderWithFilter(layer, nullptr, skin, m_pGaussianBlurFilter.get(), 1);
+        doRenderWithFilter(skin, nullptr, layer, m_pGaussianBlurFilter.get(), 2);
+        m_pOverlayFilter->setSrcDirection(1.0f);
+        m_pOverlayFilter->setMultifyVal(2.0f);
+        m_pOverlayFilter->setOverlayVal(kAddBackOffset);
+        doRenderWithFilter(t0, layer, skin, m_pOverlayFilter.get(), 1);
+      }
+      if ((mask & BeautifySkinWhiten) != 0) {
+        m_pPinkWhitenFilter->setWhitenFactor(pinkwhiten_factor_.load(std::memory_order_relaxed));
+        doRenderWithFilter(skin, nullptr, other(skin), m_pPinkWhitenFilter.get(), 1);
+        skin = other(skin);
+      }
+      m_pAlphaBlendFilter->setAlpha((mask & BeautifySharpen) != 0 ? kSkinBlendWeightSharpen : kSkinBlendWeight);
+      doRenderWithFilter(t0, skin, other(skin), m_pAlphaBlendFilter.get(), 1);
+      current = other(skin);
+    }
+    if ((mask & BeautifyWhiten) != 0) {
+      m_pWhitenFilter->setWhitenFactor(whiten_factor_.load(std::memory_order_relaxed));
+      doRenderWithFilter(current, nullptr, other(current), m_pWhitenFilter.get(), 1);
+      current = other(current);
+    }
+    if ((mask & BeautifySharpen) != 0) {
+      m_pSharpenFilter->setSampleFactor(sharppen_factor_.load(std::memory_order_relaxed));
+      doRenderWithFilter(current, nullptr, other(current), m_pSharpenFilter.get(), 1);
+      current = other(current);
+    }
+  }
+  if (m_pCustomizedFilter) {
+    doRenderWithFilter(current, nullptr, other(current), m_pCustomizedFilter.get(), 1);
+    current = other(current);
+  }
+  return current;
+}
+
+void LumoImageFilter::doRenderWithFilter(const Texture* first, const Texture* second, const Texture* target,
+                                         VideoProcessFilter* filter, int32_t whichPass) {
+  if (filter->imgWidth() != m_nImgWidth || filter->imgHeight() != m_nImgHeight) {
+    filter->doChangeFormat(0, m_nImgWidth, m_nImgHeight, nullptr);
+  }
+  glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(getCurrentFrameBuffer()));
+  glViewport(0, 0, m_nViewWidth, m_nViewHeight);
+  glUseProgram(filter->program());
+  glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+  // The clear comes before this pass attaches its target, so it clears the framebuffer's previous
+  // attachment (the target of two passes ago, which no later pass reads); on a framebuffer's first use
+  // there is nothing attached and GL reports GL_INVALID_FRAMEBUFFER_OPERATION, which is harmless.
+  glClear(GL_COLOR_BUFFER_BIT);
+  gldebug::discardErrors();
+
+  glActiveTexture(GL_TEXTURE0);
+  glBindTexture(first->target(), first->name());
+  setSamplingParameters();
+  if (second != nullptr) {
+    glActiveTexture(GL_TEXTURE2);
+    glBindTexture(second->target(), second->name());
+    setSamplingParameters();
+  }
+  filter->setUniforms(whichPass);
+
+  glActiveTexture(GL_TEXTURE1);
+  glBindTexture(target->target(), target->name());
+  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target->name(), 0);
+  setSamplingParameters();
+  filter->setAttributes(whichPass);
+  gldebug::checkFramebuffer("LumoImageFilter::doRenderWithFilter()");
+  glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+  gldebug::checkError("LumoImageFilter::doRenderWithFilter()");
+}
+
+}  // namespace lumo

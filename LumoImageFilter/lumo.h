@@ -1,0 +1,21 @@
+#pragma once
+
+// Everything a host needs: the facade, every filter, the shader texts and the platform layer.
+#include "Export.h"
+#include "GLContext.h"
+#include "Log.h"
+#include "LumoImageFilter.h"
+#include "PixelBuffer.h"
+#include "Shaders.h"
+#include "TextureCache.h"
+#include "VideoProcessAlphaBlendFilter.h"
+#include "VideoProcessBilateralFilter.h"
+#include "VideoProcessCustomizedFilter.h"
+#include "VideoProcessFilter.h"
+#include "VideoProcessGaussianBlurFilter.h"
+#include "VideoProcessOverlayFilter.h"
+#include "VideoProcessPassThroughFilter.h"
+#include "VideoProcessPinkWhitenFilter.h"
+#include "VideoProcessSharpenFilter.h"
+#include "VideoProcessSkinDetectFilter.h"
+#include "VideoProcessWhitenFilter.h"

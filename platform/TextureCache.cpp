@@ -1,0 +1,302 @@
+#include "TextureCache.h"
+
+#include <GLES2/gl2.h>
+#include <GLES2/gl2ext.h>
+
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace lumo {
+namespace {
+
+constexpr GLenum kUnpackRowLength = 0x0CF2;  // GL_UNPACK_ROW_LENGTH of ES 3.0 and EXT_unpack_subimage
+
+bool glHasExtension(const char* name) {
+  const char* list = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+  if (list == nullptr) return false;
+  const std::string extensions = std::string(" ") + list + " ";
+  return extensions.find(std::string(" ") + name + " ") != std::string::npos;
+}
+
+bool glVersionAtLeast3() {
+  const char* version = reinterpret_cast<const char*>(glGetString(GL_VERSION));
+  // "OpenGL ES 3.2 Mesa ..." or "OpenGL ES 2.0 ..."
+  return version != nullptr && std::strncmp(version, "OpenGL ES ", 10) == 0 && version[10] >= '3';
+}
+
+// BGRA <-> RGBA is the same byte swap both ways.
+void swapRedBlue(const uint8_t* from, uint8_t* to, size_t pixels) {
+  for (size_t i = 0; i < pixels; ++i) {
+    to[4 * i + 0] = from[4 * i + 2];
+    to[4 * i + 1] = from[4 * i + 1];
+    to[4 * i + 2] = from[4 * i + 0];
+    to[4 * i + 3] = from[4 * i + 3];
+  }
+}
+
+}  // namespace
+
+class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_from_this<TextureCacheCore> {
+ public:
+  TextureCacheCore(std::shared_ptr<GLContext> context, const TextureCacheAttributes& attributes)
+      : context_(std::move(context)) {
+    ContextGuard guard(context_.get());
+    if (!guard.ok()) return;
+    nativeBgra_ = attributes.useBgraExtensions && glHasExtension("GL_EXT_texture_format_BGRA8888");
+    readBgra_ = attributes.useBgraExtensions && glHasExtension("GL_EXT_read_format_bgra");
+    unpackRowLength_ = glVersionAtLeast3() || glHasExtension("GL_EXT_unpack_subimage");
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &maxTextureSize_);
+    ready_ = true;
+  }
+
+  ~TextureCacheCore() override = default;
+
+  bool ready() const { return ready_; }
+  bool nativeBgra() const { return nativeBgra_; }
+
+  int32_t map(const PixelBufferRef& buffer, TextureRef* out) {
+    bool markShareable = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ContextGuard guard(context_.get());
+      if (!guard.ok()) return kTextureCacheErrorNoContext;
+      if (buffer->width() > maxTextureSize_ || buffer->height() > maxTextureSize_) {
+        return kTextureCacheErrorTooLarge;
+      }
+      purgeDeadLocked();
+      auto found = entries_.find(buffer->identifier());
+      if (found == entries_.end()) {
+        found = entries_.emplace(buffer->identifier(), std::make_unique<Entry>()).first;
+        Entry& entry = *found->second;
+        entry.buffer = buffer;
+        glGenTextures(1, &entry.texture.name_);
+        entry.texture.target_ = GL_TEXTURE_2D;
+        entry.texture.buffer_ = buffer.get();
+        ++statistics_.texturesCreated;
+      }
+      Entry& entry = *found->second;
+      const uint64_t version = buffer->contentVersion();
+      glBindTexture(GL_TEXTURE_2D, entry.texture.name_);
+      if (entry.uploadedVersion != version) {
+        upload(*buffer, entry.allocated);
+        entry.allocated = true;
+        entry.uploadedVersion = version;
+      }
+      glBindTexture(GL_TEXTURE_2D, 0);
+      ++entry.texture.lends_;
+      entry.texture.owner_ = shared_from_this();
+      out->reset(&entry.texture);
+      markShareable = buffer->isGpuShareable();
+    }
+    // Outside the cache's lock: the buffer's lock is taken before the cache's on readback.
+    if (markShareable) buffer->markGpuNewer(weak_from_this());
+    return kTextureCacheSuccess;
+  }
+
+  void release(Texture* texture) {
+    std::shared_ptr<TextureCacheCore> keepAlive;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (--texture->lends_ == 0) keepAlive = std::move(texture->owner_);
+  }
+
+  void readBack(PixelBuffer& buffer) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = entries_.find(buffer.identifier());
+    if (found == entries_.end() || !found->second->allocated) return;
+    ContextGuard guard(context_.get());
+    if (!guard.ok()) return;
+    if (readFramebuffer_ == 0) glGenFramebuffers(1, &readFramebuffer_);
+    glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, found->second->texture.name_,
+                           0);
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    const size_t rowBytes = static_cast<size_t>(buffer.width()) * 4;
+    auto* bytes = static_cast<uint8_t*>(buffer.baseAddress());
+    const bool tight = buffer.bytesPerRow() == rowBytes;
+    uint8_t* target = bytes;
+    if (!tight || !readBgra_) {
+      scratch_.resize(rowBytes * static_cast<size_t>(buffer.height()));
+      target = scratch_.data();
+    }
+    glReadPixels(0, 0, buffer.width(), buffer.height(), readBgra_ ? GL_BGRA_EXT : GL_RGBA, GL_UNSIGNED_BYTE,
+                 target);
+    if (target != bytes) {
+      for (int32_t y = 0; y < buffer.height(); ++y) {
+        const uint8_t* from = target + rowBytes * static_cast<size_t>(y);
+        uint8_t* to = bytes + buffer.bytesPerRow() * static_cast<size_t>(y);
+        if (readBgra_) {
+          std::memcpy(to, from, rowBytes);
+        } else {
+          swapRedBlue(from, to, static_cast<size_t>(buffer.width()));
+        }
+      }
+    }
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    ++statistics_.readbacks;
+  }
+
+  // Buffers still alive whose GL copy may be newer than their memory.
+  std::vector<PixelBufferRef> liveShareableBuffers() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<PixelBufferRef> live;
+    for (auto& [id, entry] : entries_) {
+      if (auto buffer = entry->buffer.lock(); buffer && buffer->isGpuShareable()) live.push_back(buffer);
+    }
+    return live;
+  }
+
+  void deleteAll() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ContextGuard guard(context_.get());
+    for (auto it = entries_.begin(); it != entries_.end();) {
+      if (it->second->texture.lends_ > 0) {
+        ++it;
+        continue;
+      }
+      if (guard.ok()) glDeleteTextures(1, &it->second->texture.name_);
+      ++statistics_.texturesDeleted;
+      it = entries_.erase(it);
+    }
+    if (guard.ok() && readFramebuffer_ != 0) glDeleteFramebuffers(1, &readFramebuffer_);
+    readFramebuffer_ = 0;
+  }
+
+  void flush() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ContextGuard guard(context_.get());
+    if (guard.ok()) purgeDeadLocked();
+  }
+
+  TextureCacheStatistics statistics() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    TextureCacheStatistics copy = statistics_;
+    copy.liveTextures = entries_.size();
+    return copy;
+  }
+
+ private:
+  struct Entry {
+    std::weak_ptr<PixelBuffer> buffer;
+    Texture texture;
+    uint64_t uploadedVersion = 0;
+    bool allocated = false;
+  };
+
+  // Needs the context current and the lock held.
+  void purgeDeadLocked() {
+    for (auto it = entries_.begin(); it != entries_.end();) {
+      if (it->second->buffer.expired() && it->second->texture.lends_ == 0) {
+        glDeleteTextures(1, &it->second->texture.name_);
+        ++statistics_.texturesDeleted;
+        it = entries_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+
+  // Needs the texture bound to GL_TEXTURE_2D.
+  void upload(const PixelBuffer& buffer, bool allocated) {
+    const GLsizei width = buffer.width();
+    const GLsizei height = buffer.height();
+    const GLenum format = nativeBgra_ ? GL_BGRA_EXT : GL_RGBA;
+    const size_t rowBytes = static_cast<size_t>(width) * 4;
+    const auto* bytes = static_cast<const uint8_t*>(buffer.baseAddress());
+    const uint8_t* source = bytes;
+    bool rowLengthSet = false;
+    if (nativeBgra_ && buffer.bytesPerRow() != rowBytes && unpackRowLength_ && buffer.bytesPerRow() % 4 == 0) {
+      glPixelStorei(kUnpackRowLength, static_cast<GLint>(buffer.bytesPerRow() / 4));
+      rowLengthSet = true;
+    } else if (!nativeBgra_ || buffer.bytesPerRow() != rowBytes) {
+      scratch_.resize(rowBytes * static_cast<size_t>(height));
+      for (GLsizei y = 0; y < height; ++y) {
+        const uint8_t* from = bytes + buffer.bytesPerRow() * static_cast<size_t>(y);
+        uint8_t* to = scratch_.data() + rowBytes * static_cast<size_t>(y);
+        if (nativeBgra_) {
+          std::memcpy(to, from, rowBytes);
+        } else {
+          swapRedBlue(from, to, static_cast<size_t>(width));
+        }
+      }
+      source = scratch_.data();
+    }
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    if (allocated) {
+      glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, format, GL_UNSIGNED_BYTE, source);
+    } else {
+      // GLES wants the internal format equal to the format; GL_RGBA + GL_BGRA_EXT is not accepted.
+      glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), width, height, 0, format, GL_UNSIGNED_BYTE,
+                   source);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    }
+    if (rowLengthSet) glPixelStorei(kUnpackRowLength, 0);
+    ++statistics_.uploads;
+  }
+
+  std::shared_ptr<GLContext> context_;
+  mutable std::mutex mutex_;
+  std::unordered_map<uint64_t, std::unique_ptr<Entry>> entries_;
+  std::vector<uint8_t> scratch_;
+  TextureCacheStatistics statistics_;
+  GLuint readFramebuffer_ = 0;
+  GLint maxTextureSize_ = 0;
+  bool nativeBgra_ = false;
+  bool readBgra_ = false;
+  bool unpackRowLength_ = false;
+  bool ready_ = false;
+};
+
+void TextureRelease::operator()(Texture* texture) const {
+  if (texture == nullptr) return;
+  // The owner is moved out under the core's lock and dropped after it, so the core may go with it.
+  TextureCacheCore* core = texture->owner_.get();
+  if (core != nullptr) core->release(texture);
+}
+
+TextureCache::TextureCache(std::shared_ptr<TextureCacheCore> core) : core_(std::move(core)) {}
+
+int32_t TextureCache::create(std::shared_ptr<GLContext> context, const TextureCacheAttributes& attributes,
+                             std::shared_ptr<TextureCache>* out) {
+  if (out == nullptr) return kTextureCacheErrorInvalidArgument;
+  out->reset();
+  if (!context) return kTextureCacheErrorInvalidArgument;
+  auto core = std::make_shared<TextureCacheCore>(std::move(context), attributes);
+  if (!core->ready()) return kTextureCacheErrorNoContext;
+  *out = std::make_shared<TextureCache>(std::move(core));
+  return kTextureCacheSuccess;
+}
+
+TextureCache::~TextureCache() {
+  for (const PixelBufferRef& buffer : core_->liveShareableBuffers()) buffer->synchronizeFromGpu();
+  core_->deleteAll();
+}
+
+int32_t TextureCache::createTextureFromImage(const PixelBufferRef& buffer, uint32_t target,
+                                             int32_t internalFormat, int32_t width, int32_t height,
+                                             uint32_t format, uint32_t type, size_t plane, TextureRef* texture) {
+  if (texture == nullptr) return kTextureCacheErrorInvalidArgument;
+  texture->reset();
+  if (!buffer) return kTextureCacheErrorInvalidArgument;
+  if (target != GL_TEXTURE_2D || (internalFormat != GL_RGBA && internalFormat != GL_BGRA_EXT) ||
+      format != GL_BGRA_EXT || type != GL_UNSIGNED_BYTE || plane != 0 ||
+      buffer->pixelFormat() != kPixelFormat32BGRA) {
+    return kTextureCacheErrorUnsupported;
+  }
+  if (width != buffer->width() || height != buffer->height()) return kTextureCacheErrorSizeMismatch;
+  return core_->map(buffer, texture);
+}
+
+void TextureCache::flush() { core_->flush(); }
+
+TextureCacheStatistics TextureCache::statistics() const { return core_->statistics(); }
+
+bool TextureCache::usesBgraTextures() const { return core_->nativeBgra(); }
+
+}  // namespace lumo

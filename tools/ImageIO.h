@@ -1,0 +1,29 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace lumo::tools {
+
+// A packed BGRA image (stride = width * 4), the layout the library takes.
+struct Image {
+  int32_t width = 0;
+  int32_t height = 0;
+  std::vector<uint8_t> bgra;
+};
+
+enum class ImageFormat { Png, Jpeg, Unknown };
+
+// From the file name's extension: .png, .jpg, .jpeg (any case).
+ImageFormat formatForPath(const std::string& path);
+
+// Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure.
+bool readImage(const std::string& path, Image* image, std::string* error);
+bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* error);
+
+// Encode to the format the name asks for, written to a temporary name and renamed, so that a failure
+// leaves nothing behind. JPEG quality 92.
+bool writeImage(const std::string& path, const Image& image, std::string* error);
+
+}  // namespace lumo::tools
