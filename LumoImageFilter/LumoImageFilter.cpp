@@ -158,7 +158,14 @@ int32_t LumoImageFilter::changeFormat(int32_t /*format*/, int32_t width, int32_t
   m_nViewWidth = width;
   m_nImgHeight = height;
   m_nViewHeight = height;
-  // The previous buffers are dropped, not freed: a host still holding a result keeps it.
+  // The previous buffers are dropped, not freed: a host still holding a result keeps it. Each pass clears
+  // its framebuffer before attaching its own target, so the pool lets go of the old textures first, or
+  // the next frame's first clears would wipe a result the host still holds.
+  for (const uint32_t framebuffer : m_hFrameBufferPool) {
+    if (framebuffer == 0) continue;
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
+  }
   createEmptyPixelBuffer(&m_pRenderPixelBuffer, width, height);
   createEmptyPixelBuffer(&m_pRenderPixelBuffer2, width, height);
   return 0;
