@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages the build, the tools and the tests need, when they are missing.
+set -euo pipefail
+packages=(
+  build-essential cmake pkg-config
+  libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri   # EGL + GLES headers, Mesa's llvmpipe
+  libpng-dev libjpeg62-turbo-dev                        # lumo-beautify's codecs
+  googletest libgtest-dev                               # tests
+)
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" || missing+=("$package")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "install-deps: installing ${missing[*]}"
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds and runs every test twice: a Release build, then a Debug build with AddressSanitizer and
+# UndefinedBehaviorSanitizer (and the debug GL checks on).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+jobs=$(nproc)
+
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release
+cmake --build build/release -j "$jobs"
+ctest --test-dir build/release --output-on-failure -j "$jobs"
+
+cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DLUMO_SANITIZE=address,undefined
+cmake --build build/asan -j "$jobs"
+# Mesa's driver keeps a few allocations for the life of the process; scripts/lsan.supp names them.
+ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp:print_suppressions=0" \
+UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  ctest --test-dir build/asan --output-on-failure -j "$jobs"
