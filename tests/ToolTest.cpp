@@ -1,0 +1,143 @@
+// lumo-beautify as a subprocess: the default run, round trips, error cases, the raw stream.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "ImageIO.h"
+#include "RawStream.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+  int status;
+  std::string err;
+};
+
+class Tool : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() / ("lumo-tool-" + std::to_string(::getpid()) + "-" +
+                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(dir_);
+    fs::create_directories(dir_);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  Outcome run(const std::string& arguments) {
+    const std::string errFile = (dir_ / "stderr.txt").string();
+    const std::string command = "cd '" + dir_.string() + "' && '" LUMO_TOOL "' " + arguments + " 2>'" + errFile + "'";
+    const int raw = std::system(command.c_str());
+    std::ifstream in(errFile);
+    std::string err((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, err};
+  }
+  size_t fileCount() { return static_cast<size_t>(std::distance(fs::directory_iterator(dir_), {})); }
+  fs::path dir_;
+};
+
+TEST_F(Tool, DefaultRunWritesResultAndComparison) {
+  const Outcome r = run("");
+  ASSERT_EQ(r.status, 0) << r.err;
+  lumo::tools::Image result, compare, sample;
+  std::string error;
+  ASSERT_TRUE(lumo::tools::readImage((dir_ / "astronaut-beautified.png").string(), &result, &error)) << error;
+  ASSERT_TRUE(lumo::tools::readImage((dir_ / "astronaut-beautified-compare.png").string(), &compare, &error));
+  ASSERT_TRUE(lumo::tools::readImage(LUMO_SAMPLE_IMAGE, &sample, &error));
+  EXPECT_EQ(compare.width, 2 * sample.width);
+  EXPECT_NE(result.bgra, sample.bgra);
+  EXPECT_NE(r.err.find("wrote astronaut-beautified.png"), std::string::npos);
+}
+
+TEST_F(Tool, PngAndJpegRoundTrips) {
+  EXPECT_EQ(run("'" LUMO_SAMPLE_IMAGE "' -o out.jpg").status, 0);
+  EXPECT_EQ(run("out.jpg -o back.png --mask whiten").status, 0);
+  lumo::tools::Image image;
+  std::string error;
+  ASSERT_TRUE(lumo::tools::readImage((dir_ / "back.png").string(), &image, &error)) << error;
+  EXPECT_EQ(image.width, 512);
+  EXPECT_EQ(run("back.png -o same.png --mask 0").status, 0);
+  lumo::tools::Image same;
+  ASSERT_TRUE(lumo::tools::readImage((dir_ / "same.png").string(), &same, &error));
+  EXPECT_EQ(same.bgra, image.bgra) << "mask 0 is lossless through PNG";
+}
+
+TEST_F(Tool, ErrorsNameTheirCauseAndLeaveNothing) {
+  EXPECT_EQ(run("--mask shine").status, 2);
+  EXPECT_EQ(run("--preset 14").status, 2);
+  EXPECT_EQ(run("--whiten abc").status, 2);
+  EXPECT_EQ(run("--frobnicate").status, 2);
+  Outcome r = run("missing.png -o out.png");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("missing.png"), std::string::npos);
+  std::ofstream(dir_ / "corrupt.png") << "\x89PNG\r\n\x1a\n not really";
+  EXPECT_EQ(run("corrupt.png -o out.png").status, 1);
+  std::ofstream(dir_ / "text.png") << "hello";
+  r = run("text.png -o out.png");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("unsupported"), std::string::npos);
+  // A truncated PNG: the first half of the sample.
+  std::ifstream sample(LUMO_SAMPLE_IMAGE, std::ios::binary);
+  std::string bytes((std::istreambuf_iterator<char>(sample)), std::istreambuf_iterator<char>());
+  std::ofstream(dir_ / "half.png", std::ios::binary) << bytes.substr(0, bytes.size() / 2);
+  EXPECT_EQ(run("half.png -o out.png").status, 1);
+  EXPECT_EQ(run("'" LUMO_SAMPLE_IMAGE "' -o out.gif").status, 2);
+  fs::copy_file(LUMO_SAMPLE_IMAGE, dir_ / "in.png");
+  EXPECT_EQ(run("in.png -o in.png").status, 2) << "never overwrites the input";
+  EXPECT_EQ(fileCount(), 5u) << "corrupt, text, half, in and stderr: no output, no temporary";
+}
+
+TEST_F(Tool, RawStreamWritesCompleteFramesThenReportsATruncatedOne) {
+  const size_t frame = 16 * 8 * 4;
+  std::string data(frame * 3 + frame / 2, '\x90');
+  std::ofstream(dir_ / "in.raw", std::ios::binary) << data;
+  const Outcome r = run("--raw 16x8 in.raw -o out.raw");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("stream ended inside frame 4"), std::string::npos) << r.err;
+  const Outcome full = run("--raw 16x8 - -o - < in.raw > piped.raw");
+  EXPECT_EQ(full.status, 1);
+  EXPECT_EQ(fs::file_size(dir_ / "piped.raw"), frame * 3) << "the complete frames are written";
+  EXPECT_NE(full.err.find("3 frames"), std::string::npos) << full.err;
+}
+
+TEST_F(Tool, ClosedOutputPipeEndsQuietly) {
+  // The tool's own status, through bash's PIPESTATUS.
+  const std::string command = "bash -c \"'" LUMO_TOOL "' --raw 64x64 /dev/zero -o - 2>/dev/null | head -c 100 "
+                              ">/dev/null; exit \\${PIPESTATUS[0]}\"";
+  const int raw = std::system(command.c_str());
+  EXPECT_TRUE(WIFEXITED(raw));
+  EXPECT_EQ(WEXITSTATUS(raw), 0);
+}
+
+TEST(RawReader, FramesSplitAcrossShortReads) {
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  std::thread writer([fd = fds[1]] {
+    std::string data(1000, 'a');
+    for (size_t at = 0; at < data.size(); at += 37) {
+      lumo::tools::writeAll(fd, reinterpret_cast<const uint8_t*>(data.data()) + at, std::min<size_t>(37, data.size() - at));
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    ::close(fd);
+  });
+  std::vector<uint8_t> frame(400);
+  size_t got = 0;
+  EXPECT_EQ(lumo::tools::readFrame(fds[0], frame.data(), frame.size(), &got), lumo::tools::ReadResult::Frame);
+  EXPECT_EQ(lumo::tools::readFrame(fds[0], frame.data(), frame.size(), &got), lumo::tools::ReadResult::Frame);
+  EXPECT_EQ(lumo::tools::readFrame(fds[0], frame.data(), frame.size(), &got), lumo::tools::ReadResult::Truncated);
+  EXPECT_EQ(got, 200u);
+  EXPECT_EQ(lumo::tools::readFrame(fds[0], frame.data(), frame.size(), &got), lumo::tools::ReadResult::End);
+  writer.join();
+  ::close(fds[0]);
+}
+
+}  // namespace
