@@ -6,6 +6,9 @@ packages=(
   libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri   # EGL + GLES headers, Mesa's llvmpipe
   libpng-dev libjpeg62-turbo-dev                        # lumo-beautify's codecs
   googletest libgtest-dev                               # tests
+  ffmpeg gstreamer1.0-tools                             # the pipe tests
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev  # the lumobeautify element
 )
 missing=()
 for package in "${packages[@]}"; do
