@@ -66,18 +66,23 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       if (buffer->width() > maxTextureSize_ || buffer->height() > maxTextureSize_) {
         return kTextureCacheErrorTooLarge;
       }
-      purgeDeadLocked();
       auto found = entries_.find(buffer->identifier());
+      // A host that wraps each frame in a new buffer gets the texture of a dead one back, so that
+      // steady-state frames make no GL object and no allocation.
+      if (found == entries_.end()) found = recycleDeadLocked(buffer);
+      purgeDeadLocked();
       if (found == entries_.end()) {
         found = entries_.emplace(buffer->identifier(), std::make_unique<Entry>()).first;
         Entry& entry = *found->second;
-        entry.buffer = buffer;
         glGenTextures(1, &entry.texture.name_);
         entry.texture.target_ = GL_TEXTURE_2D;
-        entry.texture.buffer_ = buffer.get();
         ++statistics_.texturesCreated;
       }
       Entry& entry = *found->second;
+      entry.buffer = buffer;
+      entry.texture.buffer_ = buffer.get();
+      entry.width = buffer->width();
+      entry.height = buffer->height();
       const uint64_t version = buffer->contentVersion();
       glBindTexture(GL_TEXTURE_2D, entry.texture.name_);
       if (entry.uploadedVersion != version) {
@@ -183,8 +188,30 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     std::weak_ptr<PixelBuffer> buffer;
     Texture texture;
     uint64_t uploadedVersion = 0;
+    int32_t width = 0;
+    int32_t height = 0;
     bool allocated = false;
   };
+
+  using Entries = std::unordered_map<uint64_t, std::unique_ptr<Entry>>;
+
+  // Needs the lock held. Re-keys a dead entry of the same size (the node moves, nothing is allocated).
+  Entries::iterator recycleDeadLocked(const PixelBufferRef& buffer) {
+    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+      const Entry& entry = *it->second;
+      if (!entry.buffer.expired() || entry.texture.lends_ != 0 || !entry.allocated ||
+          entry.width != buffer->width() || entry.height != buffer->height()) {
+        continue;
+      }
+      auto node = entries_.extract(it);
+      node.key() = buffer->identifier();
+      node.mapped()->buffer = buffer;  // alive again before the purge that follows
+      node.mapped()->uploadedVersion = 0;
+      ++statistics_.texturesRecycled;
+      return entries_.insert(std::move(node)).position;
+    }
+    return entries_.end();
+  }
 
   // Needs the context current and the lock held.
   void purgeDeadLocked() {
@@ -242,7 +269,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
 
   std::shared_ptr<GLContext> context_;
   mutable std::mutex mutex_;
-  std::unordered_map<uint64_t, std::unique_ptr<Entry>> entries_;
+  Entries entries_;
   std::vector<uint8_t> scratch_;
   TextureCacheStatistics statistics_;
   GLuint readFramebuffer_ = 0;

@@ -31,6 +31,7 @@ struct TextureCacheStatistics {
   uint64_t texturesDeleted = 0;
   uint64_t uploads = 0;
   uint64_t readbacks = 0;
+  uint64_t texturesRecycled = 0;  // a dead buffer's texture handed to a new buffer of the same size
   uint64_t liveTextures = 0;
 };
 

@@ -219,6 +219,39 @@ TEST_P(TextureCacheGL, SteadyStateCreatesNoTexturesAndDeadBuffersArePurged) {
   EXPECT_EQ(cache_->statistics().liveTextures, 1u);
 }
 
+TEST_P(TextureCacheGL, ANewBufferEachFrameTakesOverTheDeadOnesTexture) {
+  // A host that wraps every frame anew (a decoder's or a GStreamer frame) must still get each frame's
+  // pixels, without a new GL texture a frame.
+  std::vector<uint8_t> bytes(32 * 16 * 4);
+  GLuint firstName = 0;
+  for (int frame = 0; frame < 5; ++frame) {
+    std::fill(bytes.begin(), bytes.end(), static_cast<uint8_t>(40 * frame + 10));
+    PixelBufferRef buffer;
+    ASSERT_EQ(PixelBuffer::createWithBytes(32, 16, kPixelFormat32BGRA, bytes.data(), 32 * 4, nullptr, {}, &buffer),
+              kPixelBufferSuccess);
+    TextureRef texture = map(buffer);
+    if (frame == 0) firstName = texture->name();
+    EXPECT_EQ(texture->name(), firstName);
+    ContextGuard guard(context_.get());
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture->name(), 0);
+    uint8_t pixel[4] = {0, 0, 0, 0};
+    glReadPixels(31, 15, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
+    glDeleteFramebuffers(1, &framebuffer);
+    EXPECT_EQ(pixel[1], 40 * frame + 10) << "frame " << frame << " shows an older frame's pixels";
+  }
+  EXPECT_EQ(cache_->statistics().texturesCreated, 1u);
+  EXPECT_EQ(cache_->statistics().texturesRecycled, 4u);
+  EXPECT_EQ(cache_->statistics().uploads, 5u);
+  // Another size gets a texture of its own.
+  PixelBufferRef other;
+  PixelBuffer::create(16, 16, kPixelFormat32BGRA, {}, &other);
+  map(other);
+  EXPECT_EQ(cache_->statistics().texturesCreated, 2u);
+}
+
 TEST_P(TextureCacheGL, RefusesWhatItCannotMap) {
   PixelBufferRef buffer;
   PixelBuffer::create(8, 8, kPixelFormat32BGRA, {}, &buffer);

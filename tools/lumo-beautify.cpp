@@ -17,10 +17,12 @@
 
 #include "ImageIO.h"
 #include "RawStream.h"
+#include "Settings.h"
 
 namespace {
 
 using lumo::tools::Image;
+namespace settings = lumo::settings;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
@@ -32,13 +34,13 @@ struct Options {
   bool progress = false;
   int rawWidth = 0;
   int rawHeight = 0;
-  long mask = lumo::BeautifyPolish | lumo::BeautifyWhiten | lumo::BeautifySkinWhiten;
+  long mask = settings::kDefaultMask;
   long preset = 0;
-  float polishStep = 3.0f;
-  float polishFactor = 4.0f;
-  float whiten = 0.5f;
-  float sharpen = 0.0f;
-  float skinWhiten = 0.5f;
+  float polishStep = settings::kPolishStep.fallback;
+  float polishFactor = settings::kPolishFactor.fallback;
+  float whiten = settings::kWhiten.fallback;
+  float sharpen = settings::kSharpen.fallback;
+  float skinWhiten = settings::kSkinWhiten.fallback;
 };
 
 void printHelp() {
@@ -82,11 +84,17 @@ float parseFloat(const std::string& option, const char* text, float low, float h
   return value;
 }
 
+float parseRange(const std::string& option, const char* text, const settings::Range& range) {
+  return parseFloat(option, text, range.low, range.high);
+}
+
 long parseMask(const char* text) {
   char* end = nullptr;
   const long number = std::strtol(text, &end, 0);
   if (end != text && *end == '\0') {
-    if (number < 0 || number > 15) usageError(std::string("option --mask wants 0..15, got '") + text + "'");
+    if (number < 0 || number > settings::kAllPasses) {
+      usageError(std::string("option --mask wants 0..15, got '") + text + "'");
+    }
     return number;
   }
   long mask = 0;
@@ -137,17 +145,17 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--mask") {
       options.mask = parseMask(value());
     } else if (arg == "--preset") {
-      options.preset = static_cast<long>(parseFloat(arg, value(), 0, 13));
+      options.preset = static_cast<long>(parseFloat(arg, value(), 0, settings::kMaxPreset));
     } else if (arg == "--polish-step") {
-      options.polishStep = parseFloat(arg, value(), 0, 16);
+      options.polishStep = parseRange(arg, value(), settings::kPolishStep);
     } else if (arg == "--polish-factor") {
-      options.polishFactor = parseFloat(arg, value(), 0, 64);
+      options.polishFactor = parseRange(arg, value(), settings::kPolishFactor);
     } else if (arg == "--whiten") {
-      options.whiten = parseFloat(arg, value(), 0, 1);
+      options.whiten = parseRange(arg, value(), settings::kWhiten);
     } else if (arg == "--sharpen") {
-      options.sharpen = parseFloat(arg, value(), -1, 4);
+      options.sharpen = parseRange(arg, value(), settings::kSharpen);
     } else if (arg == "--skin-whiten") {
-      options.skinWhiten = parseFloat(arg, value(), 0, 1);
+      options.skinWhiten = parseRange(arg, value(), settings::kSkinWhiten);
     } else if (arg.size() > 1 && arg[0] == '-') {
       usageError("unknown option '" + arg + "'");
     } else {

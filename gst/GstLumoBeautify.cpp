@@ -1,0 +1,302 @@
+// lumobeautify: the beautify filter chain as a GStreamer video filter on packed BGRA frames.
+#include <gst/gst.h>
+#include <gst/video/gstvideofilter.h>
+#include <gst/video/video.h>
+
+#include <lumo/lumo.h>
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "Settings.h"
+
+GST_DEBUG_CATEGORY_STATIC(lumo_beautify_debug);
+#define GST_CAT_DEFAULT lumo_beautify_debug
+
+namespace {
+
+namespace settings = lumo::settings;
+
+// What the properties hold; copied under the object lock before each frame.
+struct Settings {
+  guint mask = settings::kDefaultMask;
+  guint preset = 0;
+  gfloat polishStep = settings::kPolishStep.fallback;
+  gfloat polishFactor = settings::kPolishFactor.fallback;
+  gfloat whiten = settings::kWhiten.fallback;
+  gfloat sharpen = settings::kSharpen.fallback;
+  gfloat skinWhiten = settings::kSkinWhiten.fallback;
+
+  bool passthrough() const { return mask == 0 && preset == 0; }
+};
+
+// The C++ side of the instance, constructed in instance_init and destroyed in finalize.
+struct State {
+  Settings settings;                                // guarded by the object lock
+  std::unique_ptr<lumo::LumoImageFilter> filter;    // made in start(), gone after stop()
+};
+
+enum Property : guint {
+  kPropMask = 1,
+  kPropPreset,
+  kPropPolishStep,
+  kPropPolishFactor,
+  kPropWhiten,
+  kPropSharpen,
+  kPropSkinWhiten,
+};
+
+}  // namespace
+
+struct GstLumoBeautify {
+  GstVideoFilter parent;
+  State state;
+};
+
+struct GstLumoBeautifyClass {
+  GstVideoFilterClass parent_class;
+};
+
+G_DEFINE_TYPE(GstLumoBeautify, gst_lumo_beautify, GST_TYPE_VIDEO_FILTER)
+
+namespace {
+
+GstLumoBeautify* self(gpointer object) { return reinterpret_cast<GstLumoBeautify*>(object); }
+
+GType maskType() {
+  static gsize type = 0;
+  static const GFlagsValue values[] = {
+      {lumo::BeautifyPolish, "Skin smoothing", "polish"},
+      {lumo::BeautifyWhiten, "Whiten the whole frame", "whiten"},
+      {lumo::BeautifySkinWhiten, "Pink whiten of skin", "skin-whiten"},
+      {lumo::BeautifySharpen, "Sharpen (drops the detail layer, blends skin at one half)", "sharpen"},
+      {0, nullptr, nullptr},
+  };
+  if (g_once_init_enter(&type)) g_once_init_leave(&type, g_flags_register_static("GstLumoBeautifyMask", values));
+  return static_cast<GType>(type);
+}
+
+constexpr auto kParamFlags =
+    static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_CONTROLLABLE |
+                             GST_PARAM_MUTABLE_PLAYING);
+
+GParamSpec* floatSpec(const char* name, const char* nick, const char* blurb, const settings::Range& range) {
+  return g_param_spec_float(name, nick, blurb, range.low, range.high, range.fallback, kParamFlags);
+}
+
+gfloat* floatField(Settings& settings, guint id) {
+  switch (id) {
+    case kPropPolishStep: return &settings.polishStep;
+    case kPropPolishFactor: return &settings.polishFactor;
+    case kPropWhiten: return &settings.whiten;
+    case kPropSharpen: return &settings.sharpen;
+    case kPropSkinWhiten: return &settings.skinWhiten;
+    default: return nullptr;
+  }
+}
+
+void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* pspec) {
+  GstLumoBeautify* element = self(object);
+  GST_OBJECT_LOCK(element);
+  Settings& settings = element->state.settings;
+  if (id == kPropMask) {
+    settings.mask = g_value_get_flags(value);
+  } else if (id == kPropPreset) {
+    settings.preset = g_value_get_uint(value);
+  } else if (gfloat* field = floatField(settings, id)) {
+    *field = g_value_get_float(value);
+  } else {
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+  }
+  GST_OBJECT_UNLOCK(element);
+}
+
+void getProperty(GObject* object, guint id, GValue* value, GParamSpec* pspec) {
+  GstLumoBeautify* element = self(object);
+  GST_OBJECT_LOCK(element);
+  Settings& settings = element->state.settings;
+  if (id == kPropMask) {
+    g_value_set_flags(value, settings.mask);
+  } else if (id == kPropPreset) {
+    g_value_set_uint(value, settings.preset);
+  } else if (gfloat* field = floatField(settings, id)) {
+    g_value_set_float(value, *field);
+  } else {
+    G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
+  }
+  GST_OBJECT_UNLOCK(element);
+}
+
+void finalize(GObject* object) {
+  self(object)->state.~State();
+  G_OBJECT_CLASS(gst_lumo_beautify_parent_class)->finalize(object);
+}
+
+// Runs `work` with the filter's GL context free to be made current, and leaves the calling thread's
+// context as it was: a streaming thread never keeps the library's context after a frame.
+template <typename Work>
+auto withCallerContext(Work&& work) {
+  const lumo::GLContext::Snapshot saved = lumo::GLContext::current();
+  auto result = work();
+  lumo::GLContext::setCurrent(saved);
+  return result;
+}
+
+gboolean start(GstBaseTransform* transform) {
+  GstLumoBeautify* element = self(transform);
+  auto filter = std::make_unique<lumo::LumoImageFilter>();
+  const int32_t status = withCallerContext([&] { return filter->create(); });
+  if (status != 0) {
+    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("Could not create the beautify filter chain"),
+                      ("no OpenGL ES 2.0 context through EGL (status %d)", status));
+    return FALSE;
+  }
+  element->state.filter = std::move(filter);
+  return TRUE;
+}
+
+gboolean stop(GstBaseTransform* transform) {
+  GstLumoBeautify* element = self(transform);
+  withCallerContext([&] {
+    element->state.filter.reset();
+    return 0;
+  });
+  return TRUE;
+}
+
+void beforeTransform(GstBaseTransform* transform, GstBuffer* buffer) {
+  // Controlled properties take their value for this buffer's time first.
+  const GstClockTime time = gst_segment_to_stream_time(&transform->segment, GST_FORMAT_TIME,
+                                                       GST_BUFFER_TIMESTAMP(buffer));
+  if (GST_CLOCK_TIME_IS_VALID(time)) gst_object_sync_values(GST_OBJECT(transform), time);
+  GST_OBJECT_LOCK(transform);
+  const bool passthrough = self(transform)->state.settings.passthrough();
+  GST_OBJECT_UNLOCK(transform);
+  gst_base_transform_set_passthrough(transform, passthrough ? TRUE : FALSE);
+}
+
+void copyRows(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, size_t rowBytes,
+              int height) {
+  for (int y = 0; y < height; ++y) {
+    std::memcpy(to + toStride * static_cast<size_t>(y), from + fromStride * static_cast<size_t>(y), rowBytes);
+  }
+}
+
+GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, GstVideoFrame* out) {
+  GstLumoBeautify* element = self(videoFilter);
+  lumo::LumoImageFilter* filter = element->state.filter.get();
+  if (filter == nullptr) {
+    GST_ELEMENT_ERROR(element, CORE, FAILED, ("lumobeautify received a frame before it was started"), (nullptr));
+    return GST_FLOW_ERROR;
+  }
+  GST_OBJECT_LOCK(element);
+  const Settings settings = element->state.settings;
+  GST_OBJECT_UNLOCK(element);
+
+  // The setters only record values; the filter applies them at the start of this frame's render.
+  filter->enableBeautifying(settings.mask);
+  filter->setCustomizedFilter(settings.preset);
+  filter->setPolishStep(settings.polishStep);
+  filter->setPolishFactor(settings.polishFactor);
+  filter->setWhitenFactor(settings.whiten);
+  filter->setSharppenFactor(settings.sharpen);
+  filter->setSkinWhitenFactor(settings.skinWhiten);
+
+  const int width = GST_VIDEO_FRAME_WIDTH(in);
+  const int height = GST_VIDEO_FRAME_HEIGHT(in);
+  const auto inStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(in, 0));
+  const auto outStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(out, 0));
+  const size_t rowBytes = static_cast<size_t>(width) * 4;
+
+  // The frame's memory is wrapped, not copied; the texture cache reuses the texture of the last frame.
+  lumo::PixelBufferRef input;
+  const int32_t wrapped = lumo::PixelBuffer::createWithBytes(
+      width, height, lumo::kPixelFormat32BGRA, GST_VIDEO_FRAME_PLANE_DATA(in, 0), inStride, nullptr, {}, &input);
+  if (wrapped != lumo::kPixelBufferSuccess) {
+    GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify cannot process a %d x %d frame", width, height),
+                      ("wrapping the frame failed with status %d", wrapped));
+    return GST_FLOW_ERROR;
+  }
+  const bool ok = withCallerContext([&] {
+    const lumo::PixelBufferRef result = filter->render(input);
+    // The input back means nothing was drawn: too large for the GPU, or the context was lost.
+    if (!result || result == input) return false;
+    if (result->lockBaseAddress(lumo::kPixelBufferLockReadOnly) != lumo::kPixelBufferSuccess) return false;
+    copyRows(static_cast<const uint8_t*>(result->baseAddress()), result->bytesPerRow(),
+             static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(out, 0)), outStride, rowBytes, height);
+    result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
+    return true;
+  });
+  if (!ok) {
+    GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify could not process a %d x %d frame", width, height),
+                      ("the filter chain drew nothing (frame larger than the GPU's texture limit, or the GL "
+                       "context was lost)"));
+    return GST_FLOW_ERROR;
+  }
+  return GST_FLOW_OK;
+}
+
+}  // namespace
+
+static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
+  auto* objectClass = G_OBJECT_CLASS(klass);
+  auto* elementClass = GST_ELEMENT_CLASS(klass);
+  auto* transformClass = GST_BASE_TRANSFORM_CLASS(klass);
+  auto* videoFilterClass = GST_VIDEO_FILTER_CLASS(klass);
+
+  objectClass->set_property = setProperty;
+  objectClass->get_property = getProperty;
+  objectClass->finalize = finalize;
+
+  g_object_class_install_property(
+      objectClass, kPropMask,
+      g_param_spec_flags("mask", "Passes", "Beautify passes to run, e.g. polish+whiten (none: only the preset)",
+                         maskType(), settings::kDefaultMask, kParamFlags));
+  g_object_class_install_property(
+      objectClass, kPropPreset,
+      g_param_spec_uint("preset", "Preset", "Colour preset drawn after the passes (0: none)", 0,
+                        settings::kMaxPreset, 0, kParamFlags));
+  g_object_class_install_property(
+      objectClass, kPropPolishStep,
+      floatSpec("polish-step", "Polish step", "Smoothing sample step in pixels", settings::kPolishStep));
+  g_object_class_install_property(
+      objectClass, kPropPolishFactor,
+      floatSpec("polish-factor", "Polish factor", "Smoothing colour-distance factor", settings::kPolishFactor));
+  g_object_class_install_property(
+      objectClass, kPropWhiten,
+      floatSpec("whiten", "Whiten", "Whiten balance: below 0.5 brightens, above darkens", settings::kWhiten));
+  g_object_class_install_property(
+      objectClass, kPropSharpen, floatSpec("sharpen", "Sharpen", "Sharpen strength", settings::kSharpen));
+  g_object_class_install_property(
+      objectClass, kPropSkinWhiten,
+      floatSpec("skin-whiten", "Skin whiten", "Pink whiten strength on skin", settings::kSkinWhiten));
+
+  GstCaps* caps = gst_caps_from_string(GST_VIDEO_CAPS_MAKE("BGRA"));
+  gst_element_class_add_pad_template(elementClass, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));
+  gst_element_class_add_pad_template(elementClass, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
+  gst_caps_unref(caps);
+  gst_element_class_set_static_metadata(elementClass, "Lumo beautify", "Filter/Effect/Video",
+                                        "Skin smoothing, whitening, sharpening and colour presets on the GPU",
+                                        "LumoImageFilter developers");
+
+  transformClass->start = start;
+  transformClass->stop = stop;
+  transformClass->before_transform = beforeTransform;
+  videoFilterClass->transform_frame = transformFrame;
+
+  gst_type_mark_as_plugin_api(maskType(), static_cast<GstPluginAPIFlags>(0));
+}
+
+static void gst_lumo_beautify_init(GstLumoBeautify* element) {
+  new (&element->state) State();
+}
+
+static gboolean plugin_init(GstPlugin* plugin) {
+  GST_DEBUG_CATEGORY_INIT(lumo_beautify_debug, "lumobeautify", 0, "Lumo beautify filter");
+  return gst_element_register(plugin, "lumobeautify", GST_RANK_NONE, gst_lumo_beautify_get_type());
+}
+
+#define PACKAGE "lumoimagefilter"
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, lumo, "Real-time beautify filters for live video",
+                  plugin_init, LUMO_VERSION, "Proprietary", "LumoImageFilter", "none")

@@ -1,0 +1,308 @@
+// The lumobeautify element in a GstHarness: its frames against the library's own, caps, properties,
+// errors and state changes, with the real plugin file loaded.
+#include <gst/check/gstharness.h>
+#include <gst/gst.h>
+#include <gst/video/video.h>
+#include <gtest/gtest.h>
+
+#include <lumo/lumo.h>
+
+#include <EGL/egl.h>
+#include <GLES2/gl2.h>
+
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "support/GlHarness.h"
+
+namespace lumo::test {
+namespace {
+
+struct Settings {
+  uint32_t mask = BeautifyPolish | BeautifyWhiten | BeautifySkinWhiten;
+  uint32_t preset = 0;
+  float sharpen = 0.0f;
+  float whiten = 0.5f;
+};
+
+// The portrait tiled over the frame, shifted by `shift` pixels, so every size has skin and edges.
+reference::Frame portrait(int width, int height, int shift = 0) {
+  static const reference::Frame sample = loadSample();
+  reference::Frame frame(width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      std::memcpy(frame.at(x, y), sample.at((x + shift) % sample.width, y % sample.height), 4);
+    }
+  }
+  return frame;
+}
+
+// What the library itself returns for the frame.
+reference::Frame libraryResult(const reference::Frame& in, const Settings& settings) {
+  LumoImageFilter filter;
+  EXPECT_EQ(filter.create(), 0);
+  filter.enableBeautifying(settings.mask);
+  filter.setCustomizedFilter(settings.preset);
+  filter.setSharppenFactor(settings.sharpen);
+  filter.setWhitenFactor(settings.whiten);
+  const reference::Frame out = fromBuffer(filter.render(toBuffer(in)));
+  filter.destroy();
+  return out;
+}
+
+std::string bgraCaps(int width, int height) {
+  return "video/x-raw,format=BGRA,width=" + std::to_string(width) + ",height=" + std::to_string(height) +
+         ",framerate=30/1";
+}
+
+// A buffer holding the frame with `stride` bytes a row; a padded stride travels in a video meta, and the
+// padding holds a value the element must not pick up.
+GstBuffer* makeBuffer(const reference::Frame& frame, size_t stride = 0) {
+  const size_t rowBytes = static_cast<size_t>(frame.width) * 4;
+  if (stride == 0) stride = rowBytes;
+  GstBuffer* buffer = gst_buffer_new_allocate(nullptr, stride * static_cast<size_t>(frame.height), nullptr);
+  GstMapInfo map;
+  gst_buffer_map(buffer, &map, GST_MAP_WRITE);
+  std::memset(map.data, 0xA5, map.size);
+  for (int y = 0; y < frame.height; ++y) std::memcpy(map.data + stride * y, frame.at(0, y), rowBytes);
+  gst_buffer_unmap(buffer, &map);
+  if (stride != rowBytes) {
+    gsize offset[GST_VIDEO_MAX_PLANES] = {0};
+    gint strides[GST_VIDEO_MAX_PLANES] = {static_cast<gint>(stride)};
+    gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_FORMAT_BGRA,
+                                   static_cast<guint>(frame.width), static_cast<guint>(frame.height), 1, offset,
+                                   strides);
+  }
+  return buffer;
+}
+
+// Reads a buffer of the harness's output caps back into a frame, through its video meta if it has one.
+reference::Frame readBuffer(GstHarness* harness, GstBuffer* buffer) {
+  GstCaps* caps = gst_pad_get_current_caps(harness->sinkpad);
+  GstVideoInfo info;
+  gst_video_info_from_caps(&info, caps);
+  gst_caps_unref(caps);
+  GstVideoFrame video;
+  reference::Frame frame(GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info));
+  if (!gst_video_frame_map(&video, &info, buffer, GST_MAP_READ)) {
+    ADD_FAILURE() << "output buffer does not map as BGRA";
+    return frame;
+  }
+  const auto* data = static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&video, 0));
+  for (int y = 0; y < frame.height; ++y) {
+    std::memcpy(frame.at(0, y), data + GST_VIDEO_FRAME_PLANE_STRIDE(&video, 0) * y,
+                static_cast<size_t>(frame.width) * 4);
+  }
+  gst_video_frame_unmap(&video);
+  return frame;
+}
+
+// Pushes one buffer and pulls the processed frame.
+reference::Frame process(GstHarness* harness, const reference::Frame& in, size_t stride = 0) {
+  GstBuffer* out = gst_harness_push_and_pull(harness, makeBuffer(in, stride));
+  if (out == nullptr) {
+    ADD_FAILURE() << "no output buffer";
+    return {};
+  }
+  reference::Frame frame = readBuffer(harness, out);
+  gst_buffer_unref(out);
+  return frame;
+}
+
+void expectSameFrame(const reference::Frame& actual, const reference::Frame& expected) {
+  ASSERT_EQ(actual.width, expected.width);
+  ASSERT_EQ(actual.height, expected.height);
+  const Difference difference = compare(actual, expected, 0);
+  EXPECT_EQ(difference.maxColour, 0);
+  EXPECT_EQ(difference.maxAlpha, 0);
+}
+
+bool threadHasContext() { return GLContext::current().context != EGL_NO_CONTEXT; }
+
+TEST(LumoBeautifyElement, MatchesTheLibraryAtOddAndHdSizesAndPaddedStrides) {
+  const int sizes[][2] = {{385, 289}, {1280, 720}};
+  for (const auto& size : sizes) {
+    SCOPED_TRACE(std::to_string(size[0]) + " x " + std::to_string(size[1]));
+    GstHarness* harness = gst_harness_new("lumobeautify");
+    gst_harness_set_caps_str(harness, bgraCaps(size[0], size[1]).c_str(), bgraCaps(size[0], size[1]).c_str());
+    const reference::Frame in = portrait(size[0], size[1]);
+    const reference::Frame expected = libraryResult(in, Settings{});
+    EXPECT_GT(compare(expected, in, 0).shareAbove, 0.05) << "the default settings should change the frame";
+    expectSameFrame(process(harness, in), expected);
+    // Rows padded to a stride that is no multiple of the width's.
+    expectSameFrame(process(harness, in, static_cast<size_t>(size[0]) * 4 + 68), expected);
+    gst_harness_teardown(harness);
+  }
+}
+
+TEST(LumoBeautifyElement, PropertyChangesTakeEffectAtTheNextBuffer) {
+  GstHarness* harness = gst_harness_new("lumobeautify");
+  gst_harness_set_caps_str(harness, bgraCaps(160, 120).c_str(), bgraCaps(160, 120).c_str());
+  const reference::Frame in = portrait(160, 120, 200);
+  expectSameFrame(process(harness, in), libraryResult(in, Settings{}));
+
+  gst_util_set_object_arg(G_OBJECT(harness->element), "mask", "polish+whiten+sharpen");
+  g_object_set(harness->element, "preset", 5u, "sharpen", 1.0f, "whiten", 0.2f, nullptr);
+  Settings changed;
+  changed.mask = BeautifyPolish | BeautifyWhiten | BeautifySharpen;
+  changed.preset = 5;
+  changed.sharpen = 1.0f;
+  changed.whiten = 0.2f;
+  expectSameFrame(process(harness, in), libraryResult(in, changed));
+
+  // Only a preset.
+  gst_util_set_object_arg(G_OBJECT(harness->element), "mask", "");
+  Settings presetOnly = changed;
+  presetOnly.mask = 0;
+  expectSameFrame(process(harness, in), libraryResult(in, presetOnly));
+
+  // Nothing to do: the buffer passes through untouched, padding and all.
+  g_object_set(harness->element, "preset", 0u, nullptr);
+  GstBuffer* buffer = makeBuffer(in, 160 * 4 + 16);
+  GstBuffer* out = gst_harness_push_and_pull(harness, gst_buffer_ref(buffer));
+  EXPECT_EQ(out, buffer);
+  gst_buffer_unref(out);
+  gst_buffer_unref(buffer);
+
+  // And back on.
+  gst_util_set_object_arg(G_OBJECT(harness->element), "mask", "skin-whiten");
+  Settings skinOnly = presetOnly;
+  skinOnly.mask = BeautifySkinWhiten;
+  skinOnly.preset = 0;
+  expectSameFrame(process(harness, in), libraryResult(in, skinOnly));
+  gst_harness_teardown(harness);
+}
+
+TEST(LumoBeautifyElement, PropertiesHaveTheDefaultsAndRanges) {
+  GstElement* element = gst_element_factory_make("lumobeautify", nullptr);
+  ASSERT_NE(element, nullptr);
+  guint mask = 0;
+  guint preset = 99;
+  gfloat step = 0;
+  gfloat factor = 0;
+  gfloat skin = 0;
+  g_object_get(element, "mask", &mask, "preset", &preset, "polish-step", &step, "polish-factor", &factor,
+               "skin-whiten", &skin, nullptr);
+  EXPECT_EQ(mask, 7u);
+  EXPECT_EQ(preset, 0u);
+  EXPECT_EQ(step, 3.0f);
+  EXPECT_EQ(factor, 4.0f);
+  EXPECT_EQ(skin, 0.5f);
+  GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element), "preset");
+  ASSERT_NE(spec, nullptr);
+  EXPECT_EQ(G_PARAM_SPEC_UINT(spec)->maximum, 13u);
+  EXPECT_TRUE(spec->flags & GST_PARAM_MUTABLE_PLAYING);
+  EXPECT_TRUE(spec->flags & GST_PARAM_CONTROLLABLE);
+  gst_object_unref(element);
+}
+
+TEST(LumoBeautifyElement, RefusesCapsOtherThanBgra) {
+  GstHarness* harness = gst_harness_new("lumobeautify");
+  gst_harness_set_src_caps_str(harness, "video/x-raw,format=I420,width=64,height=48,framerate=30/1");
+  EXPECT_EQ(gst_harness_push(harness, gst_buffer_new_allocate(nullptr, 64 * 48 * 3 / 2, nullptr)),
+            GST_FLOW_NOT_NEGOTIATED);
+  gst_harness_teardown(harness);
+}
+
+TEST(LumoBeautifyElement, AFrameTheGpuCannotTakeIsAnElementErrorAndTheNextFrameWorks) {
+  GstHarness* harness = gst_harness_new("lumobeautify");
+  GstBus* bus = gst_bus_new();
+  gst_element_set_bus(harness->element, bus);
+
+  // Wider than any texture the GPU takes.
+  GLint maxSize = 0;
+  {
+    auto context = GLContext::create();
+    ContextGuard guard(context.get());
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &maxSize);
+  }
+  const int wide = maxSize + 1;
+  gst_harness_set_caps_str(harness, bgraCaps(wide, 1).c_str(), bgraCaps(wide, 1).c_str());
+  EXPECT_EQ(gst_harness_push(harness, makeBuffer(pattern(wide, 1, [](int x, int) {
+                                        return reference::Rgba{x % 256 / 255.0f, 0.5f, 0.5f, 1.0f};
+                                      }))),
+            GST_FLOW_ERROR);
+  GstMessage* message = gst_bus_pop_filtered(bus, GST_MESSAGE_ERROR);
+  ASSERT_NE(message, nullptr);
+  GError* error = nullptr;
+  gst_message_parse_error(message, &error, nullptr);
+  EXPECT_NE(std::string(error->message).find("could not process a " + std::to_string(wide) + " x 1 frame"),
+            std::string::npos)
+      << error->message;
+  g_error_free(error);
+  gst_message_unref(message);
+
+  gst_harness_set_caps_str(harness, bgraCaps(64, 48).c_str(), bgraCaps(64, 48).c_str());
+  const reference::Frame in = portrait(64, 48);
+  expectSameFrame(process(harness, in), libraryResult(in, Settings{}));
+  gst_element_set_bus(harness->element, nullptr);
+  gst_object_unref(bus);
+  gst_harness_teardown(harness);
+}
+
+TEST(LumoBeautifyElement, CyclesStatesWithoutData) {
+  GstElement* element = gst_element_factory_make("lumobeautify", nullptr);
+  ASSERT_NE(element, nullptr);
+  for (int cycle = 0; cycle < 5; ++cycle) {
+    EXPECT_EQ(gst_element_set_state(element, GST_STATE_PLAYING), GST_STATE_CHANGE_SUCCESS);
+    EXPECT_EQ(gst_element_set_state(element, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+  }
+  gst_object_unref(element);
+}
+
+TEST(LumoBeautifyElement, CyclesStatesWithDataFromAStreamingThreadThatChanges) {
+  GstHarness* harness = gst_harness_new("lumobeautify");
+  const reference::Frame in = portrait(96, 64, 150);
+  const reference::Frame expected = libraryResult(in, Settings{});
+  for (int cycle = 0; cycle < 4; ++cycle) {
+    SCOPED_TRACE("cycle " + std::to_string(cycle));
+    // Caps again after each restart: going to NULL drops the pads' sticky events.
+    gst_harness_set_caps_str(harness, bgraCaps(96, 64).c_str(), bgraCaps(96, 64).c_str());
+    reference::Frame out;
+    bool contextLeftCurrent = true;
+    std::thread streaming([&] {
+      out = process(harness, in);
+      contextLeftCurrent = threadHasContext();
+    });
+    streaming.join();
+    expectSameFrame(out, expected);
+    EXPECT_FALSE(contextLeftCurrent) << "the library's context stayed current on the streaming thread";
+    ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+    ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_PLAYING), GST_STATE_CHANGE_SUCCESS);
+  }
+  gst_harness_teardown(harness);
+}
+
+TEST(LumoBeautifyElement, LeavesTheStreamingThreadsOwnContextCurrent) {
+  auto host = GLContext::create();
+  ASSERT_TRUE(host);
+  ASSERT_TRUE(host->makeCurrent());
+  const GLContext::Snapshot before = GLContext::current();
+  GstHarness* harness = gst_harness_new("lumobeautify");
+  gst_harness_set_caps_str(harness, bgraCaps(32, 32).c_str(), bgraCaps(32, 32).c_str());
+  const reference::Frame out = process(harness, portrait(32, 32));
+  EXPECT_EQ(out.width, 32);
+  EXPECT_TRUE(GLContext::current() == before);
+  gst_harness_teardown(harness);
+  EXPECT_TRUE(GLContext::current() == before);
+  GLContext::setCurrent({});
+}
+
+}  // namespace
+}  // namespace lumo::test
+
+int main(int argc, char** argv) {
+  gst_init(&argc, &argv);
+  ::testing::InitGoogleTest(&argc, argv);
+  GError* error = nullptr;
+  GstPlugin* plugin = gst_plugin_load_file(LUMO_GST_PLUGIN, &error);
+  if (plugin == nullptr) {
+    std::fprintf(stderr, "cannot load %s: %s\n", LUMO_GST_PLUGIN, error ? error->message : "?");
+    return 1;
+  }
+  gst_object_unref(plugin);
+  const int result = RUN_ALL_TESTS();
+  gst_deinit();
+  return result;
+}

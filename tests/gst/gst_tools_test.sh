@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# The uninstalled plugin through GST_PLUGIN_PATH, as the README shows it: gst-inspect lists the element and
+# its properties, and gst-launch runs a test pattern through it into a file.
+# Usage: gst_tools_test.sh PLUGIN_DIR WORKDIR
+set -euo pipefail
+plugin_dir=$1 work=$2
+rm -rf "$work" && mkdir -p "$work"
+export GST_PLUGIN_PATH=$plugin_dir
+export GST_REGISTRY_1_0=$work/registry.bin
+fail() { echo "gst_tools_test: $*" >&2; exit 1; }
+
+inspect=$(gst-inspect-1.0 lumobeautify)
+for property in mask preset polish-step polish-factor whiten sharpen skin-whiten; do
+  grep -q "^  $property  *:" <<<"$inspect" || fail "gst-inspect does not list the property $property"
+done
+for nick in polish whiten skin-whiten sharpen; do
+  grep -q "): $nick " <<<"$inspect" || fail "gst-inspect does not list the mask flag $nick"
+done
+
+frames=60 width=640 height=480
+gst-launch-1.0 -q videotestsrc num-buffers=$frames \
+  ! video/x-raw,format=BGRA,width=$width,height=$height ! lumobeautify mask=polish+whiten \
+  ! filesink location="$work/out.bgra"
+gst-launch-1.0 -q videotestsrc num-buffers=$frames \
+  ! video/x-raw,format=BGRA,width=$width,height=$height ! filesink location="$work/in.bgra"
+size=$(stat -c %s "$work/out.bgra")
+[ "$size" -eq $((frames * width * height * 4)) ] || fail "out.bgra holds $size bytes, not $frames frames"
+cmp -s "$work/in.bgra" "$work/out.bgra" && fail "lumobeautify passed the frames through unchanged"
+echo "gst_tools_test: gst-inspect lists the properties; $frames frames of ${width}x${height} through gst-launch"
