@@ -22,3 +22,11 @@ endif()
 separate_arguments(flags UNIX_COMMAND "${flags}")
 run(c++ -std=c++17 ${SOURCE_DIR}/tests/consumer/main.cpp ${flags} -o ${WORK_DIR}/pkgconfig-consumer)
 run(${WORK_DIR}/pkgconfig-consumer)
+
+# The installed element loads from the prefix's plugin folder and finds the library through its rpath.
+file(GLOB_RECURSE plugin ${PREFIX}/*/gstreamer-1.0/libgstlumo.so)
+if(plugin)
+  get_filename_component(plugin_dir ${plugin} DIRECTORY)
+  run(${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH GST_PLUGIN_PATH=${plugin_dir}
+      GST_REGISTRY_1_0=${WORK_DIR}/registry.bin gst-inspect-1.0 lumobeautify OUTPUT_QUIET)
+endif()
