@@ -1,4 +1,5 @@
 #include "LumoImageFilter.h"
+#include "GlObjectCounter.h"
 
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
@@ -47,6 +48,7 @@ int32_t LumoImageFilter::create() {
       if (!m_pTexCache) TextureCache::create(m_pGLContext, &m_pTexCache);
       glGenFramebuffers(1, &m_hFrameBufferPool[0]);
       glGenFramebuffers(1, &m_hFrameBufferPool[1]);
+      globjects::noteCreated(2);
     }
     m_nCurrentFrameIndex = 0;
   }
@@ -67,6 +69,7 @@ int32_t LumoImageFilter::destroy() {
     if (guard.ok()) {
       glDeleteFramebuffers(1, &m_hFrameBufferPool[0]);
       glDeleteFramebuffers(1, &m_hFrameBufferPool[1]);
+      globjects::noteDeleted((m_hFrameBufferPool[0] != 0) + (m_hFrameBufferPool[1] != 0));
     }
     m_hFrameBufferPool[0] = 0;
     m_hFrameBufferPool[1] = 0;

@@ -3,6 +3,7 @@
 // Everything a host needs: the facade, every filter, the shader texts and the platform layer.
 #include "Export.h"
 #include "GLContext.h"
+#include "GlObjects.h"
 #include "Log.h"
 #include "LumoImageFilter.h"
 #include "PixelBuffer.h"

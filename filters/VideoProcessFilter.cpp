@@ -1,4 +1,5 @@
 #include "VideoProcessFilter.h"
+#include "GlObjectCounter.h"
 
 #include <GLES2/gl2.h>
 
@@ -38,6 +39,7 @@ uint32_t VideoProcessFilter::initProgram() {
   glAttachShader(_program, m_hVertexShader);
   glAttachShader(_program, m_hFragShader);
   initAttributes(_program);
+  globjects::noteCreated((_program != 0) + (m_hVertexShader != 0) + (m_hFragShader != 0));
   glLinkProgram(_program);
   glGetProgramiv(_program, GL_LINK_STATUS, &status);
   gldebug::checkProgram(_program, "program");
@@ -53,6 +55,7 @@ void VideoProcessFilter::uninitProgram() {
   glDeleteShader(m_hFragShader);
   glDeleteShader(m_hVertexShader);
   glDeleteProgram(_program);
+  globjects::noteDeleted((_program != 0) + (m_hVertexShader != 0) + (m_hFragShader != 0));
   built_ = false;
 }
 

@@ -1,4 +1,5 @@
 #include "TextureCache.h"
+#include "GlObjectCounter.h"
 
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
@@ -75,6 +76,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
         found = entries_.emplace(buffer->identifier(), std::make_unique<Entry>()).first;
         Entry& entry = *found->second;
         glGenTextures(1, &entry.texture.name_);
+        globjects::noteCreated();
         entry.texture.target_ = GL_TEXTURE_2D;
         ++statistics_.texturesCreated;
       }
@@ -113,7 +115,10 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     if (found == entries_.end() || !found->second->allocated) return;
     ContextGuard guard(context_.get());
     if (!guard.ok()) return;
-    if (readFramebuffer_ == 0) glGenFramebuffers(1, &readFramebuffer_);
+    if (readFramebuffer_ == 0) {
+      glGenFramebuffers(1, &readFramebuffer_);
+      globjects::noteCreated();
+    }
     glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_);
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, found->second->texture.name_,
                            0);
@@ -162,11 +167,17 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
         ++it;
         continue;
       }
-      if (guard.ok()) glDeleteTextures(1, &it->second->texture.name_);
+      if (guard.ok()) {
+        glDeleteTextures(1, &it->second->texture.name_);
+        globjects::noteDeleted();
+      }
       ++statistics_.texturesDeleted;
       it = entries_.erase(it);
     }
-    if (guard.ok() && readFramebuffer_ != 0) glDeleteFramebuffers(1, &readFramebuffer_);
+    if (guard.ok() && readFramebuffer_ != 0) {
+      glDeleteFramebuffers(1, &readFramebuffer_);
+      globjects::noteDeleted();
+    }
     readFramebuffer_ = 0;
   }
 
@@ -218,6 +229,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     for (auto it = entries_.begin(); it != entries_.end();) {
       if (it->second->buffer.expired() && it->second->texture.lends_ == 0) {
         glDeleteTextures(1, &it->second->texture.name_);
+        globjects::noteDeleted();
         ++statistics_.texturesDeleted;
         it = entries_.erase(it);
       } else {
