@@ -1,0 +1,147 @@
+// Steady-state frames make no GL object and no heap allocation in the library. This executable replaces
+// the global operator new to count allocations made on the rendering thread while a window is open.
+#include <gtest/gtest.h>
+
+#include <lumo/lumo.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "support/GlHarness.h"
+
+namespace {
+thread_local bool counting = false;
+thread_local size_t allocations = 0;
+
+void* allocate(size_t size) {
+  if (counting) ++allocations;
+  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+  throw std::bad_alloc();
+}
+}  // namespace
+
+void* operator new(size_t size) { return allocate(size); }
+void* operator new[](size_t size) { return allocate(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
+
+namespace lumo::test {
+namespace {
+
+// Counts operator new calls on this thread and GL objects made by the library while `work` runs.
+struct Counts {
+  size_t allocations = 0;
+  uint64_t glObjectsCreated = 0;
+  uint64_t glObjectsDeleted = 0;
+};
+
+template <typename Work>
+Counts count(Work work) {
+  const GLObjectStatistics before = glObjectStatistics();
+  allocations = 0;
+  counting = true;
+  work();
+  counting = false;
+  const GLObjectStatistics after = glObjectStatistics();
+  return {allocations, after.created - before.created, after.deleted - before.deleted};
+}
+
+class SteadyState : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(filter_.create(), 0);
+    frameA_ = loadSample();
+    frameB_ = pattern(512, 512, [](int x, int y) {
+      return reference::Rgba{(x % 256) / 255.0f, (y % 256) / 255.0f, 0.6f, 1.0f};
+    });
+    PixelBuffer::create(512, 512, kPixelFormat32BGRA, {}, &input_);
+  }
+  void TearDown() override {
+    filter_.destroy();
+    GLContext::setCurrent({});
+  }
+
+  // What a capture host does each frame: write into its own buffer, render, read the result.
+  void frame(int index) {
+    const reference::Frame& source = index % 2 == 0 ? frameA_ : frameB_;
+    input_->lockBaseAddress(0);
+    std::memcpy(input_->baseAddress(), source.bgra.data(), source.bgra.size());
+    input_->unlockBaseAddress(0);
+    const PixelBufferRef output = filter_.render(input_);
+    ASSERT_TRUE(output);
+    ASSERT_NE(output, input_);
+    output->lockBaseAddress(kPixelBufferLockReadOnly);
+    checksum_ += static_cast<const uint8_t*>(output->baseAddress())[4 * (256 * 512 + 256)];
+    output->unlockBaseAddress(kPixelBufferLockReadOnly);
+  }
+
+  LumoImageFilter filter_;
+  PixelBufferRef input_;
+  reference::Frame frameA_;
+  reference::Frame frameB_;
+  unsigned checksum_ = 0;
+};
+
+TEST_F(SteadyState, FramesMakeNoGlObjectAndNoAllocation) {
+  struct Case {
+    uint32_t mask;
+    uint32_t preset;
+  };
+  for (const Case c : {Case{7, 0}, Case{15, 0}, Case{1, 0}, Case{8, 0}, Case{0, 5}, Case{7, 13}}) {
+    SCOPED_TRACE("mask " + std::to_string(c.mask) + " preset " + std::to_string(c.preset));
+    filter_.enableBeautifying(c.mask);
+    filter_.setCustomizedFilter(c.preset);
+    for (int i = 0; i < 3; ++i) frame(i);  // settings applied, programs built, textures made
+    const Counts counts = count([&] {
+      for (int i = 0; i < 10; ++i) {
+        // Changing the float settings is part of a live session; it must not allocate either.
+        filter_.setPolishStep(2.0f + static_cast<float>(i % 3));
+        filter_.setSkinWhitenFactor(0.3f + 0.05f * static_cast<float>(i));
+        filter_.setSharppenFactor(0.1f * static_cast<float>(i));
+        frame(i);
+      }
+    });
+    EXPECT_EQ(counts.allocations, 0u);
+    EXPECT_EQ(counts.glObjectsCreated, 0u);
+    EXPECT_EQ(counts.glObjectsDeleted, 0u);
+  }
+  EXPECT_NE(checksum_, 0u);
+}
+
+TEST_F(SteadyState, ANewHostBufferEachFrameMakesNoGlObject) {
+  // Hosts that wrap each decoded frame anew: the wrapper is the host's allocation, the texture is reused.
+  filter_.enableBeautifying(7);
+  std::vector<uint8_t> memory(frameA_.bgra);
+  auto wrappedFrame = [&] {
+    PixelBufferRef wrapped;
+    PixelBuffer::createWithBytes(512, 512, kPixelFormat32BGRA, memory.data(), 512 * 4, nullptr, {}, &wrapped);
+    const PixelBufferRef output = filter_.render(wrapped);
+    ASSERT_NE(output, wrapped);
+  };
+  for (int i = 0; i < 3; ++i) wrappedFrame();
+  const Counts counts = count([&] {
+    for (int i = 0; i < 10; ++i) wrappedFrame();
+  });
+  EXPECT_EQ(counts.glObjectsCreated, 0u);
+  EXPECT_EQ(counts.glObjectsDeleted, 0u);
+}
+
+TEST_F(SteadyState, TheCounterSeesAllocationsAndGlObjects) {
+  // The checks above prove nothing if the counters are blind.
+  const Counts counts = count([] {
+    LumoImageFilter other;
+    other.create();
+    other.enableBeautifying(1);
+    other.render(toBuffer(loadSample()));
+    other.destroy();
+  });
+  EXPECT_GT(counts.allocations, 10u);
+  EXPECT_GT(counts.glObjectsCreated, 10u);
+  EXPECT_EQ(counts.glObjectsCreated, counts.glObjectsDeleted) << "destroy gives back every GL object";
+}
+
+}  // namespace
+}  // namespace lumo::test
