@@ -342,12 +342,10 @@ void LumoImageFilter::doRenderWithFilter(const Texture* first, const Texture* se
   glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(getCurrentFrameBuffer()));
   glViewport(0, 0, m_nViewWidth, m_nViewHeight);
   glUseProgram(filter->program());
-  glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-  // The clear comes before this pass attaches its target, so it clears the framebuffer's previous
-  // attachment (the target of two passes ago, which no later pass reads); on a framebuffer's first use
-  // there is nothing attached and GL reports GL_INVALID_FRAMEBUFFER_OPERATION, which is harmless.
-  glClear(GL_COLOR_BUFFER_BIT);
-  gldebug::discardErrors();
+  // No clear. One would come before this pass attaches its target, so it would hit the framebuffer's
+  // previous attachment; targets alternate T1, T2 in step with the two framebuffers from the first pass of
+  // every frame, so that is always this pass's own target, which the full-frame quad then overwrites
+  // without blending. It changed no pixel and cost a full-frame fill per pass.
 
   glActiveTexture(GL_TEXTURE0);
   glBindTexture(first->target(), first->name());

@@ -9,6 +9,7 @@ packages=(
   ffmpeg gstreamer1.0-tools                             # the pipe tests
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev  # the lumobeautify element
+  libbenchmark-dev libopencv-core-dev libopencv-imgproc-dev  # lumo-bench and its CPU baseline
 )
 missing=()
 for package in "${packages[@]}"; do
