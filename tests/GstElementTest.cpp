@@ -255,7 +255,7 @@ TEST(LumoBeautifyElement, CyclesStatesWithDataFromAStreamingThreadThatChanges) {
   GstHarness* harness = gst_harness_new("lumobeautify");
   const reference::Frame in = portrait(96, 64, 150);
   const reference::Frame expected = libraryResult(in, Settings{});
-  for (int cycle = 0; cycle < 4; ++cycle) {
+  for (int cycle = 0; cycle < 10; ++cycle) {
     SCOPED_TRACE("cycle " + std::to_string(cycle));
     // Caps again after each restart: going to NULL drops the pads' sticky events.
     gst_harness_set_caps_str(harness, bgraCaps(96, 64).c_str(), bgraCaps(96, 64).c_str());
@@ -272,6 +272,61 @@ TEST(LumoBeautifyElement, CyclesStatesWithDataFromAStreamingThreadThatChanges) {
     ASSERT_EQ(gst_element_set_state(harness->element, GST_STATE_PLAYING), GST_STATE_CHANGE_SUCCESS);
   }
   gst_harness_teardown(harness);
+}
+
+TEST(LumoBeautifyElement, AnErrorMidStreamStopsThePipelineCleanly) {
+  // appsrc ! lumobeautify ! appsink: good frames, then one the GPU cannot take; the pipeline reports the
+  // element's error, goes down to NULL and frees everything (LeakSanitizer watches in the ASan build).
+  GError* error = nullptr;
+  GstElement* pipeline = gst_parse_launch(
+      "appsrc name=src format=time ! lumobeautify name=beautify ! appsink name=sink sync=false", &error);
+  ASSERT_NE(pipeline, nullptr) << (error ? error->message : "");
+  GstElement* src = gst_bin_get_by_name(GST_BIN(pipeline), "src");
+  GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
+  GstCaps* caps = gst_caps_from_string(bgraCaps(64, 48).c_str());
+  g_object_set(src, "caps", caps, nullptr);
+  gst_caps_unref(caps);
+  ASSERT_NE(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+  const reference::Frame in = portrait(64, 48);
+  for (int i = 0; i < 5; ++i) {
+    GstBuffer* buffer = makeBuffer(in);
+    GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(i) * GST_SECOND / 30;
+    GstFlowReturn flow = GST_FLOW_ERROR;
+    g_signal_emit_by_name(src, "push-buffer", buffer, &flow);
+    gst_buffer_unref(buffer);
+    EXPECT_EQ(flow, GST_FLOW_OK);
+    GstSample* sample = nullptr;
+    g_signal_emit_by_name(sink, "pull-sample", &sample);
+    ASSERT_NE(sample, nullptr) << "frame " << i;
+    gst_sample_unref(sample);
+  }
+  // Mid-stream, a frame wider than any texture.
+  GLint maxSize = 0;
+  {
+    auto context = GLContext::create();
+    ContextGuard guard(context.get());
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &maxSize);
+  }
+  caps = gst_caps_from_string(bgraCaps(maxSize + 1, 2).c_str());
+  g_object_set(src, "caps", caps, nullptr);
+  gst_caps_unref(caps);
+  GstBuffer* wide = gst_buffer_new_allocate(nullptr, static_cast<size_t>(maxSize + 1) * 2 * 4, nullptr);
+  GstFlowReturn flow = GST_FLOW_OK;
+  g_signal_emit_by_name(src, "push-buffer", wide, &flow);
+  gst_buffer_unref(wide);
+  GstBus* bus = gst_element_get_bus(pipeline);
+  GstMessage* message =
+      gst_bus_timed_pop_filtered(bus, 30 * GST_SECOND, static_cast<GstMessageType>(GST_MESSAGE_ERROR));
+  ASSERT_NE(message, nullptr) << "no error reached the bus";
+  GstElement* beautify = gst_bin_get_by_name(GST_BIN(pipeline), "beautify");
+  EXPECT_EQ(GST_MESSAGE_SRC(message), GST_OBJECT(beautify)) << "the error comes from lumobeautify";
+  gst_object_unref(beautify);
+  gst_message_unref(message);
+  gst_object_unref(bus);
+  EXPECT_EQ(gst_element_set_state(pipeline, GST_STATE_NULL), GST_STATE_CHANGE_SUCCESS);
+  gst_object_unref(src);
+  gst_object_unref(sink);
+  gst_object_unref(pipeline);
 }
 
 TEST(LumoBeautifyElement, LeavesTheStreamingThreadsOwnContextCurrent) {

@@ -9,6 +9,8 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ImageIO.h"
@@ -116,6 +118,88 @@ TEST_F(Tool, ClosedOutputPipeEndsQuietly) {
   const int raw = std::system(command.c_str());
   EXPECT_TRUE(WIFEXITED(raw));
   EXPECT_EQ(WEXITSTATUS(raw), 0);
+}
+
+TEST_F(Tool, AFullDeviceIsAnErrorAndIsLeftAlone) {
+  const size_t frame = 16 * 8 * 4;
+  std::ofstream(dir_ / "in.raw", std::ios::binary) << std::string(frame * 4, '\x60');
+  const Outcome stream = run("--raw 16x8 in.raw -o /dev/full");
+  EXPECT_EQ(stream.status, 1);
+  EXPECT_NE(stream.err.find("/dev/full: No space left on device"), std::string::npos) << stream.err;
+  const Outcome piped = run("--raw 16x8 in.raw -o - > /dev/full");
+  EXPECT_EQ(piped.status, 1);
+  EXPECT_NE(piped.err.find("No space left on device"), std::string::npos) << piped.err;
+  // Written in place, never renamed over: the device is still a device.
+  EXPECT_TRUE(fs::is_character_file("/dev/full"));
+  EXPECT_EQ(fileCount(), 2u) << "only in.raw and stderr.txt";
+}
+
+TEST_F(Tool, AFullFilesystemIsAnErrorAndLeavesNoFileBehind) {
+  const fs::path full = dir_ / "full";
+  fs::create_directories(full);
+  const std::string mount = "mount -t tmpfs -o size=64k lumo-full '" + full.string() + "' 2>/dev/null";
+  if (::geteuid() != 0 || std::system(mount.c_str()) != 0) GTEST_SKIP() << "needs root to mount a small tmpfs";
+  const Outcome photo = run("'" LUMO_SAMPLE_IMAGE "' -o full/out.png");
+  EXPECT_EQ(photo.status, 1);
+  EXPECT_NE(photo.err.find("full/out.png: No space left on device"), std::string::npos) << photo.err;
+  std::ofstream(dir_ / "in.raw", std::ios::binary) << std::string(16 * 8 * 4 * 300, '\x60');  // 150 KiB
+  const Outcome stream = run("--raw 16x8 in.raw -o full/out.raw");
+  EXPECT_EQ(stream.status, 1);
+  EXPECT_NE(stream.err.find("full/out.raw: No space left on device"), std::string::npos) << stream.err;
+  const bool empty = fs::is_empty(full);
+  std::system(("umount '" + full.string() + "'").c_str());
+  EXPECT_TRUE(empty) << "a half-written file was left on the full filesystem";
+}
+
+TEST_F(Tool, AClosedStdoutIsAnError) {
+  std::ofstream(dir_ / "in.raw", std::ios::binary) << std::string(16 * 8 * 4 * 2, '\x60');
+  const Outcome r = run("--raw 16x8 in.raw -o - >&-");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Bad file descriptor"), std::string::npos) << r.err;
+}
+
+TEST_F(Tool, InterruptMidStreamKeepsTheCompleteFramesAndExitsCleanly) {
+  const size_t frame = 32 * 16 * 4;
+  int input[2];
+  ASSERT_EQ(::pipe(input), 0);
+  const std::string errFile = (dir_ / "stderr.txt").string();
+  const std::string outFile = (dir_ / "out.raw").string();
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::dup2(input[0], STDIN_FILENO);
+    ::close(input[0]);
+    ::close(input[1]);
+    const int err = ::open(errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(err, STDERR_FILENO);
+    ::execl(LUMO_TOOL, LUMO_TOOL, "--raw", "32x16", "-", "-o", outFile.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  ::close(input[0]);
+  // Five frames and a half, then the producer stalls in the middle of frame six.
+  const std::string data(frame * 5 + frame / 2, '\x70');
+  ASSERT_TRUE(lumo::tools::writeAll(input[1], reinterpret_cast<const uint8_t*>(data.data()), data.size()));
+  // Wait until the five complete frames are out (the tool writes to a temporary name until it ends).
+  auto written = [&] {
+    size_t bytes = 0;
+    for (const auto& entry : fs::directory_iterator(dir_)) {
+      if (entry.path().filename().string().rfind("out.raw", 0) == 0) bytes += entry.file_size();
+    }
+    return bytes;
+  };
+  for (int i = 0; i < 600 && written() < frame * 5; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_EQ(written(), frame * 5);
+  ::kill(child, SIGINT);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ::close(input[1]);
+  ASSERT_TRUE(WIFEXITED(status)) << "the tool died of a signal";
+  EXPECT_EQ(WEXITSTATUS(status), 130);
+  EXPECT_EQ(fs::file_size(outFile), frame * 5) << "exactly the complete frames, renamed into place";
+  std::ifstream in(errFile);
+  const std::string err((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(err.find("interrupted after 5 complete frames"), std::string::npos) << err;
+  EXPECT_EQ(fileCount(), 2u) << "no temporary file left";
 }
 
 TEST(RawReader, FramesSplitAcrossShortReads) {

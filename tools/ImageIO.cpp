@@ -11,6 +11,7 @@
 #include <iterator>
 #include <memory>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace lumo::tools {
@@ -199,27 +200,34 @@ bool writeImage(const std::string& path, const Image& image, std::string* error)
   if (!(format == ImageFormat::Png ? encodePng(image, &encoded, error) : encodeJpeg(image, &encoded, error))) {
     return false;
   }
-  const std::string temporary = path + ".tmp-" + std::to_string(::getpid());
+  const bool inPlace = isSpecialFile(path);
+  const std::string temporary = inPlace ? path : path + ".tmp-" + std::to_string(::getpid());
   std::FILE* file = std::fopen(temporary.c_str(), "wb");
   if (file == nullptr) {
     *error = std::strerror(errno);
     return false;
   }
   const bool written = std::fwrite(encoded.data(), 1, encoded.size(), file) == encoded.size();
-  const bool flushed = std::fflush(file) == 0 && ::fsync(fileno(file)) == 0;
+  // fsync means nothing on a device or pipe (and fails on some); the flush still reports a full disk.
+  const bool flushed = std::fflush(file) == 0 && (inPlace || ::fsync(fileno(file)) == 0);
   const int savedErrno = errno;
   const bool closed = std::fclose(file) == 0;
   if (!written || !flushed || !closed) {
-    std::remove(temporary.c_str());
+    if (!inPlace) std::remove(temporary.c_str());
     *error = std::strerror(savedErrno != 0 ? savedErrno : EIO);
     return false;
   }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+  if (!inPlace && std::rename(temporary.c_str(), path.c_str()) != 0) {
     *error = std::strerror(errno);
     std::remove(temporary.c_str());
     return false;
   }
   return true;
+}
+
+bool isSpecialFile(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
 }
 
 }  // namespace lumo::tools

@@ -24,6 +24,11 @@ bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* er
 
 // Encode to the format the name asks for, written to a temporary name and renamed, so that a failure
 // leaves nothing behind. JPEG quality 92.
+// A path that names an existing device, FIFO or socket (/dev/stdout, /dev/full, a named pipe) is written
+// in place instead: it cannot be renamed over, and must never be replaced.
 bool writeImage(const std::string& path, const Image& image, std::string* error);
+
+// True when `path` exists and is not a regular file (nor a link to one).
+bool isSpecialFile(const std::string& path);
 
 }  // namespace lumo::tools

@@ -6,13 +6,16 @@
 
 namespace lumo::tools {
 
-ReadResult readFrame(int fd, uint8_t* frame, size_t size, size_t* got) {
+ReadResult readFrame(int fd, uint8_t* frame, size_t size, size_t* got, const volatile std::sig_atomic_t* stop) {
   size_t filled = 0;
   while (filled < size) {
     const ssize_t n = ::read(fd, frame + filled, size - filled);
     if (n < 0) {
-      if (errno == EINTR) continue;
       *got = filled;
+      if (errno == EINTR) {
+        if (stop != nullptr && *stop != 0) return ReadResult::Interrupted;
+        continue;
+      }
       return ReadResult::Error;
     }
     if (n == 0) break;

@@ -26,6 +26,11 @@ namespace settings = lumo::settings;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitInterrupted = 130;  // 128 + SIGINT, as shells report it
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void onInterrupt(int) { interrupted = 1; }
 
 struct Options {
   std::string input;
@@ -289,7 +294,13 @@ int runStream(const Options& options) {
   }
   std::string temporary;
   int out = STDOUT_FILENO;
-  if (options.output != "-") {
+  if (options.output != "-" && lumo::tools::isSpecialFile(options.output)) {
+    out = ::open(options.output.c_str(), O_WRONLY | O_CLOEXEC);  // a device or FIFO: written in place
+    if (out < 0) {
+      std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
+      return kExitFailure;
+    }
+  } else if (options.output != "-") {
     temporary = options.output + ".tmp-" + std::to_string(::getpid());
     out = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (out < 0) {
@@ -314,10 +325,18 @@ int runStream(const Options& options) {
   filter.create();
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
+  // Ctrl-C ends the stream after the frame in hand: every frame written is complete, and a regular output
+  // file keeps them. No SA_RESTART, so a read waiting for data returns at once.
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  ::sigaction(SIGINT, &action, nullptr);
+  ::sigaction(SIGTERM, &action, nullptr);
   for (;;) {
+    if (interrupted != 0) break;
     size_t got = 0;
-    const lumo::tools::ReadResult read = lumo::tools::readFrame(in, frame.data(), frameBytes, &got);
-    if (read == lumo::tools::ReadResult::End) break;
+    const lumo::tools::ReadResult read = lumo::tools::readFrame(in, frame.data(), frameBytes, &got, &interrupted);
+    if (read == lumo::tools::ReadResult::End || read == lumo::tools::ReadResult::Interrupted) break;
     if (read == lumo::tools::ReadResult::Error) {
       status = fail(options.input + ": " + std::strerror(errno));
       break;
@@ -345,7 +364,11 @@ int runStream(const Options& options) {
   }
   filter.destroy();
   if (showProgress) std::fputc('\n', stderr);
-  if (!temporary.empty() && status == 0) {
+  if (interrupted != 0 && status == 0) {
+    std::fprintf(stderr, "lumo-beautify: interrupted after %zu complete frames\n", millis.size());
+    status = kExitInterrupted;
+  }
+  if (!temporary.empty() && (status == 0 || status == kExitInterrupted)) {
     if (::fsync(out) != 0 || ::close(out) != 0 || ::rename(temporary.c_str(), options.output.c_str()) != 0) {
       std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
       ::unlink(temporary.c_str());
