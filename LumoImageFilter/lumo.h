@@ -5,6 +5,7 @@
 #include "GLContext.h"
 #include "GlObjects.h"
 #include "Log.h"
+#include "CpuImageFilter.h"
 #include "LumoImageFilter.h"
 #include "PixelBuffer.h"
 #include "Shaders.h"

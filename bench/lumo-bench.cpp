@@ -128,6 +128,31 @@ void facadeEndToEnd(benchmark::State& state, Size size, Config config) {
   clock.report(state);
 }
 
+// The CPU engine, end to end like the facade: the host writes its frame, renders, reads the result.
+void cpuEndToEnd(benchmark::State& state, Size size, Config config) {
+  lumo::CpuImageFilter filter;
+  filter.create();
+  filter.enableBeautifying(static_cast<uintptr_t>(config.mask));
+  filter.setCustomizedFilter(static_cast<uintptr_t>(config.preset));
+  filter.setSharppenFactor(kSharpen);
+  const std::vector<uint8_t> frame = portrait(size);
+  lumo::PixelBufferRef input;
+  lumo::PixelBuffer::create(size.width, size.height, lumo::kPixelFormat32BGRA, {}, &input);
+  auto write = [&] {
+    input->lockBaseAddress(0);
+    std::memcpy(input->baseAddress(), frame.data(), frame.size());
+    input->unlockBaseAddress(0);
+  };
+  write();
+  Facade::read(filter.render(input));
+  FrameClock clock;
+  for (auto _ : state) {
+    write();
+    benchmark::DoNotOptimize(Facade::read(filter.render(input)));
+  }
+  clock.report(state);
+}
+
 void bareRender(benchmark::State& state, Size size, Config config) {
   BareChain chain(size.width, size.height, config.mask, config.preset);
   const std::vector<uint8_t> frame = portrait(size);
@@ -278,12 +303,14 @@ int main(int argc, char** argv) {
   const char* caps = std::getenv("GALLIUM_OVERRIDE_CPU_CAPS");
   benchmark::AddCustomContext("gl_renderer", glRenderer());
   benchmark::AddCustomContext("gallium_override_cpu_caps", caps != nullptr ? caps : "(unset)");
+  benchmark::AddCustomContext("cpu_engine_simd", lumo::CpuImageFilter::simdTarget());
 
   for (const Size& size : kSizes) {
     for (const Config& config : kConfigs) {
       const std::string suffix = "/" + size.name() + "/" + config.name;
       add("render" + suffix, facadeRender, size, config);
       add("end_to_end" + suffix, facadeEndToEnd, size, config);
+      add("cpu_end_to_end" + suffix, cpuEndToEnd, size, config);
       if (config.mask == 0 && config.preset == 0) continue;
       add("bare_render" + suffix, bareRender, size, config);
       add("bare_end_to_end" + suffix, bareEndToEnd, size, config);

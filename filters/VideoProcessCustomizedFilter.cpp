@@ -23,7 +23,7 @@ VideoProcessCustomizedFilter::VideoProcessCustomizedFilter() {
   setColorMatrix(0);
 }
 
-int32_t VideoProcessCustomizedFilter::setColorMatrix(int32_t index) {
+bool VideoProcessCustomizedFilter::presetValues(int32_t index, GPUMatrix4x4* matrix, GPUVector4* offset) {
   static constexpr GPUMatrix4x4 colorMatrixes[kPresetCount] = {
       {{1.7f, 0.1f, 0.1f, 0.0f}, {0.0f, 1.7f, 0.1f, 0.0f}, {0.0f, 0.1f, 1.6f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
       {{0.8f, 1.6f, 0.2f, 0.0f}, {0.8f, 1.6f, 0.2f, 0.0f}, {0.8f, 1.6f, 0.2f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
@@ -50,6 +50,13 @@ int32_t VideoProcessCustomizedFilter::setColorMatrix(int32_t index) {
       {64.9f, 64.9f, 64.9f, 0.0f},     {-31.0f, -31.0f, -31.0f, 0.0f},    {46.5f, 46.5f, 46.5f, 0.0f},
       {-66.6f, -66.6f, -66.6f, 0.0f},
   };
+  if (index < 1 || index > kPresetCount) return false;
+  *matrix = colorMatrixes[index - 1];
+  *offset = colorOffsets[index - 1];
+  return true;
+}
+
+int32_t VideoProcessCustomizedFilter::setColorMatrix(int32_t index) {
   if (index < 1 || index > kPresetCount) {
     // The logged value is index - 1, as the line has always reported it.
     // Wraps like 32-bit arithmetic for the lowest index instead of overflowing.
@@ -57,8 +64,7 @@ int32_t VideoProcessCustomizedFilter::setColorMatrix(int32_t index) {
     log("LUMO Video Filter - Custumized Filter set color matrix index error: %d", shown);
     return -1;
   }
-  _colorMatrix = colorMatrixes[index - 1];
-  _colorOffset = colorOffsets[index - 1];
+  presetValues(index, &_colorMatrix, &_colorOffset);
   return index - 1;
 }
 

@@ -34,6 +34,9 @@ class LUMO_EXPORT VideoProcessCustomizedFilter : public VideoProcessFilter {
   int32_t setColorMatrix(int32_t index);
 
   const GPUMatrix4x4& colorMatrix() const { return _colorMatrix; }
+  // The table behind setColorMatrix, for engines that apply a preset without a program: false (and nothing
+  // written, nothing logged) outside 1..13.
+  static bool presetValues(int32_t index, GPUMatrix4x4* matrix, GPUVector4* offset);
   const GPUVector4& colorOffset() const { return _colorOffset; }
 
  private:

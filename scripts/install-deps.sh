@@ -4,12 +4,14 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libegl-dev libgles-dev libegl-mesa0 libgl1-mesa-dri   # EGL + GLES headers, Mesa's llvmpipe
+  libhwy-dev                                            # SIMD for the CPU engine
   libpng-dev libjpeg62-turbo-dev                        # lumo-beautify's codecs
   googletest libgtest-dev                               # tests
   ffmpeg gstreamer1.0-tools                             # the pipe tests
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev  # the lumobeautify element
   libbenchmark-dev libopencv-core-dev libopencv-imgproc-dev  # lumo-bench and its CPU baseline
+  clang libclang-rt-14-dev                              # libFuzzer for scripts/fuzz.sh
 )
 missing=()
 for package in "${packages[@]}"; do

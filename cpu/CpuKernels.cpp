@@ -1,0 +1,426 @@
+// The CPU engine's pass kernels, compiled once per instruction set; the best one is picked at run time.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "CpuKernels.cpp"
+#include <hwy/foreach_target.h>  // NOLINT(build/include)
+#include <hwy/highway.h>
+
+#include <algorithm>
+
+#include "CpuKernels.h"
+
+HWY_BEFORE_NAMESPACE();
+namespace lumo::cpu {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+// Kernels are written once for any vector tag D: full vectors for rows at least a vector wide, single
+// lanes for narrower frames.
+template <class D>
+using V = hn::Vec<D>;
+template <class D>
+using DU = hn::RebindToUnsigned<D>;
+template <class D>
+using DI = hn::RebindToSigned<D>;
+
+// One vector of pixels, a channel per vector, in 0..1 as a texture fetch returns them.
+template <class D>
+struct Px {
+  V<D> r, g, b, a;
+};
+
+template <class D>
+HWY_INLINE V<D> unit(D d, hn::Vec<DU<D>> bits) {
+  const DI<D> di;
+  const DU<D> du;
+  // Division, not a multiply by 1/255: the exact value a fetch of an 8-bit texel gives.
+  return hn::Div(hn::ConvertTo(d, hn::BitCast(di, hn::And(bits, hn::Set(du, 0xFFu)))), hn::Set(d, 255.0f));
+}
+
+template <class D>
+HWY_INLINE Px<D> load(D d, const uint8_t* row, int x) {
+  const DU<D> du;
+  const auto v = hn::LoadU(du, reinterpret_cast<const uint32_t*>(row) + x);
+  return {unit(d, hn::ShiftRight<16>(v)), unit(d, hn::ShiftRight<8>(v)), unit(d, v), unit(d, hn::ShiftRight<24>(v))};
+}
+
+// Round to the nearest of the 256 levels of an 8-bit target: 0 for anything not above 0 (NaN too), 255 from 1.
+template <class D>
+HWY_INLINE hn::Vec<DI<D>> level(D d, V<D> v) {
+  const DI<D> di;
+  V<D> q = hn::Floor(hn::Add(hn::Mul(v, hn::Set(d, 255.0f)), hn::Set(d, 0.5f)));
+  q = hn::Min(hn::Max(q, hn::Zero(d)), hn::Set(d, 255.0f));
+  return hn::ConvertTo(di, q);
+}
+
+// What the next pass reads back after this one stored 8 bits.
+template <class D>
+HWY_INLINE V<D> stored(D d, V<D> v) {
+  return hn::Div(hn::ConvertTo(d, level(d, v)), hn::Set(d, 255.0f));
+}
+
+template <class D>
+HWY_INLINE Px<D> stored(D d, const Px<D>& p) {
+  return {stored(d, p.r), stored(d, p.g), stored(d, p.b), stored(d, p.a)};
+}
+
+template <class D>
+HWY_INLINE void store(D d, uint8_t* row, int x, const Px<D>& p) {
+  const DU<D> du;
+  const auto b = hn::BitCast(du, level(d, p.b));
+  const auto g = hn::ShiftLeft<8>(hn::BitCast(du, level(d, p.g)));
+  const auto r = hn::ShiftLeft<16>(hn::BitCast(du, level(d, p.r)));
+  const auto a = hn::ShiftLeft<24>(hn::BitCast(du, level(d, p.a)));
+  hn::StoreU(hn::Or(hn::Or(b, g), hn::Or(r, a)), du, reinterpret_cast<uint32_t*>(row) + x);
+}
+
+// GLSL mix(a, b, t) = a * (1 - t) + b * t.
+template <class Vec>
+HWY_INLINE Vec mix(Vec a, Vec b, Vec t, Vec oneMinusT) {
+  return hn::Add(hn::Mul(a, oneMinusT), hn::Mul(b, t));
+}
+
+template <class D>
+HWY_INLINE Px<D> lerp(D d, const Px<D>& a, const Px<D>& b, float t) {
+  const V<D> vt = hn::Set(d, t);
+  auto one = [&](V<D> x, V<D> y) { return hn::Add(x, hn::Mul(hn::Sub(y, x), vt)); };
+  return {one(a.r, b.r), one(a.g, b.g), one(a.b, b.b), one(a.a, b.a)};
+}
+
+// Whole vectors across the row; the last one overlaps the one before when the width is not a multiple.
+template <class D, typename Body>
+HWY_INLINE void forEachVector(D d, int width, const Body& body) {
+  const int lanes = static_cast<int>(hn::Lanes(d));
+  int x = 0;
+  for (; x + lanes <= width; x += lanes) body(x);
+  if (x < width) body(width - lanes);
+}
+
+// The row with `pad` copies of its edge pixels on each side: clamp to edge for horizontal taps.
+HWY_INLINE const uint8_t* paddedRow(const ConstImage& in, int y, uint32_t* scratch, int pad) {
+  const auto* source = reinterpret_cast<const uint32_t*>(in.row(y));
+  std::fill(scratch, scratch + pad, source[0]);
+  std::copy(source, source + in.width, scratch + pad);
+  std::fill(scratch + pad + in.width, scratch + pad + in.width + pad, source[in.width - 1]);
+  return reinterpret_cast<const uint8_t*>(scratch + pad);
+}
+
+// A tap along the pass's axis: from the padded row (horizontal) or from clamped rows (vertical).
+struct TapSource {
+  const uint8_t* first;
+  const uint8_t* second;
+  int offset;
+  float fraction;
+};
+
+HWY_INLINE TapSource tapSource(const ConstImage& in, const uint8_t* padded, bool vertical, int y, const Tap& tap) {
+  if (vertical) {
+    const int y0 = std::clamp(y + tap.index, 0, in.height - 1);
+    const int y1 = std::clamp(y + tap.index + 1, 0, in.height - 1);
+    return {in.row(y0), in.row(y1), 0, tap.fraction};
+  }
+  return {padded, padded, tap.index, tap.fraction};
+}
+
+template <class D>
+HWY_INLINE Px<D> fetch(D d, const TapSource& source, bool vertical, int x) {
+  if (source.fraction == 0.0f) return load(d, source.first, x + source.offset);
+  const Px<D> a = load(d, source.first, x + source.offset);
+  const Px<D> b = vertical ? load(d, source.second, x) : load(d, source.first, x + source.offset + 1);
+  return lerp(d, a, b, source.fraction);
+}
+
+template <class D>
+void SkinDetectRowsT(D d, const SkinJob& job, int y0, int y1) {
+  for (int y = y0; y < y1; ++y) {
+    const uint8_t* in = job.in.row(y);
+    uint8_t* out = job.out.row(y);
+    forEachVector(d, job.in.width, [&](int x) {
+      Px<D> c = load(d, in, x);
+      const auto skin = hn::And(hn::And(hn::Gt(c.r, hn::Set(d, 0.19608f)), hn::Gt(c.g, hn::Set(d, 0.15686f))),
+                                hn::Gt(c.b, hn::Set(d, 0.07843f)));
+      c.a = hn::IfThenElseZero(skin, c.a);
+      store(d, out, x, c);
+    });
+  }
+}
+
+template <class D>
+void BilateralRowsT(D d, const BilateralJob& job, int worker, int y0, int y1) {
+  const V<D> factor = hn::Set(d, job.factor);
+  const V<D> one = hn::Set(d, 1.0f);
+  uint32_t* scratch = job.rowScratch + static_cast<size_t>(worker) * (job.in.width + 2 * job.pad);
+  for (int y = y0; y < y1; ++y) {
+    const uint8_t* padded = job.vertical ? nullptr : paddedRow(job.in, y, scratch, job.pad);
+    const uint8_t* centreRow = job.in.row(y);
+    TapSource sources[8];
+    for (int i = 0; i < 8; ++i) sources[i] = tapSource(job.in, padded, job.vertical, y, job.taps[i]);
+    uint8_t* out = job.out.row(y);
+    forEachVector(d, job.in.width, [&](int x) {
+      const Px<D> c = load(d, centreRow, x);
+      const V<D> centreWeight = hn::Set(d, 0.18f);
+      V<D> total = centreWeight;
+      Px<D> sum{hn::Mul(c.r, centreWeight), hn::Mul(c.g, centreWeight), hn::Mul(c.b, centreWeight),
+             hn::Mul(c.a, centreWeight)};
+      for (int i = 0; i < 8; ++i) {
+        const Px<D> s = fetch(d, sources[i], job.vertical, x);
+        const V<D> dr = hn::Sub(c.r, s.r);
+        const V<D> dg = hn::Sub(c.g, s.g);
+        const V<D> db = hn::Sub(c.b, s.b);
+        const V<D> da = hn::Sub(c.a, s.a);
+        const V<D> squared = hn::Add(hn::Add(hn::Add(hn::Mul(dr, dr), hn::Mul(dg, dg)), hn::Mul(db, db)), hn::Mul(da, da));
+        const V<D> distance = hn::Min(hn::Mul(hn::Sqrt(squared), factor), one);
+        const V<D> weight = hn::Mul(hn::Set(d, job.taps[i].weight), hn::Sub(one, distance));
+        total = hn::Add(total, weight);
+        sum = {hn::Add(sum.r, hn::Mul(s.r, weight)), hn::Add(sum.g, hn::Mul(s.g, weight)),
+               hn::Add(sum.b, hn::Mul(s.b, weight)), hn::Add(sum.a, hn::Mul(s.a, weight))};
+      }
+      store(d, out, x, {hn::Div(sum.r, total), hn::Div(sum.g, total), hn::Div(sum.b, total), hn::Div(sum.a, total)});
+    });
+  }
+}
+
+template <class D>
+HWY_INLINE Px<D> overlayPx(D d, const Px<D>& base, const Px<D>& over, V<D> direction, V<D> multiply, V<D> offset) {
+  (void)d;
+  auto channel = [&](V<D> b, V<D> o) { return hn::Add(hn::Add(hn::Mul(b, direction), hn::Mul(o, multiply)), offset); };
+  return {channel(base.r, over.r), channel(base.g, over.g), channel(base.b, over.b), over.a};
+}
+
+template <class D>
+void OverlayRowsT(D d, const OverlayJob& job, int y0, int y1) {
+  const V<D> direction = hn::Set(d, job.direction);
+  const V<D> multiply = hn::Set(d, job.multiply);
+  const V<D> offset = hn::Set(d, job.offset);
+  for (int y = y0; y < y1; ++y) {
+    const uint8_t* base = job.base.row(y);
+    const uint8_t* over = job.over.row(y);
+    uint8_t* out = job.out.row(y);
+    forEachVector(d, job.base.width, [&](int x) {
+      store(d, out, x, overlayPx(d, load(d, base, x), load(d, over, x), direction, multiply, offset));
+    });
+  }
+}
+
+template <class D>
+void GaussianRowsT(D d, const GaussianJob& job, int worker, int y0, int y1) {
+  uint32_t* scratch = job.rowScratch + static_cast<size_t>(worker) * (job.in.width + 2 * job.pad);
+  for (int y = y0; y < y1; ++y) {
+    const uint8_t* padded = job.vertical ? nullptr : paddedRow(job.in, y, scratch, job.pad);
+    TapSource sources[3];
+    for (int i = 0; i < job.tapCount; ++i) sources[i] = tapSource(job.in, padded, job.vertical, y, job.taps[i]);
+    uint8_t* out = job.out.row(y);
+    forEachVector(d, job.in.width, [&](int x) {
+      Px<D> sum{hn::Zero(d), hn::Zero(d), hn::Zero(d), hn::Zero(d)};
+      for (int i = 0; i < job.tapCount; ++i) {
+        const Px<D> s = fetch(d, sources[i], job.vertical, x);
+        const V<D> w = hn::Set(d, job.taps[i].weight);
+        sum = {hn::Add(sum.r, hn::Mul(s.r, w)), hn::Add(sum.g, hn::Mul(s.g, w)), hn::Add(sum.b, hn::Mul(s.b, w)),
+               hn::Add(sum.a, hn::Mul(s.a, w))};
+      }
+      store(d, out, x, sum);
+    });
+  }
+}
+
+// The pink-whiten curve, 0..255 -> 0..1, as the filter uploads it.
+template <class D>
+HWY_INLINE V<D> curve(D d, const float* table, V<D> v) {
+  const DI<D> di;
+  return hn::GatherIndex(d, table, hn::ConvertTo(di, hn::Mul(v, hn::Set(d, 255.0f))));
+}
+
+template <class D>
+HWY_INLINE V<D> overlayBlend(D d, V<D> c, V<D> w) {
+  const V<D> one = hn::Set(d, 1.0f);
+  const V<D> two = hn::Set(d, 2.0f);
+  const V<D> low = hn::Mul(hn::Mul(two, c), w);
+  const V<D> high = hn::Sub(one, hn::Mul(hn::Mul(two, hn::Sub(one, c)), hn::Sub(one, w)));
+  return hn::IfThenElse(hn::Lt(c, hn::Set(d, 0.5f)), low, high);
+}
+
+template <class D>
+HWY_INLINE Px<D> whitenPx(D d, const Px<D>& src, V<D> factor) {
+  const V<D> half = hn::Set(d, 0.5f);
+  V<D> y = hn::Add(hn::Add(hn::Mul(src.r, hn::Set(d, 0.299f)), hn::Mul(src.g, hn::Set(d, 0.587f))),
+                hn::Mul(src.b, hn::Set(d, 0.114f)));
+  const V<D> cr = hn::Add(hn::Mul(hn::Sub(src.r, y), hn::Set(d, 0.713f)), half);
+  const V<D> cb = hn::Add(hn::Mul(hn::Sub(src.b, y), hn::Set(d, 0.564f)), half);
+  const V<D> g = hn::Mul(y, hn::Set(d, 255.0f));
+  const V<D> denominator = hn::Sub(hn::Add(hn::Set(d, 0.896865160897715f), hn::Mul(hn::Set(d, 0.0032021590610318f), g)),
+                                hn::Mul(hn::Set(d, 0.0442923728433528f), hn::Sqrt(g)));
+  V<D> gray = hn::Div(g, denominator);
+  gray = hn::IfThenElse(hn::Lt(gray, hn::Set(d, 256.0f)), gray, hn::Set(d, 255.0f));
+  y = hn::Div(gray, hn::Set(d, 255.0f));
+  const V<D> crc = hn::Sub(cr, half);
+  const V<D> cbc = hn::Sub(cb, half);
+  const V<D> rgb[3] = {hn::Add(y, hn::Mul(hn::Set(d, 1.403f), crc)),
+                    hn::Sub(hn::Sub(y, hn::Mul(hn::Set(d, 0.344f), cbc)), hn::Mul(hn::Set(d, 0.714f), crc)),
+                    hn::Add(y, hn::Mul(hn::Set(d, 1.773f), cbc))};
+  // mix(c, overlay(c, factor), -0.4756); the warm tint after it has weight 0 and leaves the value as it is.
+  const float t = -0.4756f;
+  const V<D> vt = hn::Set(d, t);
+  const V<D> oneMinusT = hn::Set(d, 1.0f - t);
+  V<D> out[3];
+  for (int i = 0; i < 3; ++i) out[i] = mix(rgb[i], overlayBlend(d, rgb[i], factor), vt, oneMinusT);
+  return {out[0], out[1], out[2], src.a};
+}
+
+template <class D>
+HWY_INLINE Px<D> presetPx(D d, const Px<D>& c, const float (*matrix)[4], const float* offset) {
+  const V<D> scale = hn::Set(d, 255.0f);
+  const V<D> v[4] = {hn::Mul(c.r, scale), hn::Mul(c.g, scale), hn::Mul(c.b, scale), hn::Mul(c.a, scale)};
+  V<D> out[4];
+  for (int k = 0; k < 4; ++k) {
+    V<D> sum = hn::Add(hn::Add(hn::Add(hn::Mul(v[0], hn::Set(d, matrix[k][0])), hn::Mul(v[1], hn::Set(d, matrix[k][1]))),
+                            hn::Mul(v[2], hn::Set(d, matrix[k][2]))),
+                    hn::Mul(v[3], hn::Set(d, matrix[k][3])));
+    sum = hn::Add(sum, hn::Set(d, offset[k]));
+    out[k] = hn::Div(hn::Min(hn::Max(sum, hn::Zero(d)), scale), scale);
+  }
+  return {out[0], out[1], out[2], out[3]};
+}
+
+template <class D>
+void TailRowsT(D d, const TailJob& job, int y0, int y1) {
+  const V<D> one = hn::Set(d, 1.0f);
+  const V<D> pink = hn::Set(d, job.pinkFactor);
+  const V<D> oneMinusPink = hn::Set(d, 1.0f - job.pinkFactor);
+  const V<D> alpha = hn::Set(d, job.blendAlpha);
+  const V<D> whitenFactor = hn::Set(d, job.whitenFactor);
+  const V<D> addBackMultiply = hn::Set(d, 2.0f);
+  const V<D> addBackOffset = hn::Set(d, -256.0f / 255.0f);
+  for (int y = y0; y < y1; ++y) {
+    const uint8_t* input = job.input.row(y);
+    const uint8_t* skinRow = job.beautify ? job.skin.row(y) : nullptr;
+    uint8_t* out = job.out.row(y);
+    forEachVector(d, job.input.width, [&](int x) {
+      const Px<D> in = load(d, input, x);
+      Px<D> c = in;
+      if (job.beautify) {
+        Px<D> s = load(d, skinRow, x);
+        if (job.addBack) s = stored(d, overlayPx(d, in, s, one, addBackMultiply, addBackOffset));
+        if (job.pinkWhiten) {
+          const V<D> green = curve(d, job.pinkCurve, s.g);
+          s = stored(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
+                           mix(s.g, green, pink, oneMinusPink), mix(s.b, green, pink, oneMinusPink), s.a});
+        }
+        const V<D> k = hn::Mul(s.a, alpha);
+        const V<D> oneMinusK = hn::Sub(one, k);
+        c = Px<D>{mix(in.r, s.r, k, oneMinusK), mix(in.g, s.g, k, oneMinusK), mix(in.b, s.b, k, oneMinusK), in.a};
+        if (job.whiten || job.preset) c = stored(d, c);
+      }
+      if (job.whiten) {
+        c = whitenPx(d, c, whitenFactor);
+        if (job.preset) c = stored(d, c);
+      }
+      if (job.preset) c = presetPx(d, c, job.presetMatrix, job.presetOffset);
+      store(d, out, x, c);
+    });
+  }
+}
+
+template <class D>
+void SharpenRowsT(D d, const SharpenJob& job, int y0, int y1) {
+  const V<D> s = hn::Set(d, job.sharpness);
+  const V<D> centreK = hn::Set(d, 1.0f + 4.0f * job.sharpness);
+  const int width = job.in.width;
+  for (int y = y0; y < y1; ++y) {
+    const uint8_t* row = job.in.row(y);
+    const uint8_t* up = job.in.row(std::min(y + 1, job.in.height - 1));
+    const uint8_t* down = job.in.row(std::max(y - 1, 0));
+    uint8_t* out = job.out.row(y);
+    // The edge columns clamp their left or right neighbour; the vectors between read x - 1 and x + 1.
+    forEachVector(d, width, [&](int x) {
+      const Px<D> c = load(d, row, x);
+      const int lanes = static_cast<int>(hn::Lanes(d));
+      Px<D> left;
+      Px<D> right;
+      if (x > 0 && x + lanes < width) {
+        left = load(d, row, x - 1);
+        right = load(d, row, x + 1);
+      } else {
+        uint32_t l[HWY_MAX_BYTES / sizeof(float)];
+        uint32_t r[HWY_MAX_BYTES / sizeof(float)];
+        const auto* pixels = reinterpret_cast<const uint32_t*>(row);
+        for (int i = 0; i < lanes; ++i) {
+          l[i] = pixels[std::max(x + i - 1, 0)];
+          r[i] = pixels[std::min(x + i + 1, width - 1)];
+        }
+        left = load(d, reinterpret_cast<const uint8_t*>(l), 0);
+        right = load(d, reinterpret_cast<const uint8_t*>(r), 0);
+      }
+      const Px<D> top = load(d, up, x);
+      const Px<D> bottom = load(d, down, x);
+      auto channel = [&](V<D> cc, V<D> l, V<D> r, V<D> t, V<D> b) {
+        return hn::Sub(hn::Mul(cc, centreK),
+                       hn::Add(hn::Add(hn::Add(hn::Mul(l, s), hn::Mul(r, s)), hn::Mul(t, s)), hn::Mul(b, s)));
+      };
+      Px<D> result{channel(c.r, left.r, right.r, top.r, bottom.r), channel(c.g, left.g, right.g, top.g, bottom.g),
+                channel(c.b, left.b, right.b, top.b, bottom.b), bottom.a};
+      if (job.preset) result = presetPx(d, stored(d, result), job.presetMatrix, job.presetOffset);
+      store(d, out, x, result);
+    });
+  }
+}
+
+// Full vectors where a row holds one; single lanes for narrower frames.
+template <typename Kernel>
+void withTag(int width, const Kernel& kernel) {
+  const hn::ScalableTag<float> full;
+  if (width >= static_cast<int>(hn::Lanes(full))) {
+    kernel(full);
+  } else {
+    kernel(hn::CappedTag<float, 1>());
+  }
+}
+
+void SkinDetectRowsImpl(const SkinJob& job, int y0, int y1) {
+  withTag(job.in.width, [&](auto d) { SkinDetectRowsT(d, job, y0, y1); });
+}
+void BilateralRowsImpl(const BilateralJob& job, int worker, int y0, int y1) {
+  withTag(job.in.width, [&](auto d) { BilateralRowsT(d, job, worker, y0, y1); });
+}
+void OverlayRowsImpl(const OverlayJob& job, int y0, int y1) {
+  withTag(job.base.width, [&](auto d) { OverlayRowsT(d, job, y0, y1); });
+}
+void GaussianRowsImpl(const GaussianJob& job, int worker, int y0, int y1) {
+  withTag(job.in.width, [&](auto d) { GaussianRowsT(d, job, worker, y0, y1); });
+}
+void TailRowsImpl(const TailJob& job, int y0, int y1) {
+  withTag(job.input.width, [&](auto d) { TailRowsT(d, job, y0, y1); });
+}
+void SharpenRowsImpl(const SharpenJob& job, int y0, int y1) {
+  withTag(job.in.width, [&](auto d) { SharpenRowsT(d, job, y0, y1); });
+}
+
+const char* TargetNameImpl() { return hwy::TargetName(HWY_TARGET); }
+
+}  // namespace HWY_NAMESPACE
+}  // namespace lumo::cpu
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
+namespace lumo::cpu {
+
+HWY_EXPORT(SkinDetectRowsImpl);
+HWY_EXPORT(BilateralRowsImpl);
+HWY_EXPORT(OverlayRowsImpl);
+HWY_EXPORT(GaussianRowsImpl);
+HWY_EXPORT(TailRowsImpl);
+HWY_EXPORT(SharpenRowsImpl);
+HWY_EXPORT(TargetNameImpl);
+
+void skinDetectRows(const SkinJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(SkinDetectRowsImpl)(job, y0, y1); }
+void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
+  HWY_DYNAMIC_DISPATCH(BilateralRowsImpl)(job, worker, y0, y1);
+}
+void overlayRows(const OverlayJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(OverlayRowsImpl)(job, y0, y1); }
+void gaussianRows(const GaussianJob& job, int worker, int y0, int y1) {
+  HWY_DYNAMIC_DISPATCH(GaussianRowsImpl)(job, worker, y0, y1);
+}
+void tailRows(const TailJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, y0, y1); }
+void sharpenRows(const SharpenJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(SharpenRowsImpl)(job, y0, y1); }
+const char* simdTarget() { return HWY_DYNAMIC_DISPATCH(TargetNameImpl)(); }
+
+}  // namespace lumo::cpu
+#endif

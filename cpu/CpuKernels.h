@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// The pass kernels of the CPU engine: each computes rows [y0, y1) of one pass (or of a run of per-pixel
+// passes fused with 8-bit rounding between them) on packed BGRA, in single precision and in the order the
+// shaders compute. SIMD through Highway, the widest instruction set of the running CPU chosen at run time;
+// rows narrower than a vector go one lane at a time.
+namespace lumo::cpu {
+
+struct ConstImage {
+  const uint8_t* data = nullptr;
+  size_t stride = 0;
+  int width = 0;
+  int height = 0;
+  const uint8_t* row(int y) const { return data + stride * static_cast<size_t>(y); }
+};
+
+struct Image {
+  uint8_t* data = nullptr;
+  size_t stride = 0;
+  int width = 0;
+  int height = 0;
+  uint8_t* row(int y) const { return data + stride * static_cast<size_t>(y); }
+  operator ConstImage() const { return {data, stride, width, height}; }
+};
+
+// A sample `offset` texels from the pixel along the pass's axis: the texel at floor(offset) and its
+// neighbour, mixed by the fraction (0 for texel centres).
+struct Tap {
+  int index;
+  float fraction;
+  float weight;
+};
+
+// Skin detect: alpha cleared where the colour is not skin.
+struct SkinJob {
+  ConstImage in;
+  Image out;
+};
+
+// One direction of the edge-preserving smoothing: centre weight 0.18, eight taps around it.
+struct BilateralJob {
+  ConstImage in;
+  Image out;
+  Tap taps[8];
+  float factor;
+  bool vertical;
+  uint32_t* rowScratch;  // one padded row per worker, for the horizontal pass: width + 2 * pad pixels
+  int pad;
+};
+
+// base * direction + over * multiply + offset per colour channel; alpha from `over`.
+struct OverlayJob {
+  ConstImage base;
+  ConstImage over;
+  Image out;
+  float direction;
+  float multiply;
+  float offset;
+};
+
+// One direction of the small Gaussian: taps in the shader's order.
+struct GaussianJob {
+  ConstImage in;
+  Image out;
+  Tap taps[3];
+  int tapCount;
+  bool vertical;
+  uint32_t* rowScratch;
+  int pad;
+};
+
+// The per-pixel passes from the detail layer's add-back to the preset, fused: each stage rounds to 8 bits
+// as a pass into a texture would.
+struct TailJob {
+  ConstImage input;   // the frame
+  ConstImage skin;    // skin layer: smoothed skin, or the blurred detail layer when addBack is set
+  Image out;
+  bool beautify;      // the skin stages run (mask bits 1 or 4)
+  bool addBack;       // skin holds the blurred layer: add it back to the input first
+  bool pinkWhiten;
+  float pinkFactor;
+  float blendAlpha;
+  bool whiten;
+  float whitenFactor;
+  const float* pinkCurve;  // 256 levels, 0..1
+  bool preset;
+  float presetMatrix[4][4];  // row k forms output channel k (r, g, b, a) from colour * 255
+  float presetOffset[4];
+};
+
+// Sharpen, then the preset if any (fused, with 8-bit rounding between).
+struct SharpenJob {
+  ConstImage in;
+  Image out;
+  float sharpness;
+  bool preset;
+  float presetMatrix[4][4];
+  float presetOffset[4];
+};
+
+void skinDetectRows(const SkinJob& job, int y0, int y1);
+void bilateralRows(const BilateralJob& job, int worker, int y0, int y1);
+void overlayRows(const OverlayJob& job, int y0, int y1);
+void gaussianRows(const GaussianJob& job, int worker, int y0, int y1);
+void tailRows(const TailJob& job, int y0, int y1);
+void sharpenRows(const SharpenJob& job, int y0, int y1);
+
+// The instruction set the kernels run with on this CPU, e.g. "AVX2".
+const char* simdTarget();
+
+}  // namespace lumo::cpu
