@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 
+#include "Engine.h"
 #include "Settings.h"
 
 GST_DEBUG_CATEGORY_STATIC(lumo_beautify_debug);
@@ -27,6 +28,7 @@ struct Settings {
   gfloat whiten = settings::kWhiten.fallback;
   gfloat sharpen = settings::kSharpen.fallback;
   gfloat skinWhiten = settings::kSkinWhiten.fallback;
+  gint engine = static_cast<gint>(lumo::tools::EngineKind::Auto);
 
   bool passthrough() const { return mask == 0 && preset == 0; }
 };
@@ -34,7 +36,7 @@ struct Settings {
 // The C++ side of the instance, constructed in instance_init and destroyed in finalize.
 struct State {
   Settings settings;                                // guarded by the object lock
-  std::unique_ptr<lumo::LumoImageFilter> filter;    // made in start(), gone after stop()
+  std::unique_ptr<lumo::tools::Engine> filter;      // made in start(), gone after stop()
 };
 
 enum Property : guint {
@@ -45,6 +47,7 @@ enum Property : guint {
   kPropWhiten,
   kPropSharpen,
   kPropSkinWhiten,
+  kPropEngine,
 };
 
 }  // namespace
@@ -77,6 +80,19 @@ GType maskType() {
   return static_cast<GType>(type);
 }
 
+GType engineType() {
+  static gsize type = 0;
+  static const GEnumValue values[] = {
+      {static_cast<gint>(lumo::tools::EngineKind::Auto),
+       "The CPU engine on a software GL renderer or without GL, the GPU otherwise", "auto"},
+      {static_cast<gint>(lumo::tools::EngineKind::Gl), "OpenGL ES 2.0 through EGL", "gl"},
+      {static_cast<gint>(lumo::tools::EngineKind::Cpu), "The CPU engine (SIMD, all cores)", "cpu"},
+      {0, nullptr, nullptr},
+  };
+  if (g_once_init_enter(&type)) g_once_init_leave(&type, g_enum_register_static("GstLumoBeautifyEngine", values));
+  return static_cast<GType>(type);
+}
+
 constexpr auto kParamFlags =
     static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_CONTROLLABLE |
                              GST_PARAM_MUTABLE_PLAYING);
@@ -104,6 +120,8 @@ void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* psp
     settings.mask = g_value_get_flags(value);
   } else if (id == kPropPreset) {
     settings.preset = g_value_get_uint(value);
+  } else if (id == kPropEngine) {
+    settings.engine = g_value_get_enum(value);
   } else if (gfloat* field = floatField(settings, id)) {
     *field = g_value_get_float(value);
   } else {
@@ -120,6 +138,8 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* pspec) {
     g_value_set_flags(value, settings.mask);
   } else if (id == kPropPreset) {
     g_value_set_uint(value, settings.preset);
+  } else if (id == kPropEngine) {
+    g_value_set_enum(value, settings.engine);
   } else if (gfloat* field = floatField(settings, id)) {
     g_value_set_float(value, *field);
   } else {
@@ -145,7 +165,13 @@ auto withCallerContext(Work&& work) {
 
 gboolean start(GstBaseTransform* transform) {
   GstLumoBeautify* element = self(transform);
-  auto filter = std::make_unique<lumo::LumoImageFilter>();
+  GST_OBJECT_LOCK(element);
+  const auto wanted = static_cast<lumo::tools::EngineKind>(element->state.settings.engine);
+  GST_OBJECT_UNLOCK(element);
+  std::string why;
+  const lumo::tools::EngineKind kind = withCallerContext([&] { return lumo::tools::resolveEngine(wanted, &why); });
+  GST_INFO_OBJECT(element, "engine %s (%s)", lumo::tools::engineName(kind), why.c_str());
+  auto filter = std::make_unique<lumo::tools::Engine>(kind);
   const int32_t status = withCallerContext([&] { return filter->create(); });
   if (status != 0) {
     GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("Could not create the beautify filter chain"),
@@ -185,7 +211,7 @@ void copyRows(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStri
 
 GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, GstVideoFrame* out) {
   GstLumoBeautify* element = self(videoFilter);
-  lumo::LumoImageFilter* filter = element->state.filter.get();
+  lumo::tools::Engine* filter = element->state.filter.get();
   if (filter == nullptr) {
     GST_ELEMENT_ERROR(element, CORE, FAILED, ("lumobeautify received a frame before it was started"), (nullptr));
     return GST_FLOW_ERROR;
@@ -269,6 +295,12 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
   g_object_class_install_property(
       objectClass, kPropSharpen, floatSpec("sharpen", "Sharpen", "Sharpen strength", settings::kSharpen));
   g_object_class_install_property(
+      objectClass, kPropEngine,
+      g_param_spec_enum("engine", "Engine", "Where the passes run; chosen when the element starts", engineType(),
+                        static_cast<gint>(lumo::tools::EngineKind::Auto),
+                        static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
+                                                 GST_PARAM_MUTABLE_READY)));
+  g_object_class_install_property(
       objectClass, kPropSkinWhiten,
       floatSpec("skin-whiten", "Skin whiten", "Pink whiten strength on skin", settings::kSkinWhiten));
 
@@ -286,6 +318,7 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
   videoFilterClass->transform_frame = transformFrame;
 
   gst_type_mark_as_plugin_api(maskType(), static_cast<GstPluginAPIFlags>(0));
+  gst_type_mark_as_plugin_api(engineType(), static_cast<GstPluginAPIFlags>(0));
 }
 
 static void gst_lumo_beautify_init(GstLumoBeautify* element) {

@@ -39,8 +39,9 @@ reference::Frame portrait(int width, int height, int shift = 0) {
 }
 
 // What the library itself returns for the frame.
+template <typename Filter = LumoImageFilter>
 reference::Frame libraryResult(const reference::Frame& in, const Settings& settings) {
-  LumoImageFilter filter;
+  Filter filter;
   EXPECT_EQ(filter.create(), 0);
   filter.enableBeautifying(settings.mask);
   filter.setCustomizedFilter(settings.preset);
@@ -118,13 +119,22 @@ void expectSameFrame(const reference::Frame& actual, const reference::Frame& exp
   EXPECT_EQ(difference.maxAlpha, 0);
 }
 
+// The element with its engine chosen before it starts (the harness starts it at once).
+GstHarness* newHarness(const char* engine = "gl") {
+  GstElement* element = gst_element_factory_make("lumobeautify", nullptr);
+  gst_util_set_object_arg(G_OBJECT(element), "engine", engine);
+  GstHarness* harness = gst_harness_new_with_element(element, "sink", "src");
+  gst_object_unref(element);
+  return harness;
+}
+
 bool threadHasContext() { return GLContext::current().context != EGL_NO_CONTEXT; }
 
 TEST(LumoBeautifyElement, MatchesTheLibraryAtOddAndHdSizesAndPaddedStrides) {
   const int sizes[][2] = {{385, 289}, {1280, 720}};
   for (const auto& size : sizes) {
     SCOPED_TRACE(std::to_string(size[0]) + " x " + std::to_string(size[1]));
-    GstHarness* harness = gst_harness_new("lumobeautify");
+    GstHarness* harness = newHarness();
     gst_harness_set_caps_str(harness, bgraCaps(size[0], size[1]).c_str(), bgraCaps(size[0], size[1]).c_str());
     const reference::Frame in = portrait(size[0], size[1]);
     const reference::Frame expected = libraryResult(in, Settings{});
@@ -136,8 +146,23 @@ TEST(LumoBeautifyElement, MatchesTheLibraryAtOddAndHdSizesAndPaddedStrides) {
   }
 }
 
+TEST(LumoBeautifyElement, TheCpuEngineGivesWhatCpuImageFilterGives) {
+  GstHarness* harness = newHarness("cpu");
+  gst_util_set_object_arg(G_OBJECT(harness->element), "mask", "polish+whiten+skin-whiten+sharpen");
+  gst_harness_set_caps_str(harness, bgraCaps(385, 289).c_str(), bgraCaps(385, 289).c_str());
+  const reference::Frame in = portrait(385, 289, 40);
+  Settings settings;
+  settings.mask = 15;
+  const reference::Frame expected = libraryResult<CpuImageFilter>(in, settings);
+  expectSameFrame(process(harness, in, 385 * 4 + 68), expected);
+  gint engine = -1;
+  g_object_get(harness->element, "engine", &engine, nullptr);
+  EXPECT_EQ(engine, 2);
+  gst_harness_teardown(harness);
+}
+
 TEST(LumoBeautifyElement, PropertyChangesTakeEffectAtTheNextBuffer) {
-  GstHarness* harness = gst_harness_new("lumobeautify");
+  GstHarness* harness = newHarness();
   gst_harness_set_caps_str(harness, bgraCaps(160, 120).c_str(), bgraCaps(160, 120).c_str());
   const reference::Frame in = portrait(160, 120, 200);
   expectSameFrame(process(harness, in), libraryResult(in, Settings{}));
@@ -198,7 +223,7 @@ TEST(LumoBeautifyElement, PropertiesHaveTheDefaultsAndRanges) {
 }
 
 TEST(LumoBeautifyElement, RefusesCapsOtherThanBgra) {
-  GstHarness* harness = gst_harness_new("lumobeautify");
+  GstHarness* harness = newHarness();
   gst_harness_set_src_caps_str(harness, "video/x-raw,format=I420,width=64,height=48,framerate=30/1");
   EXPECT_EQ(gst_harness_push(harness, gst_buffer_new_allocate(nullptr, 64 * 48 * 3 / 2, nullptr)),
             GST_FLOW_NOT_NEGOTIATED);
@@ -206,7 +231,7 @@ TEST(LumoBeautifyElement, RefusesCapsOtherThanBgra) {
 }
 
 TEST(LumoBeautifyElement, AFrameTheGpuCannotTakeIsAnElementErrorAndTheNextFrameWorks) {
-  GstHarness* harness = gst_harness_new("lumobeautify");
+  GstHarness* harness = newHarness();
   GstBus* bus = gst_bus_new();
   gst_element_set_bus(harness->element, bus);
 
@@ -252,7 +277,7 @@ TEST(LumoBeautifyElement, CyclesStatesWithoutData) {
 }
 
 TEST(LumoBeautifyElement, CyclesStatesWithDataFromAStreamingThreadThatChanges) {
-  GstHarness* harness = gst_harness_new("lumobeautify");
+  GstHarness* harness = newHarness();
   const reference::Frame in = portrait(96, 64, 150);
   const reference::Frame expected = libraryResult(in, Settings{});
   for (int cycle = 0; cycle < 10; ++cycle) {
@@ -279,7 +304,7 @@ TEST(LumoBeautifyElement, AnErrorMidStreamStopsThePipelineCleanly) {
   // element's error, goes down to NULL and frees everything (LeakSanitizer watches in the ASan build).
   GError* error = nullptr;
   GstElement* pipeline = gst_parse_launch(
-      "appsrc name=src format=time ! lumobeautify name=beautify ! appsink name=sink sync=false", &error);
+      "appsrc name=src format=time ! lumobeautify name=beautify engine=gl ! appsink name=sink sync=false", &error);
   ASSERT_NE(pipeline, nullptr) << (error ? error->message : "");
   GstElement* src = gst_bin_get_by_name(GST_BIN(pipeline), "src");
   GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
@@ -334,7 +359,7 @@ TEST(LumoBeautifyElement, LeavesTheStreamingThreadsOwnContextCurrent) {
   ASSERT_TRUE(host);
   ASSERT_TRUE(host->makeCurrent());
   const GLContext::Snapshot before = GLContext::current();
-  GstHarness* harness = gst_harness_new("lumobeautify");
+  GstHarness* harness = newHarness();
   gst_harness_set_caps_str(harness, bgraCaps(32, 32).c_str(), bgraCaps(32, 32).c_str());
   const reference::Frame out = process(harness, portrait(32, 32));
   EXPECT_EQ(out.width, 32);

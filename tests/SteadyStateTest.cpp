@@ -141,6 +141,30 @@ TEST_F(SteadyState, ANewHostBufferEachFrameMakesNoGlObject) {
   EXPECT_EQ(counts.glObjectsDeleted, 0u);
 }
 
+TEST_F(SteadyState, CpuEngineFramesMakeNoAllocation) {
+  CpuImageFilter engine;
+  engine.create();
+  for (const uint32_t mask : {7u, 15u, 2u}) {
+    engine.enableBeautifying(mask);
+    engine.setCustomizedFilter(mask == 2 ? 4 : 0);
+    for (int i = 0; i < 3; ++i) ASSERT_NE(engine.render(input_), input_);  // scratch sized on the first frame
+    const Counts counts = count([&] {
+      for (int i = 0; i < 10; ++i) {
+        engine.setWhitenFactor(0.1f * static_cast<float>(i));
+        const PixelBufferRef output = engine.render(input_);
+        output->lockBaseAddress(kPixelBufferLockReadOnly);
+        checksum_ += static_cast<const uint8_t*>(output->baseAddress())[1000];
+        output->unlockBaseAddress(kPixelBufferLockReadOnly);
+      }
+    });
+    if (kCountingHeap) {
+      EXPECT_EQ(counts.allocations, 0u) << "mask " << mask;
+    }
+    EXPECT_EQ(counts.glObjectsCreated, 0u);
+  }
+  engine.destroy();
+}
+
 TEST_F(SteadyState, TheCounterSeesAllocationsAndGlObjects) {
   // The checks above prove nothing if the counters are blind.
   const Counts counts = count([] {

@@ -1,6 +1,7 @@
 // lumo-beautify as a subprocess: the default run, round trips, error cases, the raw stream.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -118,6 +119,29 @@ TEST_F(Tool, ClosedOutputPipeEndsQuietly) {
   const int raw = std::system(command.c_str());
   EXPECT_TRUE(WIFEXITED(raw));
   EXPECT_EQ(WEXITSTATUS(raw), 0);
+}
+
+TEST_F(Tool, EitherEngineRunsAndSaysSo) {
+  const Outcome cpu = run("'" LUMO_SAMPLE_IMAGE "' --engine cpu -o cpu.png");
+  ASSERT_EQ(cpu.status, 0) << cpu.err;
+  EXPECT_NE(cpu.err.find("engine cpu ("), std::string::npos) << cpu.err;
+  const Outcome gl = run("'" LUMO_SAMPLE_IMAGE "' --engine gl -o gl.png");
+  ASSERT_EQ(gl.status, 0) << gl.err;
+  EXPECT_NE(gl.err.find("engine gl ("), std::string::npos) << gl.err;
+  const Outcome automatic = run("'" LUMO_SAMPLE_IMAGE "' -o auto.png");
+  EXPECT_EQ(automatic.status, 0) << automatic.err;
+  EXPECT_NE(automatic.err.find("GL renderer is"), std::string::npos) << "auto says what decided: " << automatic.err;
+  lumo::tools::Image a, b;
+  std::string error;
+  ASSERT_TRUE(lumo::tools::readImage((dir_ / "cpu.png").string(), &a, &error)) << error;
+  ASSERT_TRUE(lumo::tools::readImage((dir_ / "gl.png").string(), &b, &error)) << error;
+  ASSERT_EQ(a.bgra.size(), b.bgra.size());
+  int worst = 0;
+  for (size_t i = 0; i < a.bgra.size(); ++i) worst = std::max(worst, std::abs(a.bgra[i] - b.bgra[i]));
+  EXPECT_LE(worst, 4) << "the two engines draw the same picture";
+  const Outcome bad = run("--engine vulkan");
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_NE(bad.err.find("--engine wants auto, gl or cpu"), std::string::npos) << bad.err;
 }
 
 TEST_F(Tool, AFullDeviceIsAnErrorAndIsLeftAlone) {

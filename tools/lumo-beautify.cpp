@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "Engine.h"
 #include "ImageIO.h"
 #include "RawStream.h"
 #include "Settings.h"
@@ -46,6 +47,7 @@ struct Options {
   float whiten = settings::kWhiten.fallback;
   float sharpen = settings::kSharpen.fallback;
   float skinWhiten = settings::kSkinWhiten.fallback;
+  lumo::tools::EngineKind engine = lumo::tools::EngineKind::Auto;
 };
 
 void printHelp() {
@@ -69,6 +71,8 @@ void printHelp() {
       "      --whiten X          whiten balance, 0..1 (default: 0.5; below brightens, above darkens)\n"
       "      --sharpen X         sharpen strength, -1..4 (default: 0)\n"
       "      --skin-whiten X     skin whiten strength, 0..1 (default: 0.5)\n"
+      "      --engine E          auto, gl or cpu (default: auto = the CPU engine when the GL renderer is a\n"
+      "                          software rasterizer or there is no GL, the GPU otherwise)\n"
       "  -h, --help              this text\n"
       "      --version           the library's version\n");
 }
@@ -147,6 +151,11 @@ Options parse(int argc, char** argv) {
           options.rawWidth < 1 || options.rawHeight < 1 || options.rawWidth > 16384 || options.rawHeight > 16384) {
         usageError(std::string("option --raw wants WIDTHxHEIGHT (1..16384 each), got '") + size + "'");
       }
+    } else if (arg == "--engine") {
+      const char* name = value();
+      if (!lumo::tools::parseEngine(name, &options.engine)) {
+        usageError(std::string("option --engine wants auto, gl or cpu, got '") + name + "'");
+      }
     } else if (arg == "--mask") {
       options.mask = parseMask(value());
     } else if (arg == "--preset") {
@@ -175,7 +184,19 @@ Options parse(int argc, char** argv) {
   return options;
 }
 
-void configure(lumo::LumoImageFilter& filter, const Options& options) {
+// The engine the options ask for, said on stderr so that a user knows which one ran.
+lumo::tools::Engine makeEngine(const Options& options) {
+  std::string why;
+  const lumo::tools::EngineKind kind = lumo::tools::resolveEngine(options.engine, &why);
+  if (kind == lumo::tools::EngineKind::Cpu) {
+    std::fprintf(stderr, "lumo-beautify: engine cpu (%s; %s)\n", lumo::CpuImageFilter::simdTarget(), why.c_str());
+  } else {
+    std::fprintf(stderr, "lumo-beautify: engine gl (%s)\n", why.c_str());
+  }
+  return lumo::tools::Engine(kind);
+}
+
+void configure(lumo::tools::Engine& filter, const Options& options) {
   filter.enableBeautifying(static_cast<uintptr_t>(options.mask));
   filter.setCustomizedFilter(static_cast<uintptr_t>(options.preset));
   filter.setPolishStep(options.polishStep);
@@ -196,7 +217,7 @@ void copyOut(const lumo::PixelBufferRef& result, uint8_t* packed) {
   result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
 }
 
-bool process(lumo::LumoImageFilter& filter, std::vector<uint8_t>& frame, int width, int height,
+bool process(lumo::tools::Engine& filter, std::vector<uint8_t>& frame, int width, int height,
              std::vector<uint8_t>& out) {
   lumo::PixelBufferRef input;
   if (lumo::PixelBuffer::createWithBytes(width, height, lumo::kPixelFormat32BGRA, frame.data(),
@@ -253,7 +274,7 @@ int runPhoto(Options options) {
     std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.input.c_str(), error.c_str());
     return kExitFailure;
   }
-  lumo::LumoImageFilter filter;
+  lumo::tools::Engine filter = makeEngine(options);
   configure(filter, options);
   filter.create();
   Image result{image.width, image.height, {}};
@@ -320,7 +341,7 @@ int runStream(const Options& options) {
   const size_t frameBytes = static_cast<size_t>(options.rawWidth) * static_cast<size_t>(options.rawHeight) * 4;
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
-  lumo::LumoImageFilter filter;
+  lumo::tools::Engine filter = makeEngine(options);
   configure(filter, options);
   filter.create();
   const auto start = std::chrono::steady_clock::now();
