@@ -110,11 +110,8 @@ bool encodePng(const Image& image, std::vector<uint8_t>* out, std::string* error
   png.width = static_cast<png_uint_32>(image.width);
   png.height = static_cast<png_uint_32>(image.height);
   png.format = PNG_FORMAT_BGRA;
-  png_alloc_size_t size = 0;
-  if (png_image_write_to_memory(&png, nullptr, &size, 0, image.bgra.data(), 0, nullptr) == 0) {
-    *error = std::string("PNG encoding failed (") + png.message + ")";
-    return false;
-  }
+  // One pass into a buffer of the largest possible size, rather than a sizing pass and a second encode.
+  png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(png);
   out->resize(size);
   if (png_image_write_to_memory(&png, out->data(), &size, 0, image.bgra.data(), 0, nullptr) == 0) {
     *error = std::string("PNG encoding failed (") + png.message + ")";
