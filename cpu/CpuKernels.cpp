@@ -28,12 +28,26 @@ struct Px {
   V<D> r, g, b, a;
 };
 
+// k / 255 for a level k in 0..255, exactly as the division rounds it: the value a fetch of an 8-bit texel
+// gives. With a fused multiply-add the reciprocal product and one residual correction give the correctly
+// rounded quotient for all 256 levels (checked exhaustively), at a fraction of a division's cost.
+template <class D>
+HWY_INLINE V<D> levelToUnit(D d, V<D> k) {
+#if HWY_ARCH_X86 && HWY_TARGET <= HWY_AVX2
+  const V<D> reciprocal = hn::Set(d, 1.0f / 255.0f);
+  const V<D> q = hn::Mul(k, reciprocal);
+  const V<D> residual = hn::NegMulAdd(q, hn::Set(d, 255.0f), k);  // k - q * 255, exact when fused
+  return hn::MulAdd(residual, reciprocal, q);
+#else
+  return hn::Div(k, hn::Set(d, 255.0f));
+#endif
+}
+
 template <class D>
 HWY_INLINE V<D> unit(D d, hn::Vec<DU<D>> bits) {
   const DI<D> di;
   const DU<D> du;
-  // Division, not a multiply by 1/255: the exact value a fetch of an 8-bit texel gives.
-  return hn::Div(hn::ConvertTo(d, hn::BitCast(di, hn::And(bits, hn::Set(du, 0xFFu)))), hn::Set(d, 255.0f));
+  return levelToUnit(d, hn::ConvertTo(d, hn::BitCast(di, hn::And(bits, hn::Set(du, 0xFFu)))));
 }
 
 template <class D>
@@ -55,7 +69,7 @@ HWY_INLINE hn::Vec<DI<D>> level(D d, V<D> v) {
 // What the next pass reads back after this one stored 8 bits.
 template <class D>
 HWY_INLINE V<D> stored(D d, V<D> v) {
-  return hn::Div(hn::ConvertTo(d, level(d, v)), hn::Set(d, 255.0f));
+  return levelToUnit(d, hn::ConvertTo(d, level(d, v)));
 }
 
 template <class D>
