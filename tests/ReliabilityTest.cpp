@@ -55,7 +55,8 @@ struct Settings {
   float step, factor, whiten, sharpen, skin;
 };
 
-void apply(LumoImageFilter& filter, const Settings& s) {
+template <typename Filter>
+void apply(Filter& filter, const Settings& s) {
   filter.enableBeautifying(s.mask);
   filter.setCustomizedFilter(s.preset);
   filter.setPolishStep(s.step);
@@ -65,8 +66,9 @@ void apply(LumoImageFilter& filter, const Settings& s) {
   filter.setSkinWhitenFactor(s.skin);
 }
 
+template <typename Filter = LumoImageFilter>
 Frame renderAlone(const Frame& in, const Settings& settings) {
-  LumoImageFilter filter;
+  Filter filter;
   filter.create();
   apply(filter, settings);
   const Frame out = fromBuffer(filter.render(toBuffer(in)));
@@ -137,8 +139,9 @@ TEST(Soak, ChangingFramesThenCreateDestroyCyclesLeaveNothingBehind) {
               processed, residentBefore / 1024, residentAfter / 1024);
 }
 
-TEST(Threads, SettersHammeredFromTwoThreadsWhileFramesRender) {
-  LumoImageFilter filter;
+template <typename Filter>
+void hammerSettersWhileRendering() {
+  Filter filter;
   ASSERT_EQ(filter.create(), 0);
   const Frame in = crop(64, 48, 220, 120);
   const PixelBufferRef input = toBuffer(in);
@@ -173,8 +176,13 @@ TEST(Threads, SettersHammeredFromTwoThreadsWhileFramesRender) {
   const Frame out = fromBuffer(filter.render(input));
   filter.destroy();
   GLContext::setCurrent({});
-  EXPECT_EQ(out.bgra, renderAlone(in, last).bgra);
+  EXPECT_EQ(out.bgra, renderAlone<Filter>(in, last).bgra);
 }
+
+TEST(Threads, SettersHammeredFromTwoThreadsWhileFramesRender) { hammerSettersWhileRendering<LumoImageFilter>(); }
+
+// The CPU engine's own worker threads, under the same hammering.
+TEST(Threads, CpuEngineSettersHammeredWhileFramesRender) { hammerSettersWhileRendering<CpuImageFilter>(); }
 
 TEST(Threads, FourFacadesOnFourThreadsMatchOneFacadeAlone) {
   const Settings settings[4] = {{7, 0, 3, 4, 0.5f, 0, 0.5f},
