@@ -77,7 +77,8 @@ struct CpuImageFilter::Scratch {
   std::vector<uint32_t> a;
   std::vector<uint32_t> b;
   std::vector<uint32_t> rows;
-  int pad = 0;
+  std::vector<float> floatRows;
+  std::vector<int> ringRows;
   float pinkCurve[256];
 };
 
@@ -217,8 +218,19 @@ void CpuImageFilter::runGraph(const uint8_t* inputBytes, size_t stride, uint8_t*
     if ((mask & kPolish) != 0) {
       cpu::BilateralJob job{};
       job.factor = polishFactor_.load(std::memory_order_relaxed);
-      job.rowScratch = scratch_->rows.data();
       job.pad = pad;
+      job.ringSize = 2 * pad + 2;
+      job.floatRowLength = rowLength;
+      job.floatScratchPerWorker = static_cast<size_t>(job.ringSize + 1) * 4 * rowLength;
+      const size_t workers = static_cast<size_t>(pool_->size());
+      if (scratch_->floatRows.size() < job.floatScratchPerWorker * workers) {
+        scratch_->floatRows.assign(job.floatScratchPerWorker * workers, 0.0f);
+      }
+      if (scratch_->ringRows.size() < static_cast<size_t>(job.ringSize) * workers) {
+        scratch_->ringRows.assign(static_cast<size_t>(job.ringSize) * workers, -1);
+      }
+      job.floatScratch = scratch_->floatRows.data();
+      job.ringRows = scratch_->ringRows.data();
       for (int i = 0; i < 8; ++i) {
         job.taps[i] = tapAt(static_cast<float>(kBilateralOffsets[i]) * step, kBilateralWeights[i]);
       }

@@ -57,19 +57,24 @@ HWY_INLINE Px<D> load(D d, const uint8_t* row, int x) {
   return {unit(d, hn::ShiftRight<16>(v)), unit(d, hn::ShiftRight<8>(v)), unit(d, v), unit(d, hn::ShiftRight<24>(v))};
 }
 
-// Round to the nearest of the 256 levels of an 8-bit target: 0 for anything not above 0 (NaN too), 255 from 1.
+// Round to the nearest of the 256 levels of an 8-bit target, as a float: 0 for anything not above 0 (NaN
+// too), 255 from 1.
+template <class D>
+HWY_INLINE V<D> levelOf(D d, V<D> v) {
+  const V<D> q = hn::Floor(hn::Add(hn::Mul(v, hn::Set(d, 255.0f)), hn::Set(d, 0.5f)));
+  return hn::Min(hn::Max(q, hn::Zero(d)), hn::Set(d, 255.0f));
+}
+
 template <class D>
 HWY_INLINE hn::Vec<DI<D>> level(D d, V<D> v) {
   const DI<D> di;
-  V<D> q = hn::Floor(hn::Add(hn::Mul(v, hn::Set(d, 255.0f)), hn::Set(d, 0.5f)));
-  q = hn::Min(hn::Max(q, hn::Zero(d)), hn::Set(d, 255.0f));
-  return hn::ConvertTo(di, q);
+  return hn::ConvertTo(di, levelOf(d, v));
 }
 
 // What the next pass reads back after this one stored 8 bits.
 template <class D>
 HWY_INLINE V<D> stored(D d, V<D> v) {
-  return levelToUnit(d, hn::ConvertTo(d, level(d, v)));
+  return levelToUnit(d, levelOf(d, v));
 }
 
 template <class D>
@@ -158,30 +163,116 @@ void SkinDetectRowsT(D d, const SkinJob& job, int y0, int y1) {
   }
 }
 
+// Rows of a pass's input as floats in 0..1, a plane per channel, converted once and shared by every tap
+// that reads them: the bilateral's nine taps would otherwise convert each texel nine times.
+struct FloatRow {
+  float* r;
+  float* g;
+  float* b;
+  float* a;
+  FloatRow shifted(int by) const { return {r + by, g + by, b + by, a + by}; }
+};
+
+FloatRow floatRow(float* base, size_t length) {
+  return {base, base + length, base + 2 * length, base + 3 * length};
+}
+
+// Converts row y into `row` at [pad, pad + width) and repeats the edge texels into the pads.
+template <class D>
+HWY_INLINE void convertRow(D d, const ConstImage& in, int y, const FloatRow& row, int pad) {
+  const uint8_t* source = in.row(y);
+  forEachVector(d, in.width, [&](int x) {
+    const Px<D> p = load(d, source, x);
+    hn::StoreU(p.r, d, row.r + pad + x);
+    hn::StoreU(p.g, d, row.g + pad + x);
+    hn::StoreU(p.b, d, row.b + pad + x);
+    hn::StoreU(p.a, d, row.a + pad + x);
+  });
+  for (float* plane : {row.r, row.g, row.b, row.a}) {
+    std::fill(plane, plane + pad, plane[pad]);
+    std::fill(plane + pad + in.width, plane + 2 * pad + in.width, plane[pad + in.width - 1]);
+  }
+}
+
+template <class D>
+HWY_INLINE Px<D> loadRow(D d, const FloatRow& row, int x) {
+  return {hn::LoadU(d, row.r + x), hn::LoadU(d, row.g + x), hn::LoadU(d, row.b + x), hn::LoadU(d, row.a + x)};
+}
+
+// The rows a vertical pass reads, converted on first use and kept in a ring large enough for every row one
+// output row needs.
+class RowRing {
+ public:
+  RowRing(const BilateralJob& job, int worker)
+      : in_(job.in), length_(job.floatRowLength), size_(job.ringSize), pad_(job.pad),
+        base_(job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker),
+        rows_(job.ringRows + static_cast<size_t>(worker) * static_cast<size_t>(job.ringSize)) {
+    std::fill(rows_, rows_ + size_, -1);
+  }
+
+  template <class D>
+  FloatRow get(D d, int y) {
+    y = std::clamp(y, 0, in_.height - 1);
+    const int slot = y % size_;
+    // Slot 0 of the scratch is the horizontal pass's row; the ring starts after it.
+    const FloatRow row = floatRow(base_ + (static_cast<size_t>(slot) + 1) * 4 * length_, length_);
+    if (rows_[slot] != y) {
+      convertRow(d, in_, y, row, pad_);
+      rows_[slot] = y;
+    }
+    return row.shifted(pad_);
+  }
+
+ private:
+  ConstImage in_;
+  size_t length_;
+  int size_;
+  int pad_;
+  float* base_;
+  int* rows_;
+};
+
 template <class D>
 void BilateralRowsT(D d, const BilateralJob& job, int worker, int y0, int y1) {
   const V<D> factor = hn::Set(d, job.factor);
   const V<D> one = hn::Set(d, 1.0f);
-  uint32_t* scratch = job.rowScratch + static_cast<size_t>(worker) * (job.in.width + 2 * job.pad);
+  const V<D> centreWeight = hn::Set(d, 0.18f);
+  const FloatRow horizontal =
+      floatRow(job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker, job.floatRowLength);
+  RowRing ring(job, worker);
   for (int y = y0; y < y1; ++y) {
-    const uint8_t* padded = job.vertical ? nullptr : paddedRow(job.in, y, scratch, job.pad);
-    const uint8_t* centreRow = job.in.row(y);
-    TapSource sources[8];
-    for (int i = 0; i < 8; ++i) sources[i] = tapSource(job.in, padded, job.vertical, y, job.taps[i]);
+    FloatRow centre{};
+    FloatRow first[8];
+    FloatRow second[8];
+    if (job.vertical) {
+      centre = ring.get(d, y);
+      for (int i = 0; i < 8; ++i) {
+        first[i] = ring.get(d, y + job.taps[i].index);
+        second[i] = job.taps[i].fraction != 0.0f ? ring.get(d, y + job.taps[i].index + 1) : first[i];
+      }
+    } else {
+      convertRow(d, job.in, y, horizontal, job.pad);
+      centre = horizontal.shifted(job.pad);
+      for (int i = 0; i < 8; ++i) {
+        first[i] = centre.shifted(job.taps[i].index);
+        second[i] = centre.shifted(job.taps[i].index + 1);
+      }
+    }
     uint8_t* out = job.out.row(y);
     forEachVector(d, job.in.width, [&](int x) {
-      const Px<D> c = load(d, centreRow, x);
-      const V<D> centreWeight = hn::Set(d, 0.18f);
+      const Px<D> c = loadRow(d, centre, x);
       V<D> total = centreWeight;
       Px<D> sum{hn::Mul(c.r, centreWeight), hn::Mul(c.g, centreWeight), hn::Mul(c.b, centreWeight),
-             hn::Mul(c.a, centreWeight)};
+                hn::Mul(c.a, centreWeight)};
       for (int i = 0; i < 8; ++i) {
-        const Px<D> s = fetch(d, sources[i], job.vertical, x);
+        Px<D> s = loadRow(d, first[i], x);
+        if (job.taps[i].fraction != 0.0f) s = lerp(d, s, loadRow(d, second[i], x), job.taps[i].fraction);
         const V<D> dr = hn::Sub(c.r, s.r);
         const V<D> dg = hn::Sub(c.g, s.g);
         const V<D> db = hn::Sub(c.b, s.b);
         const V<D> da = hn::Sub(c.a, s.a);
-        const V<D> squared = hn::Add(hn::Add(hn::Add(hn::Mul(dr, dr), hn::Mul(dg, dg)), hn::Mul(db, db)), hn::Mul(da, da));
+        const V<D> squared =
+            hn::Add(hn::Add(hn::Add(hn::Mul(dr, dr), hn::Mul(dg, dg)), hn::Mul(db, db)), hn::Mul(da, da));
         const V<D> distance = hn::Min(hn::Mul(hn::Sqrt(squared), factor), one);
         const V<D> weight = hn::Mul(hn::Set(d, job.taps[i].weight), hn::Sub(one, distance));
         total = hn::Add(total, weight);

@@ -47,8 +47,14 @@ struct BilateralJob {
   Tap taps[8];
   float factor;
   bool vertical;
-  uint32_t* rowScratch;  // one padded row per worker, for the horizontal pass: width + 2 * pad pixels
-  int pad;
+  int pad;                        // texels repeated beyond each edge: at least the widest tap, plus one
+  // Float rows per worker: one for the horizontal pass, then `ringSize` for the vertical pass's ring
+  // (at least 2 * pad + 2), each 4 planes of `floatRowLength` (width + 2 * pad) floats.
+  float* floatScratch;
+  size_t floatScratchPerWorker;
+  size_t floatRowLength;
+  int* ringRows;  // ringSize per worker
+  int ringSize;
 };
 
 // base * direction + over * multiply + offset per colour channel; alpha from `over`.
