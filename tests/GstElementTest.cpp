@@ -214,11 +214,11 @@ TEST(LumoBeautifyElement, PropertiesHaveTheDefaultsAndRanges) {
   EXPECT_EQ(step, 3.0f);
   EXPECT_EQ(factor, 4.0f);
   EXPECT_EQ(skin, 0.5f);
-  GParamSpec* spec = g_object_class_find_property(G_OBJECT_GET_CLASS(element), "preset");
-  ASSERT_NE(spec, nullptr);
-  EXPECT_EQ(G_PARAM_SPEC_UINT(spec)->maximum, 13u);
-  EXPECT_TRUE(spec->flags & GST_PARAM_MUTABLE_PLAYING);
-  EXPECT_TRUE(spec->flags & GST_PARAM_CONTROLLABLE);
+  GParamSpec* param = g_object_class_find_property(G_OBJECT_GET_CLASS(element), "preset");
+  ASSERT_NE(param, nullptr);
+  EXPECT_EQ(G_PARAM_SPEC_UINT(param)->maximum, 13u);
+  EXPECT_TRUE(param->flags & GST_PARAM_MUTABLE_PLAYING);
+  EXPECT_TRUE(param->flags & GST_PARAM_CONTROLLABLE);
   gst_object_unref(element);
 }
 
