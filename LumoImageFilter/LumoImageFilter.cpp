@@ -161,9 +161,8 @@ int32_t LumoImageFilter::changeFormat(int32_t /*format*/, int32_t width, int32_t
   m_nViewWidth = width;
   m_nImgHeight = height;
   m_nViewHeight = height;
-  // The previous buffers are dropped, not freed: a host still holding a result keeps it. Each pass clears
-  // its framebuffer before attaching its own target, so the pool lets go of the old textures first, or
-  // the next frame's first clears would wipe a result the host still holds.
+  // The previous buffers are dropped, not freed: a host still holding a result keeps it. The pool lets go
+  // of their textures first, so that no attachment keeps a texture of the old size alive.
   for (const uint32_t framebuffer : m_hFrameBufferPool) {
     if (framebuffer == 0) continue;
     glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
