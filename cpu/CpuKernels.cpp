@@ -5,6 +5,7 @@
 #include <hwy/highway.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "CpuKernels.h"
 
@@ -115,11 +116,18 @@ HWY_INLINE void forEachVector(D d, int width, const Body& body) {
 }
 
 // The row with `pad` copies of its edge pixels on each side: clamp to edge for horizontal taps.
+// Host rows need not be 4-byte aligned, so pixels are copied as bytes.
+HWY_INLINE uint32_t pixelAt(const uint8_t* row, int x) {
+  uint32_t pixel;
+  std::memcpy(&pixel, row + 4 * static_cast<size_t>(x), sizeof pixel);
+  return pixel;
+}
+
 HWY_INLINE const uint8_t* paddedRow(const ConstImage& in, int y, uint32_t* scratch, int pad) {
-  const auto* source = reinterpret_cast<const uint32_t*>(in.row(y));
-  std::fill(scratch, scratch + pad, source[0]);
-  std::copy(source, source + in.width, scratch + pad);
-  std::fill(scratch + pad + in.width, scratch + pad + in.width + pad, source[in.width - 1]);
+  const uint8_t* source = in.row(y);
+  std::fill(scratch, scratch + pad, pixelAt(source, 0));
+  std::memcpy(scratch + pad, source, static_cast<size_t>(in.width) * 4);
+  std::fill(scratch + pad + in.width, scratch + pad + in.width + pad, pixelAt(source, in.width - 1));
   return reinterpret_cast<const uint8_t*>(scratch + pad);
 }
 
@@ -446,10 +454,9 @@ void SharpenRowsT(D d, const SharpenJob& job, int y0, int y1) {
       } else {
         uint32_t l[HWY_MAX_BYTES / sizeof(float)];
         uint32_t r[HWY_MAX_BYTES / sizeof(float)];
-        const auto* pixels = reinterpret_cast<const uint32_t*>(row);
         for (int i = 0; i < lanes; ++i) {
-          l[i] = pixels[std::max(x + i - 1, 0)];
-          r[i] = pixels[std::min(x + i + 1, width - 1)];
+          l[i] = pixelAt(row, std::max(x + i - 1, 0));
+          r[i] = pixelAt(row, std::min(x + i + 1, width - 1));
         }
         left = load(d, reinterpret_cast<const uint8_t*>(l), 0);
         right = load(d, reinterpret_cast<const uint8_t*>(r), 0);

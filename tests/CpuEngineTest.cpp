@@ -3,6 +3,7 @@
 
 #include <lumo/lumo.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -84,6 +85,25 @@ TEST(CpuEngine, MatchesThePassGraphModel) {
     EXPECT_LE(difference.maxColour, c.maxColour) << "mask " << c.mask;
     EXPECT_LE(difference.shareAbove, c.shareAbove) << "mask " << c.mask;
   }
+}
+
+TEST(CpuEngine, AnyHostStrideGivesTheSameFrame) {
+  // Rows padded by an odd number of bytes: no pixel is 4-byte aligned after the first row.
+  const Frame in = inputs()[1];
+  const size_t stride = static_cast<size_t>(in.width) * 4 + 3;
+  std::vector<uint8_t> padded(stride * static_cast<size_t>(in.height) + 1, 0x5A);
+  uint8_t* base = padded.data() + 1;  // and the first row is not aligned either
+  for (int y = 0; y < in.height; ++y) std::memcpy(base + stride * y, in.at(0, y), static_cast<size_t>(in.width) * 4);
+  PixelBufferRef wrapped;
+  ASSERT_EQ(PixelBuffer::createWithBytes(in.width, in.height, kPixelFormat32BGRA, base, stride, nullptr, {}, &wrapped),
+            kPixelBufferSuccess);
+  CpuImageFilter filter;
+  filter.create();
+  filter.enableBeautifying(15);
+  filter.setSharppenFactor(0.5f);
+  const Frame fromPadded = fromBuffer(filter.render(wrapped));
+  const Frame fromTight = fromBuffer(filter.render(toBuffer(in)));
+  EXPECT_EQ(fromPadded.bgra, fromTight.bgra);
 }
 
 TEST(CpuEngine, HostInterfaceAndDeferredSettings) {
