@@ -5,6 +5,7 @@
 #include <GLES2/gl2ext.h>
 
 #include "GlDebug.h"
+#include "GlHandle.h"
 #include "VideoProcessAlphaBlendFilter.h"
 #include "VideoProcessBilateralFilter.h"
 #include "VideoProcessCustomizedFilter.h"
@@ -17,23 +18,6 @@
 #include "VideoProcessWhitenFilter.h"
 
 namespace lumo {
-namespace {
-
-// Detail-layer constants, as single-precision values: 128/255 is 0x3F008081 and -256/255 is 0xBF808081.
-constexpr float kHighPassOffset = 128.0f / 255.0f;
-constexpr float kAddBackOffset = -256.0f / 255.0f;
-constexpr float kSkinBlendWeight = 0.35f;          // 0x3EB33333
-constexpr float kSkinBlendWeightSharpen = 0.5f;
-
-void setSamplingParameters() {
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-}
-
-}  // namespace
-
 LumoImageFilter::LumoImageFilter() = default;
 
 LumoImageFilter::~LumoImageFilter() { destroy(); }
@@ -82,43 +66,6 @@ int32_t LumoImageFilter::destroy() {
   uninitCustomizedFilter();
   m_pGLContext.reset();
   _isCreated = false;
-  return 0;
-}
-
-int32_t LumoImageFilter::enableBeautifying(uintptr_t mask) {
-  m_nEnableBeautifyingLastUpdate.store(static_cast<int32_t>(static_cast<uint32_t>(mask)),
-                                       std::memory_order_relaxed);
-  return 1;
-}
-
-int32_t LumoImageFilter::setCustomizedFilter(uintptr_t index) {
-  m_nCustomizedFilterIndexLastUpdate.store(static_cast<int32_t>(static_cast<uint32_t>(index)),
-                                           std::memory_order_relaxed);
-  return 1;
-}
-
-int32_t LumoImageFilter::setPolishStep(float step) {
-  polish_step_.store(step, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t LumoImageFilter::setPolishFactor(float factor) {
-  polish_color_distance_factor_.store(factor, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t LumoImageFilter::setWhitenFactor(float factor) {
-  whiten_factor_.store(factor, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t LumoImageFilter::setSharppenFactor(float factor) {
-  sharppen_factor_.store(factor, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t LumoImageFilter::setSkinWhitenFactor(float factor) {
-  pinkwhiten_factor_.store(factor, std::memory_order_relaxed);
   return 0;
 }
 
@@ -228,10 +175,7 @@ int32_t LumoImageFilter::getCurrentFrameBuffer() {
 PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   if (!_isCreated) return nullptr;
 
-  const int32_t wantedMask = m_nEnableBeautifyingLastUpdate.load(std::memory_order_relaxed);
-  if (wantedMask != m_nEnableBeautifying) doEnableBeautifying(wantedMask);
-  const int32_t wantedIndex = m_nCustomizedFilterIndexLastUpdate.load(std::memory_order_relaxed);
-  if (wantedIndex != m_nCustomizedFilterIndex) doSetCustomizedFilter(wantedIndex);
+  applyWantedSettings();
 
   if ((m_nEnableBeautifying < 1 && !m_pCustomizedFilter) || !pixelBuffer) return pixelBuffer;
 
@@ -256,7 +200,8 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
 
   PixelBufferRef result = pixelBuffer;
   if (t0 && t1 && t2) {
-    const Texture* last = runPasses(t0.get(), t1.get(), t2.get());
+    const Texture* last = runPasses(FramePlan::make(m_nEnableBeautifying, m_pCustomizedFilter != nullptr), t0.get(),
+                                    t1.get(), t2.get());
     if (last == t1.get()) {
       result = m_pRenderPixelBuffer;
     } else if (last == t2.get()) {
@@ -274,63 +219,65 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   return result;
 }
 
-const Texture* LumoImageFilter::runPasses(const Texture* t0, const Texture* t1, const Texture* t2) {
+const Texture* LumoImageFilter::runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1,
+                                          const Texture* t2) {
   // Every pass writes the other target of its source: T2 after T1, T1 after anything else.
   auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
-  const int32_t mask = m_nEnableBeautifying;
-  const Texture* current = t0;
-
-  if (mask > 0) {
-    if ((mask & (BeautifyPolish | BeautifySkinWhiten)) != 0) {
-      doRenderWithFilter(t0, nullptr, t1, m_pSkinDetectFilter.get(), 1);
-      const Texture* skin = t1;
-      if ((mask & BeautifyPolish) != 0) {
-        m_pBilateralFilter->setSampleStep(polish_step_.load(std::memory_order_relaxed));
-        m_pBilateralFilter->setColorDistanceFactor(polish_color_distance_factor_.load(std::memory_order_relaxed));
-        doRenderWithFilter(t1, t1, t2, m_pBilateralFilter.get(), 1);
-        doRenderWithFilter(t2, t2, t1, m_pBilateralFilter.get(), 2);
-      }
-      if ((mask & BeautifySharpen) == 0) {
-        // Detail layer: smoothed minus input around mid grey, blurred, added back doubled.
-        const Texture* layer = other(skin);
-        m_pOverlayFilter->setSrcDirection(-1.0f);
-        m_pOverlayFilter->setMultifyVal(1.0f);
-        m_pOverlayFilter->setOverlayVal(kHighPassOffset);
-        doRenderWithFilter(t0, skin, layer, m_pOverlayFilter.get(), 1);
-        m_pGaussianBlurFilter->setStepOffset(1.0f);
-        m_pGaussianBlurFilter->setBlurRadisAndSigma(1.0f, 2.0f);
-        doRenderWithFilter(layer, nullptr, skin, m_pGaussianBlurFilter.get(), 1);
-        doRenderWithFilter(skin, nullptr, layer, m_pGaussianBlurFilter.get(), 2);
-        m_pOverlayFilter->setSrcDirection(1.0f);
-        m_pOverlayFilter->setMultifyVal(2.0f);
-        m_pOverlayFilter->setOverlayVal(kAddBackOffset);
-        doRenderWithFilter(t0, layer, skin, m_pOverlayFilter.get(), 1);
-      }
-      if ((mask & BeautifySkinWhiten) != 0) {
-        m_pPinkWhitenFilter->setWhitenFactor(pinkwhiten_factor_.load(std::memory_order_relaxed));
-        doRenderWithFilter(skin, nullptr, other(skin), m_pPinkWhitenFilter.get(), 1);
-        skin = other(skin);
-      }
-      m_pAlphaBlendFilter->setAlpha((mask & BeautifySharpen) != 0 ? kSkinBlendWeightSharpen : kSkinBlendWeight);
-      doRenderWithFilter(t0, skin, other(skin), m_pAlphaBlendFilter.get(), 1);
-      current = other(skin);
-    }
-    if ((mask & BeautifyWhiten) != 0) {
-      m_pWhitenFilter->setWhitenFactor(whiten_factor_.load(std::memory_order_relaxed));
-      doRenderWithFilter(current, nullptr, other(current), m_pWhitenFilter.get(), 1);
-      current = other(current);
-    }
-    if ((mask & BeautifySharpen) != 0) {
-      m_pSharpenFilter->setSampleFactor(sharppen_factor_.load(std::memory_order_relaxed));
-      doRenderWithFilter(current, nullptr, other(current), m_pSharpenFilter.get(), 1);
-      current = other(current);
-    }
+  const Texture* current = plan.skinDetect ? runSkinBranch(plan, t0, t1, t2) : t0;
+  if (plan.whiten) {
+    m_pWhitenFilter->setWhitenFactor(whiten_factor_.load(std::memory_order_relaxed));
+    doRenderWithFilter(current, nullptr, other(current), m_pWhitenFilter.get(), 1);
+    current = other(current);
   }
-  if (m_pCustomizedFilter) {
+  if (plan.sharpen) {
+    m_pSharpenFilter->setSampleFactor(sharppen_factor_.load(std::memory_order_relaxed));
+    doRenderWithFilter(current, nullptr, other(current), m_pSharpenFilter.get(), 1);
+    current = other(current);
+  }
+  if (plan.preset) {
     doRenderWithFilter(current, nullptr, other(current), m_pCustomizedFilter.get(), 1);
     current = other(current);
   }
   return current;
+}
+
+// Skin detect, smoothing, the detail layer, pink whiten and the blend back into the input through the skin
+// mask; returns the blend's target.
+const Texture* LumoImageFilter::runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1,
+                                              const Texture* t2) {
+  auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
+  doRenderWithFilter(t0, nullptr, t1, m_pSkinDetectFilter.get(), 1);
+  const Texture* skin = t1;
+  if (plan.polish) {
+    m_pBilateralFilter->setSampleStep(polish_step_.load(std::memory_order_relaxed));
+    m_pBilateralFilter->setColorDistanceFactor(polish_color_distance_factor_.load(std::memory_order_relaxed));
+    doRenderWithFilter(t1, t1, t2, m_pBilateralFilter.get(), 1);
+    doRenderWithFilter(t2, t2, t1, m_pBilateralFilter.get(), 2);
+  }
+  if (plan.detailLayer) {
+    const Texture* layer = other(skin);
+    m_pOverlayFilter->setSrcDirection(-1.0f);
+    m_pOverlayFilter->setMultifyVal(1.0f);
+    m_pOverlayFilter->setOverlayVal(FramePlan::kHighPassOffset);
+    doRenderWithFilter(t0, skin, layer, m_pOverlayFilter.get(), 1);
+    m_pGaussianBlurFilter->setStepOffset(FramePlan::kDetailBlurStepOffset);
+    m_pGaussianBlurFilter->setBlurRadisAndSigma(static_cast<float>(FramePlan::kDetailBlurRadius),
+                                                static_cast<float>(FramePlan::kDetailBlurSigma));
+    doRenderWithFilter(layer, nullptr, skin, m_pGaussianBlurFilter.get(), 1);
+    doRenderWithFilter(skin, nullptr, layer, m_pGaussianBlurFilter.get(), 2);
+    m_pOverlayFilter->setSrcDirection(1.0f);
+    m_pOverlayFilter->setMultifyVal(2.0f);
+    m_pOverlayFilter->setOverlayVal(FramePlan::kAddBackOffset);
+    doRenderWithFilter(t0, layer, skin, m_pOverlayFilter.get(), 1);
+  }
+  if (plan.pinkWhiten) {
+    m_pPinkWhitenFilter->setWhitenFactor(pinkwhiten_factor_.load(std::memory_order_relaxed));
+    doRenderWithFilter(skin, nullptr, other(skin), m_pPinkWhitenFilter.get(), 1);
+    skin = other(skin);
+  }
+  m_pAlphaBlendFilter->setAlpha(plan.skinBlendWeight);
+  doRenderWithFilter(t0, skin, other(skin), m_pAlphaBlendFilter.get(), 1);
+  return other(skin);
 }
 
 void LumoImageFilter::doRenderWithFilter(const Texture* first, const Texture* second, const Texture* target,
@@ -348,18 +295,18 @@ void LumoImageFilter::doRenderWithFilter(const Texture* first, const Texture* se
 
   glActiveTexture(GL_TEXTURE0);
   glBindTexture(first->target(), first->name());
-  setSamplingParameters();
+  gl::setLinearClampSampling();
   if (second != nullptr) {
     glActiveTexture(GL_TEXTURE2);
     glBindTexture(second->target(), second->name());
-    setSamplingParameters();
+    gl::setLinearClampSampling();
   }
   filter->setUniforms(whichPass);
 
   glActiveTexture(GL_TEXTURE1);
   glBindTexture(target->target(), target->name());
   glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target->name(), 0);
-  setSamplingParameters();
+  gl::setLinearClampSampling();
   filter->setAttributes(whichPass);
   gldebug::checkFramebuffer("LumoImageFilter::doRenderWithFilter()");
   glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);

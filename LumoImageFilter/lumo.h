@@ -1,13 +1,19 @@
 #pragma once
 
-// Everything a host needs: the facade, every filter, the shader texts and the platform layer.
+// Everything a host needs: the engines behind one interface (BeautifyEngine, makeEngine), the settings,
+// every filter, the shader texts and the platform layer.
+#include "BeautifyEngine.h"
+#include "BeautifySettings.h"
 #include "Export.h"
+#include "FramePlan.h"
 #include "GLContext.h"
+#include "GlHandle.h"
 #include "GlObjects.h"
 #include "Log.h"
 #include "CpuImageFilter.h"
 #include "LumoImageFilter.h"
 #include "PixelBuffer.h"
+#include "PixelRows.h"
 #include "Shaders.h"
 #include "TextureCache.h"
 #include "VideoProcessAlphaBlendFilter.h"

@@ -4,26 +4,14 @@
 #include <cmath>
 #include <cstring>
 #include <thread>
+#include <vector>
 
 #include "CpuKernels.h"
+#include "FramePlan.h"
 #include "ThreadPool.h"
-#include "VideoProcessCustomizedFilter.h"
-#include "VideoProcessPinkWhitenFilter.h"
 
 namespace lumo {
 namespace {
-
-// The pass graph's constants, as the facade draws them.
-constexpr int32_t kPolish = 1;
-constexpr int32_t kWhiten = 2;
-constexpr int32_t kSkinWhiten = 4;
-constexpr int32_t kSharpen = 8;
-constexpr float kHighPassOffset = 128.0f / 255.0f;
-constexpr float kSkinBlendWeight = 0.35f;
-constexpr float kSkinBlendWeightSharpen = 0.5f;
-// The bilateral text's spatial weights, far side first, without the centre's 0.18.
-constexpr float kBilateralWeights[8] = {0.05f, 0.09f, 0.12f, 0.15f, 0.15f, 0.12f, 0.09f, 0.05f};
-constexpr int kBilateralOffsets[8] = {-4, -3, -2, -1, 1, 2, 3, 4};
 
 // Where texture coordinate s + offset * (step / size) lands, in texels from the pixel: the integer part and
 // the linear-sampling fraction. Texel centres (whole offsets) give a fraction of 0.
@@ -34,52 +22,34 @@ cpu::Tap tapAt(float texels, float weight) {
   return {static_cast<int>(whole), fraction, weight};
 }
 
-// The small blur's weights (radius 1, sigma 2), as its shader generator computes them: the centre, then the
-// pair at offset 1 (the second weight of the pair is zero, so the pair sits on a texel centre).
-void gaussianTaps(cpu::Tap taps[3]) {
-  const double sigma = 2.0;
-  const double norm = 1.0 / std::sqrt(2.0 * M_PI * sigma * sigma);
-  float weights[2];
-  float sum = 0.0f;
-  for (int i = 0; i <= 1; ++i) {
-    weights[i] = static_cast<float>(std::exp(-static_cast<double>(i * i) / (2.0 * sigma * sigma)) * norm);
-    sum = static_cast<float>(sum + (i == 0 ? static_cast<double>(weights[i]) : 2.0 * static_cast<double>(weights[i])));
-  }
-  for (float& weight : weights) weight /= sum;
+// The detail blur's taps as its shader generator lays them out: the centre, then the pair at offset 1 (the
+// pair's second weight is the spare zero, so the pair sits on a texel centre).
+void detailBlurTaps(cpu::Tap taps[3]) {
+  const std::vector<float> weights = gaussianWeights(FramePlan::kDetailBlurRadius, FramePlan::kDetailBlurSigma);
   taps[0] = {0, 0.0f, weights[0]};
   taps[1] = {1, 0.0f, weights[1]};
   taps[2] = {-1, 0.0f, weights[1]};
 }
 
-bool loadPreset(int32_t index, float matrix[4][4], float offset[4]) {
-  if (index < 1 || index > VideoProcessCustomizedFilter::kPresetCount) return false;
-  GPUMatrix4x4 m{};
-  GPUVector4 o{};
-  VideoProcessCustomizedFilter::presetValues(index, &m, &o);
-  const GPUVector4* rows[4] = {&m.one, &m.two, &m.three, &m.four};
-  for (int k = 0; k < 4; ++k) {
-    matrix[k][0] = rows[k]->one;
-    matrix[k][1] = rows[k]->two;
-    matrix[k][2] = rows[k]->three;
-    matrix[k][3] = rows[k]->four;
-  }
-  offset[0] = o.one;
-  offset[1] = o.two;
-  offset[2] = o.three;
-  offset[3] = o.four;
-  return true;
+void copyPreset(bool inForce, const PresetValues& preset, bool* flag, float matrix[4][4], float offset[4]) {
+  *flag = inForce;
+  std::memcpy(matrix, preset.matrix, sizeof preset.matrix);
+  std::memcpy(offset, preset.offset, sizeof preset.offset);
 }
 
 }  // namespace
 
-// Two 8-bit working images and the per-worker padded rows of the horizontal passes.
+// Two 8-bit working images, the per-worker padded rows of the horizontal passes and the bilateral passes'
+// float rows.
 struct CpuImageFilter::Scratch {
   std::vector<uint32_t> a;
   std::vector<uint32_t> b;
   std::vector<uint32_t> rows;
   std::vector<float> floatRows;
   std::vector<int> ringRows;
-  float pinkCurve[256];
+  int pad = 0;
+  size_t rowLength = 0;
+  cpu::Tap blurTaps[3];
 };
 
 CpuImageFilter::CpuImageFilter() = default;
@@ -90,13 +60,12 @@ int32_t CpuImageFilter::create() {
   if (created_) return 0;
   pool_ = std::make_unique<cpu::ThreadPool>(static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
   scratch_ = std::make_unique<Scratch>();
-  // The curve the pink-whiten filter uploads, from the filter itself (no GL is involved in making it).
-  const VideoProcessPinkWhitenFilter pink;
-  std::copy(pink.curveMap().begin(), pink.curveMap().end(), scratch_->pinkCurve);
+  detailBlurTaps(scratch_->blurTaps);
   width_ = 0;
   height_ = 0;
-  mask_ = 0;
-  preset_ = 0;
+  m_nEnableBeautifying = 0;
+  m_nCustomizedFilterIndex = 0;
+  presetInForce_ = false;
   created_ = true;
   return 0;
 }
@@ -111,39 +80,18 @@ int32_t CpuImageFilter::destroy() {
   return 0;
 }
 
-int32_t CpuImageFilter::enableBeautifying(uintptr_t mask) {
-  wantedMask_.store(static_cast<int32_t>(mask), std::memory_order_relaxed);
+int32_t CpuImageFilter::doEnableBeautifying(int32_t mask) {
+  m_nEnableBeautifyingLastUpdate.store(mask, std::memory_order_relaxed);
+  m_nEnableBeautifying = mask;
   return 1;
 }
 
-int32_t CpuImageFilter::setCustomizedFilter(uintptr_t index) {
-  wantedPreset_.store(static_cast<int32_t>(index), std::memory_order_relaxed);
-  return static_cast<int32_t>(index);
-}
-
-int32_t CpuImageFilter::setPolishStep(float step) {
-  polishStep_.store(step, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t CpuImageFilter::setPolishFactor(float factor) {
-  polishFactor_.store(factor, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t CpuImageFilter::setWhitenFactor(float factor) {
-  whiten_.store(factor, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t CpuImageFilter::setSharppenFactor(float factor) {
-  sharpen_.store(factor, std::memory_order_relaxed);
-  return 0;
-}
-
-int32_t CpuImageFilter::setSkinWhitenFactor(float factor) {
-  skinWhiten_.store(factor, std::memory_order_relaxed);
-  return 0;
+int32_t CpuImageFilter::doSetCustomizedFilter(int32_t index) {
+  // An index outside the table is logged once and recorded as in force, with no preset, as on the GPU.
+  presetInForce_ = index > 0 && lookupPreset(index, &preset_);
+  m_nCustomizedFilterIndexLastUpdate.store(index, std::memory_order_relaxed);
+  m_nCustomizedFilterIndex = index;
+  return index;
 }
 
 const char* CpuImageFilter::simdTarget() { return cpu::simdTarget(); }
@@ -164,11 +112,9 @@ bool CpuImageFilter::prepare(int32_t width, int32_t height) {
 
 PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
   if (!created_) return nullptr;
-  mask_ = wantedMask_.load(std::memory_order_relaxed);
-  preset_ = wantedPreset_.load(std::memory_order_relaxed);
-  const int32_t mask = mask_ > 0 ? mask_ : 0;
-  const bool preset = preset_ >= 1 && preset_ <= VideoProcessCustomizedFilter::kPresetCount;
-  if (!pixelBuffer || ((mask & (kPolish | kWhiten | kSkinWhiten | kSharpen)) == 0 && !preset)) return pixelBuffer;
+  applyWantedSettings();
+  const FramePlan plan = FramePlan::make(m_nEnableBeautifying, presetInForce_);
+  if (!pixelBuffer || !plan.any()) return pixelBuffer;
   if (!prepare(pixelBuffer->width(), pixelBuffer->height())) return pixelBuffer;
 
   PixelBufferRef output = outputs_[nextOutput_];
@@ -178,126 +124,118 @@ PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
     pixelBuffer->unlockBaseAddress(kPixelBufferLockReadOnly);
     return pixelBuffer;
   }
-  runGraph(static_cast<const uint8_t*>(pixelBuffer->baseAddress()), pixelBuffer->bytesPerRow(),
-           static_cast<uint8_t*>(output->baseAddress()), output->bytesPerRow());
+  const cpu::ConstImage input{static_cast<const uint8_t*>(pixelBuffer->baseAddress()), pixelBuffer->bytesPerRow(),
+                              width_, height_};
+  const cpu::Image out{static_cast<uint8_t*>(output->baseAddress()), output->bytesPerRow(), width_, height_};
+  runGraph(plan, input, out);
   output->unlockBaseAddress(0);
   pixelBuffer->unlockBaseAddress(kPixelBufferLockReadOnly);
   return output;
 }
 
-void CpuImageFilter::runGraph(const uint8_t* inputBytes, size_t stride, uint8_t* outputBytes, size_t outputStride) {
-  using cpu::ConstImage;
-  using cpu::Image;
-  const int width = width_;
-  const int height = height_;
-  const int32_t mask = mask_ > 0 ? mask_ : 0;
-  float presetMatrix[4][4];
-  float presetOffset[4];
-  const bool preset = loadPreset(preset_, presetMatrix, presetOffset);
-  const size_t tight = static_cast<size_t>(width) * 4;
-  const ConstImage input{inputBytes, stride, width, height};
-  const Image output{outputBytes, outputStride, width, height};
-  const Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width, height};
-  const Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width, height};
-  const bool beautify = (mask & (kPolish | kSkinWhiten)) != 0;
-  const bool sharpen = (mask & kSharpen) != 0;
+void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output) {
+  const size_t tight = static_cast<size_t>(width_) * 4;
+  const cpu::Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width_, height_};
+  const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
 
   // Padded rows for the horizontal passes: enough for the widest tap, one row per worker.
-  const float step = polishStep_.load(std::memory_order_relaxed);
-  const int pad = static_cast<int>(std::ceil(std::fabs(4.0f * step))) + 2;
-  const size_t rowLength = static_cast<size_t>(width) + 2 * static_cast<size_t>(pad);
-  if (scratch_->rows.size() < rowLength * static_cast<size_t>(pool_->size())) {
-    scratch_->rows.assign(rowLength * static_cast<size_t>(pool_->size()), 0);
-  }
+  const float step = polish_step_.load(std::memory_order_relaxed);
+  scratch_->pad = static_cast<int>(std::ceil(std::fabs(4.0f * step))) + 2;
+  scratch_->rowLength = static_cast<size_t>(width_) + 2 * static_cast<size_t>(scratch_->pad);
+  const size_t workers = static_cast<size_t>(pool_->size());
+  if (scratch_->rows.size() < scratch_->rowLength * workers) scratch_->rows.assign(scratch_->rowLength * workers, 0);
 
-  ConstImage skin{};
-  bool addBack = false;
-  if (beautify) {
-    const cpu::SkinJob skinJob{input, a};
-    pool_->parallelFor(height, [&](int, int y0, int y1) { cpu::skinDetectRows(skinJob, y0, y1); });
-    if ((mask & kPolish) != 0) {
-      cpu::BilateralJob job{};
-      job.factor = polishFactor_.load(std::memory_order_relaxed);
-      job.pad = pad;
-      job.ringSize = 2 * pad + 2;
-      job.floatRowLength = rowLength;
-      job.floatScratchPerWorker = static_cast<size_t>(job.ringSize + 1) * 4 * rowLength;
-      const size_t workers = static_cast<size_t>(pool_->size());
-      if (scratch_->floatRows.size() < job.floatScratchPerWorker * workers) {
-        scratch_->floatRows.assign(job.floatScratchPerWorker * workers, 0.0f);
-      }
-      if (scratch_->ringRows.size() < static_cast<size_t>(job.ringSize) * workers) {
-        scratch_->ringRows.assign(static_cast<size_t>(job.ringSize) * workers, -1);
-      }
-      job.floatScratch = scratch_->floatRows.data();
-      job.ringRows = scratch_->ringRows.data();
-      for (int i = 0; i < 8; ++i) {
-        job.taps[i] = tapAt(static_cast<float>(kBilateralOffsets[i]) * step, kBilateralWeights[i]);
-      }
-      job.in = a;
-      job.out = b;
-      job.vertical = false;
-      pool_->parallelFor(height, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
-      job.in = b;
-      job.out = a;
-      job.vertical = true;
-      pool_->parallelFor(height, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
-    }
-    skin = a;
-    if (!sharpen) {
-      // The detail layer: input minus smoothed around mid grey, blurred; the tail adds it back doubled.
-      const cpu::OverlayJob highPass{input, a, b, -1.0f, 1.0f, kHighPassOffset};
-      pool_->parallelFor(height, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
-      cpu::GaussianJob blur{};
-      gaussianTaps(blur.taps);
-      blur.tapCount = 3;
-      blur.rowScratch = scratch_->rows.data();
-      blur.pad = pad;
-      blur.in = b;
-      blur.out = a;
-      blur.vertical = false;
-      pool_->parallelFor(height, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
-      blur.in = a;
-      blur.out = b;
-      blur.vertical = true;
-      pool_->parallelFor(height, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
-      skin = b;
-      addBack = true;
-    }
-  }
-
-  const bool whiten = (mask & kWhiten) != 0;
-  ConstImage current = input;
-  if (beautify || whiten || (!sharpen && preset)) {
+  const cpu::ConstImage skin = plan.skinDetect ? runSkinStages(plan, input) : cpu::ConstImage{};
+  cpu::ConstImage current = input;
+  if (plan.skinDetect || plan.whiten || (!plan.sharpen && plan.preset)) {
+    // The per-pixel passes fused; before a sharpen pass into whichever working image the skin layer is not in.
     cpu::TailJob tail{};
     tail.input = input;
     tail.skin = skin;
-    // Before a sharpen pass the tail writes into whichever working image the skin layer is not in.
-    tail.out = !sharpen ? output : (skin.data == a.data ? b : a);
-    tail.beautify = beautify;
-    tail.addBack = addBack;
-    tail.pinkWhiten = (mask & kSkinWhiten) != 0;
-    tail.pinkFactor = skinWhiten_.load(std::memory_order_relaxed);
-    tail.blendAlpha = sharpen ? kSkinBlendWeightSharpen : kSkinBlendWeight;
-    tail.whiten = whiten;
-    tail.whitenFactor = whiten_.load(std::memory_order_relaxed);
-    tail.pinkCurve = scratch_->pinkCurve;
-    tail.preset = !sharpen && preset;
-    std::memcpy(tail.presetMatrix, presetMatrix, sizeof presetMatrix);
-    std::memcpy(tail.presetOffset, presetOffset, sizeof presetOffset);
-    pool_->parallelFor(height, [&](int, int y0, int y1) { cpu::tailRows(tail, y0, y1); });
+    tail.out = !plan.sharpen ? output : (skin.data == a.data ? b : a);
+    tail.beautify = plan.skinDetect;
+    tail.addBack = plan.detailLayer;
+    tail.pinkWhiten = plan.pinkWhiten;
+    tail.pinkFactor = pinkwhiten_factor_.load(std::memory_order_relaxed);
+    tail.blendAlpha = plan.skinBlendWeight;
+    tail.whiten = plan.whiten;
+    tail.whitenFactor = whiten_factor_.load(std::memory_order_relaxed);
+    tail.pinkCurve = pinkWhitenCurve().data();
+    copyPreset(!plan.sharpen && plan.preset, preset_, &tail.preset, tail.presetMatrix, tail.presetOffset);
+    pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::tailRows(tail, y0, y1); });
     current = tail.out;
   }
-  if (sharpen) {
+  if (plan.sharpen) {
     cpu::SharpenJob job{};
     job.in = current;
     job.out = output;
-    job.sharpness = sharpen_.load(std::memory_order_relaxed);
-    job.preset = preset;
-    std::memcpy(job.presetMatrix, presetMatrix, sizeof presetMatrix);
-    std::memcpy(job.presetOffset, presetOffset, sizeof presetOffset);
-    pool_->parallelFor(height, [&](int, int y0, int y1) { cpu::sharpenRows(job, y0, y1); });
+    job.sharpness = sharppen_factor_.load(std::memory_order_relaxed);
+    copyPreset(plan.preset, preset_, &job.preset, job.presetMatrix, job.presetOffset);
+    pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::sharpenRows(job, y0, y1); });
   }
+}
+
+cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::ConstImage& input) {
+  const size_t tight = static_cast<size_t>(width_) * 4;
+  const cpu::Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width_, height_};
+  const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
+  const cpu::SkinJob skinJob{input, a};
+  pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::skinDetectRows(skinJob, y0, y1); });
+  if (plan.polish) runBilateral(a, b);
+  if (!plan.detailLayer) return a;
+  runDetailLayer(input, a, b);
+  return b;
+}
+
+// Skin in `a`, smoothed back into `a` through `b`.
+void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b) {
+  const float step = polish_step_.load(std::memory_order_relaxed);
+  cpu::BilateralJob job{};
+  job.factor = polish_color_distance_factor_.load(std::memory_order_relaxed);
+  job.pad = scratch_->pad;
+  job.ringSize = 2 * scratch_->pad + 2;
+  job.floatRowLength = scratch_->rowLength;
+  job.floatScratchPerWorker = static_cast<size_t>(job.ringSize + 1) * 4 * scratch_->rowLength;
+  const size_t workers = static_cast<size_t>(pool_->size());
+  if (scratch_->floatRows.size() < job.floatScratchPerWorker * workers) {
+    scratch_->floatRows.assign(job.floatScratchPerWorker * workers, 0.0f);
+  }
+  if (scratch_->ringRows.size() < static_cast<size_t>(job.ringSize) * workers) {
+    scratch_->ringRows.assign(static_cast<size_t>(job.ringSize) * workers, -1);
+  }
+  job.floatScratch = scratch_->floatRows.data();
+  job.ringRows = scratch_->ringRows.data();
+  for (int i = 0; i < 8; ++i) {
+    job.taps[i] = tapAt(static_cast<float>(FramePlan::kBilateralOffsets[i]) * step, FramePlan::kBilateralWeights[i]);
+  }
+  job.in = a;
+  job.out = b;
+  job.vertical = false;
+  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
+  job.in = b;
+  job.out = a;
+  job.vertical = true;
+  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
+}
+
+// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b`; the tail adds it back
+// doubled.
+void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b) {
+  const cpu::OverlayJob highPass{input, a, b, -1.0f, 1.0f, FramePlan::kHighPassOffset};
+  pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
+  cpu::GaussianJob blur{};
+  std::copy(std::begin(scratch_->blurTaps), std::end(scratch_->blurTaps), blur.taps);
+  blur.tapCount = 3;
+  blur.rowScratch = scratch_->rows.data();
+  blur.pad = scratch_->pad;
+  blur.in = b;
+  blur.out = a;
+  blur.vertical = false;
+  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
+  blur.in = a;
+  blur.out = b;
+  blur.vertical = true;
+  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
 }
 
 }  // namespace lumo

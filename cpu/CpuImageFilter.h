@@ -1,10 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
+#include "BeautifyEngine.h"
+#include "BeautifySettings.h"
 #include "Export.h"
 #include "PixelBuffer.h"
 
@@ -12,41 +12,44 @@ namespace lumo {
 
 namespace cpu {
 class ThreadPool;
-}
+struct ConstImage;
+struct Image;
+}  // namespace cpu
+struct FramePlan;
 
-// The beautify pass graph on the CPU: the same host interface, settings and deferred application as
-// LumoImageFilter, and the same arithmetic as the shaders (single precision, linear sampling with clamp to
-// edge, 8-bit storage between passes), with no GL and no EGL. SIMD through Highway, all cores through a
-// pool of worker threads over bands of rows; scratch memory is sized on a frame-size change and reused.
-class LUMO_EXPORT CpuImageFilter {
+// The beautify pass graph on the CPU: the same host interface, settings and deferred application as the GL
+// facade, and the same arithmetic as the shaders (single precision, linear sampling with clamp to edge,
+// 8-bit storage between passes), with no GL and no EGL. SIMD through Highway, all cores through a pool of
+// worker threads over bands of rows; scratch memory is sized on a frame-size change and reused.
+class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
  public:
   CpuImageFilter();
-  ~CpuImageFilter();
-  CpuImageFilter(const CpuImageFilter&) = delete;
-  CpuImageFilter& operator=(const CpuImageFilter&) = delete;
+  ~CpuImageFilter() override;
 
-  // Starts the worker threads (one per core, the caller included). Always succeeds; returns 0.
-  int32_t create();
-  int32_t destroy();
-  int32_t enableBeautifying(uintptr_t mask);
-  int32_t setCustomizedFilter(uintptr_t index);
-  int32_t setPolishStep(float step);
-  int32_t setPolishFactor(float factor);
-  int32_t setWhitenFactor(float factor);
-  int32_t setSharppenFactor(float factor);
-  int32_t setSkinWhitenFactor(float factor);
-
+  // Starts the worker threads (one per core, the caller included).
+  int32_t create() override;
+  int32_t destroy() override;
   // Null before create() and after destroy(); the input itself when nothing is enabled (or the buffer
   // cannot be read); otherwise one of two output buffers, which the next frame but one reuses.
-  PixelBufferRef render(const PixelBufferRef& pixelBuffer);
+  PixelBufferRef render(const PixelBufferRef& pixelBuffer) override;
+  EngineKind kind() const override { return EngineKind::Cpu; }
 
   // The instruction set the kernels use on this machine, e.g. "AVX2".
   static const char* simdTarget();
 
+ protected:
+  int32_t doEnableBeautifying(int32_t mask) override;
+  int32_t doSetCustomizedFilter(int32_t index) override;
+
  private:
   struct Scratch;
   bool prepare(int32_t width, int32_t height);
-  void runGraph(const uint8_t* input, size_t stride, uint8_t* output, size_t outputStride);
+  void runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output);
+  // The skin-gated stages before the fused tail; returns the layer the tail reads (smoothed skin, or the
+  // blurred detail layer).
+  cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input);
+  void runBilateral(const cpu::Image& a, const cpu::Image& b);
+  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b);
 
   std::unique_ptr<cpu::ThreadPool> pool_;
   std::unique_ptr<Scratch> scratch_;
@@ -54,15 +57,8 @@ class LUMO_EXPORT CpuImageFilter {
   int32_t nextOutput_ = 0;
   int32_t width_ = 0;
   int32_t height_ = 0;
-  int32_t mask_ = 0;
-  int32_t preset_ = 0;
-  std::atomic<int32_t> wantedMask_{0};
-  std::atomic<int32_t> wantedPreset_{0};
-  std::atomic<float> polishStep_{3.0f};
-  std::atomic<float> polishFactor_{4.0f};
-  std::atomic<float> whiten_{0.5f};
-  std::atomic<float> sharpen_{0.0f};
-  std::atomic<float> skinWhiten_{0.5f};
+  bool presetInForce_ = false;
+  PresetValues preset_{};
   bool created_ = false;
 };
 

@@ -2,7 +2,7 @@
 
 #include <GLES2/gl2.h>
 
-#include "Log.h"
+#include "BeautifySettings.h"
 #include "Shaders.h"
 
 namespace lumo {
@@ -23,48 +23,12 @@ VideoProcessCustomizedFilter::VideoProcessCustomizedFilter() {
   setColorMatrix(0);
 }
 
-bool VideoProcessCustomizedFilter::presetValues(int32_t index, GPUMatrix4x4* matrix, GPUVector4* offset) {
-  static constexpr GPUMatrix4x4 colorMatrixes[kPresetCount] = {
-      {{1.7f, 0.1f, 0.1f, 0.0f}, {0.0f, 1.7f, 0.1f, 0.0f}, {0.0f, 0.1f, 1.6f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{0.8f, 1.6f, 0.2f, 0.0f}, {0.8f, 1.6f, 0.2f, 0.0f}, {0.8f, 1.6f, 0.2f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{0.2f, 0.5f, 0.1f, 0.0f}, {0.2f, 0.5f, 0.1f, 0.0f}, {0.2f, 0.5f, 0.1f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{1.9f, -0.3f, -0.2f, 0.0f}, {-0.2f, 1.7f, -0.1f, 0.0f}, {-0.1f, -0.6f, 2.0f, 0.0f},
-       {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{4.8f, -1.0f, -0.1f, 0.0f}, {-0.5f, 4.4f, -0.1f, 0.0f}, {-0.5f, -1.0f, 5.2f, 0.0f},
-       {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{0.6f, 0.3f, 0.1f, 0.0f}, {0.2f, 0.7f, 0.1f, 0.0f}, {0.2f, 0.3f, 0.4f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{1.2f, 0.0f, 0.0f, 0.0f}, {0.0f, 0.9f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.8f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{0.9f, 0.0f, 0.0f, 0.0f}, {0.0f, 1.1f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.9f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{0.9f, 0.0f, 0.0f, 0.0f}, {0.0f, 0.9f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.9f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{0.9f, 0.0f, 0.0f, 0.0f}, {0.0f, 0.9f, 0.0f, 0.0f}, {0.0f, 0.0f, 0.9f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{2.1f, -1.4f, 0.6f, 0.0f}, {-0.3f, 2.0f, -0.3f, 0.0f}, {-1.1f, -0.2f, 2.6f, 0.0f},
-       {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{0.8f, 0.3f, 0.1f, 0.0f}, {0.1f, 0.9f, 0.0f, 0.0f}, {0.1f, 0.3f, 0.7f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-      {{1.0f, 0.0f, 0.0f, 0.0f}, {0.0f, 1.1f, 0.0f, 0.0f}, {0.0f, 0.0f, 1.0f, 0.0f}, {0.0f, 0.0f, 0.0f, 1.0f}},
-  };
-  // Presets 9 and 10 differ only in their offset (63.0 against 64.9); both are intended.
-  static constexpr GPUVector4 colorOffsets[kPresetCount] = {
-      {-73.1f, -73.1f, -73.1f, 0.0f},  {-163.9f, -163.9f, -163.9f, 0.0f}, {40.8f, 40.8f, 40.8f, 0.0f},
-      {-87.0f, -87.0f, -87.0f, 0.0f},  {-388.4f, -388.4f, -388.4f, 0.0f}, {73.3f, 73.3f, 73.3f, 0.0f},
-      {0.0f, 0.0f, 0.0f, 0.0f},        {0.0f, 0.0f, 0.0f, 0.0f},          {63.0f, 63.0f, 63.0f, 0.0f},
-      {64.9f, 64.9f, 64.9f, 0.0f},     {-31.0f, -31.0f, -31.0f, 0.0f},    {46.5f, 46.5f, 46.5f, 0.0f},
-      {-66.6f, -66.6f, -66.6f, 0.0f},
-  };
-  if (index < 1 || index > kPresetCount) return false;
-  *matrix = colorMatrixes[index - 1];
-  *offset = colorOffsets[index - 1];
-  return true;
-}
-
 int32_t VideoProcessCustomizedFilter::setColorMatrix(int32_t index) {
-  if (index < 1 || index > kPresetCount) {
-    // The logged value is index - 1, as the line has always reported it.
-    // Wraps like 32-bit arithmetic for the lowest index instead of overflowing.
-    const auto shown = static_cast<int32_t>(static_cast<uint32_t>(index) - 1u);
-    log("LUMO Video Filter - Custumized Filter set color matrix index error: %d", shown);
-    return -1;
-  }
-  presetValues(index, &_colorMatrix, &_colorOffset);
+  PresetValues values{};
+  if (!lookupPreset(index, &values)) return -1;  // logged there; the current preset stays in force
+  GPUVector4* rows[4] = {&_colorMatrix.one, &_colorMatrix.two, &_colorMatrix.three, &_colorMatrix.four};
+  for (int k = 0; k < 4; ++k) *rows[k] = {values.matrix[k][0], values.matrix[k][1], values.matrix[k][2], values.matrix[k][3]};
+  _colorOffset = {values.offset[0], values.offset[1], values.offset[2], values.offset[3]};
   return index - 1;
 }
 

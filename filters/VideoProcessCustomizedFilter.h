@@ -1,5 +1,6 @@
 #pragma once
 
+#include "BeautifySettings.h"
 #include "VideoProcessFilter.h"
 
 namespace lumo {
@@ -23,7 +24,7 @@ struct GPUMatrix4x4 {
 // One of thirteen colour presets: colour * 255 times a 4 x 4 matrix plus an offset, clamped to 0..255.
 class LUMO_EXPORT VideoProcessCustomizedFilter : public VideoProcessFilter {
  public:
-  static constexpr int32_t kPresetCount = 13;
+  static constexpr int32_t kPresetCount = BeautifySettings::kPresetCount;
 
   VideoProcessCustomizedFilter();
 
@@ -34,9 +35,6 @@ class LUMO_EXPORT VideoProcessCustomizedFilter : public VideoProcessFilter {
   int32_t setColorMatrix(int32_t index);
 
   const GPUMatrix4x4& colorMatrix() const { return _colorMatrix; }
-  // The table behind setColorMatrix, for engines that apply a preset without a program: false (and nothing
-  // written, nothing logged) outside 1..13.
-  static bool presetValues(int32_t index, GPUMatrix4x4* matrix, GPUVector4* offset);
   const GPUVector4& colorOffset() const { return _colorOffset; }
 
  private:

@@ -2,6 +2,8 @@
 
 #include <GLES2/gl2.h>
 
+#include "BeautifySettings.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdarg>
@@ -27,24 +29,6 @@ void appendFormat(std::string& text, const char* format, ...) {
     text.resize(start + static_cast<size_t>(length));
   }
   va_end(args);
-}
-
-// Normalised weights w[0..radius] of the symmetric kernel, plus a spare w[radius + 1] = 0 that the last
-// pair of an odd radius reads.
-std::vector<float> weightTable(size_t radius, double sigma) {
-  std::vector<float> weights(radius + 2, 0.0f);
-  const double norm = 1.0 / std::sqrt(6.283185307179586 * sigma * sigma);
-  const double denom = sigma * sigma + sigma * sigma;
-  float sum = 0.0f;
-  for (size_t i = 0; i <= radius; ++i) {
-    const double square = static_cast<double>(i) * static_cast<double>(i);
-    weights[i] = static_cast<float>(std::exp(-square / denom) * norm);
-    sum = i == 0 ? sum + weights[0]
-                 : static_cast<float>(static_cast<double>(sum) +
-                                      (static_cast<double>(weights[i]) + static_cast<double>(weights[i])));
-  }
-  for (size_t i = 0; i <= radius; ++i) weights[i] = weights[i] / sum;
-  return weights;
 }
 
 size_t pairCount(size_t radius) { return radius / 2 + radius % 2; }
@@ -137,7 +121,7 @@ std::string VideoProcessGaussianBlurFilter::vertexShaderForStandardBlurOfRadius(
 
 std::string VideoProcessGaussianBlurFilter::fragmentShaderForStandardBlurOfRadius(size_t radius,
                                                                                    double sigma) {
-  const std::vector<float> weights = weightTable(radius, sigma);
+  const std::vector<float> weights = gaussianWeights(radius, sigma);
   std::string text;
   appendFormat(text,
                "     uniform sampler2D inputImageTexture;\n     \n     varying highp vec2 blurCoordinates[%lu];\n"
@@ -154,7 +138,7 @@ std::string VideoProcessGaussianBlurFilter::fragmentShaderForStandardBlurOfRadiu
 
 std::string VideoProcessGaussianBlurFilter::vertexShaderForOptimizedBlurOfRadius(size_t radius,
                                                                                   double sigma) {
-  const std::vector<float> weights = weightTable(radius, sigma);
+  const std::vector<float> weights = gaussianWeights(radius, sigma);
   const size_t pairs = std::min<size_t>(pairCount(radius), 7);
   std::string text;
   appendVertexHeader(text, 2 * pairs + 1);
@@ -172,7 +156,7 @@ std::string VideoProcessGaussianBlurFilter::vertexShaderForOptimizedBlurOfRadius
 
 std::string VideoProcessGaussianBlurFilter::fragmentShaderForOptimizedBlurOfRadius(size_t radius,
                                                                                     double sigma) {
-  const std::vector<float> weights = weightTable(radius, sigma);
+  const std::vector<float> weights = gaussianWeights(radius, sigma);
   const size_t allPairs = pairCount(radius);
   const size_t pairs = std::min<size_t>(allPairs, 7);
   std::string text;

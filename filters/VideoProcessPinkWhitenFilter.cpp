@@ -2,6 +2,7 @@
 
 #include <GLES2/gl2.h>
 
+#include "BeautifySettings.h"
 #include "Shaders.h"
 
 namespace lumo {
@@ -29,15 +30,7 @@ VideoProcessPinkWhitenFilter::VideoProcessPinkWhitenFilter() {
 }
 
 int32_t VideoProcessPinkWhitenFilter::createWhitenMapBuffer() {
-  for (int32_t i = 0; i < 256; ++i) {
-    // A first stage around pivot 200 with weight 0.0: it always adds trunc(0.5) = 0, kept as designed.
-    int32_t a = i + static_cast<int32_t>((static_cast<float>(i) - 200.0f) * 0.0f + 0.5f);
-    a = CheckValue(a);
-    // Gain 0.18604648 (about 8/43): level 215 lands exactly on 255.
-    int32_t b = a + static_cast<int32_t>(static_cast<float>(a) * 0.18604648f + 0.5f);
-    b = CheckValue(b);
-    curve[static_cast<size_t>(i)] = static_cast<float>(b) / 255.0f;
-  }
+  curve = pinkWhitenCurve();
   return 0;
 }
 

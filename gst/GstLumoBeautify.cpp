@@ -5,38 +5,31 @@
 
 #include <lumo/lumo.h>
 
-#include <cstring>
 #include <memory>
 #include <new>
-
-#include "Engine.h"
-#include "Settings.h"
+#include <string>
 
 GST_DEBUG_CATEGORY_STATIC(lumo_beautify_debug);
 #define GST_CAT_DEFAULT lumo_beautify_debug
 
 namespace {
 
-namespace settings = lumo::settings;
+using lumo::BeautifySettings;
 
 // What the properties hold; copied under the object lock before each frame.
 struct Settings {
-  guint mask = settings::kDefaultMask;
-  guint preset = 0;
-  gfloat polishStep = settings::kPolishStep.fallback;
-  gfloat polishFactor = settings::kPolishFactor.fallback;
-  gfloat whiten = settings::kWhiten.fallback;
-  gfloat sharpen = settings::kSharpen.fallback;
-  gfloat skinWhiten = settings::kSkinWhiten.fallback;
-  gint engine = static_cast<gint>(lumo::tools::EngineKind::Auto);
+  BeautifySettings beautify;
+  gint engine = static_cast<gint>(lumo::EngineKind::Auto);
 
-  bool passthrough() const { return mask == 0 && preset == 0; }
+  bool passthrough() const { return beautify.mask == 0 && beautify.preset == 0; }
 };
 
 // The C++ side of the instance, constructed in instance_init and destroyed in finalize.
 struct State {
-  Settings settings;                                // guarded by the object lock
-  std::unique_ptr<lumo::tools::Engine> filter;      // made in start(), gone after stop()
+  Settings settings;                              // guarded by the object lock
+  std::unique_ptr<lumo::BeautifyEngine> filter;   // made in start(), gone after stop()
+  // Draws the frames the GL engine cannot (see transformFrame); made on the first such frame.
+  std::unique_ptr<lumo::BeautifyEngine> fallback;
 };
 
 enum Property : guint {
@@ -83,10 +76,10 @@ GType maskType() {
 GType engineType() {
   static gsize type = 0;
   static const GEnumValue values[] = {
-      {static_cast<gint>(lumo::tools::EngineKind::Auto),
+      {static_cast<gint>(lumo::EngineKind::Auto),
        "The CPU engine on a software GL renderer or without GL, the GPU otherwise", "auto"},
-      {static_cast<gint>(lumo::tools::EngineKind::Gl), "OpenGL ES 2.0 through EGL", "gl"},
-      {static_cast<gint>(lumo::tools::EngineKind::Cpu), "The CPU engine (SIMD, all cores)", "cpu"},
+      {static_cast<gint>(lumo::EngineKind::Gl), "OpenGL ES 2.0 through EGL", "gl"},
+      {static_cast<gint>(lumo::EngineKind::Cpu), "The CPU engine (SIMD, all cores)", "cpu"},
       {0, nullptr, nullptr},
   };
   if (g_once_init_enter(&type)) g_once_init_leave(&type, g_enum_register_static("GstLumoBeautifyEngine", values));
@@ -97,17 +90,17 @@ constexpr auto kParamFlags =
     static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_CONTROLLABLE |
                              GST_PARAM_MUTABLE_PLAYING);
 
-GParamSpec* floatSpec(const char* name, const char* nick, const char* blurb, const settings::Range& range) {
+GParamSpec* floatSpec(const char* name, const char* nick, const char* blurb, const lumo::SettingRange& range) {
   return g_param_spec_float(name, nick, blurb, range.low, range.high, range.fallback, kParamFlags);
 }
 
 gfloat* floatField(Settings& settings, guint id) {
   switch (id) {
-    case kPropPolishStep: return &settings.polishStep;
-    case kPropPolishFactor: return &settings.polishFactor;
-    case kPropWhiten: return &settings.whiten;
-    case kPropSharpen: return &settings.sharpen;
-    case kPropSkinWhiten: return &settings.skinWhiten;
+    case kPropPolishStep: return &settings.beautify.polishStep;
+    case kPropPolishFactor: return &settings.beautify.polishFactor;
+    case kPropWhiten: return &settings.beautify.whiten;
+    case kPropSharpen: return &settings.beautify.sharpen;
+    case kPropSkinWhiten: return &settings.beautify.skinWhiten;
     default: return nullptr;
   }
 }
@@ -117,9 +110,9 @@ void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* psp
   GST_OBJECT_LOCK(element);
   Settings& settings = element->state.settings;
   if (id == kPropMask) {
-    settings.mask = g_value_get_flags(value);
+    settings.beautify.mask = static_cast<int32_t>(g_value_get_flags(value));
   } else if (id == kPropPreset) {
-    settings.preset = g_value_get_uint(value);
+    settings.beautify.preset = static_cast<int32_t>(g_value_get_uint(value));
   } else if (id == kPropEngine) {
     settings.engine = g_value_get_enum(value);
   } else if (gfloat* field = floatField(settings, id)) {
@@ -135,9 +128,9 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* pspec) {
   GST_OBJECT_LOCK(element);
   Settings& settings = element->state.settings;
   if (id == kPropMask) {
-    g_value_set_flags(value, settings.mask);
+    g_value_set_flags(value, static_cast<guint>(settings.beautify.mask));
   } else if (id == kPropPreset) {
-    g_value_set_uint(value, settings.preset);
+    g_value_set_uint(value, static_cast<guint>(settings.beautify.preset));
   } else if (id == kPropEngine) {
     g_value_set_enum(value, settings.engine);
   } else if (gfloat* field = floatField(settings, id)) {
@@ -166,18 +159,16 @@ auto withCallerContext(Work&& work) {
 gboolean start(GstBaseTransform* transform) {
   GstLumoBeautify* element = self(transform);
   GST_OBJECT_LOCK(element);
-  const auto wanted = static_cast<lumo::tools::EngineKind>(element->state.settings.engine);
+  const auto wanted = static_cast<lumo::EngineKind>(element->state.settings.engine);
   GST_OBJECT_UNLOCK(element);
   std::string why;
-  const lumo::tools::EngineKind kind = withCallerContext([&] { return lumo::tools::resolveEngine(wanted, &why); });
-  GST_INFO_OBJECT(element, "engine %s (%s)", lumo::tools::engineName(kind), why.c_str());
-  auto filter = std::make_unique<lumo::tools::Engine>(kind);
-  const int32_t status = withCallerContext([&] { return filter->create(); });
-  if (status != 0) {
-    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("Could not create the beautify filter chain"),
-                      ("no OpenGL ES 2.0 context through EGL (status %d)", status));
+  std::unique_ptr<lumo::BeautifyEngine> filter = withCallerContext([&] { return lumo::makeEngine(wanted, &why); });
+  if (!filter) {
+    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("lumobeautify cannot start the %s engine: %s",
+                                                  lumo::engineKindName(wanted), why.c_str()), (nullptr));
     return FALSE;
   }
+  GST_INFO_OBJECT(element, "engine %s (%s)", lumo::engineKindName(filter->kind()), why.c_str());
   element->state.filter = std::move(filter);
   return TRUE;
 }
@@ -186,6 +177,7 @@ gboolean stop(GstBaseTransform* transform) {
   GstLumoBeautify* element = self(transform);
   withCallerContext([&] {
     element->state.filter.reset();
+    element->state.fallback.reset();
     return 0;
   });
   return TRUE;
@@ -202,16 +194,19 @@ void beforeTransform(GstBaseTransform* transform, GstBuffer* buffer) {
   gst_base_transform_set_passthrough(transform, passthrough ? TRUE : FALSE);
 }
 
-void copyRows(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, size_t rowBytes,
-              int height) {
-  for (int y = 0; y < height; ++y) {
-    std::memcpy(to + toStride * static_cast<size_t>(y), from + fromStride * static_cast<size_t>(y), rowBytes);
-  }
+// Renders one frame into `out`; false when the engine handed the input back undrawn.
+bool renderInto(lumo::BeautifyEngine& engine, const lumo::PixelBufferRef& input, uint8_t* out, size_t outStride) {
+  return withCallerContext([&] {
+    const lumo::PixelBufferRef result = engine.render(input);
+    if (!result || result == input) return false;
+    lumo::copyPixelsOut(result, out, outStride);
+    return true;
+  });
 }
 
 GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, GstVideoFrame* out) {
   GstLumoBeautify* element = self(videoFilter);
-  lumo::tools::Engine* filter = element->state.filter.get();
+  lumo::BeautifyEngine* filter = element->state.filter.get();
   if (filter == nullptr) {
     GST_ELEMENT_ERROR(element, CORE, FAILED, ("lumobeautify received a frame before it was started"), (nullptr));
     return GST_FLOW_ERROR;
@@ -221,19 +216,13 @@ GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, Gst
   GST_OBJECT_UNLOCK(element);
 
   // The setters only record values; the filter applies them at the start of this frame's render.
-  filter->enableBeautifying(settings.mask);
-  filter->setCustomizedFilter(settings.preset);
-  filter->setPolishStep(settings.polishStep);
-  filter->setPolishFactor(settings.polishFactor);
-  filter->setWhitenFactor(settings.whiten);
-  filter->setSharppenFactor(settings.sharpen);
-  filter->setSkinWhitenFactor(settings.skinWhiten);
+  filter->applySettings(settings.beautify);
 
   const int width = GST_VIDEO_FRAME_WIDTH(in);
   const int height = GST_VIDEO_FRAME_HEIGHT(in);
   const auto inStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(in, 0));
   const auto outStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(out, 0));
-  const size_t rowBytes = static_cast<size_t>(width) * 4;
+  auto* outData = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(out, 0));
 
   // The frame's memory is wrapped, not copied; the texture cache reuses the texture of the last frame.
   lumo::PixelBufferRef input;
@@ -244,23 +233,22 @@ GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, Gst
                       ("wrapping the frame failed with status %d", wrapped));
     return GST_FLOW_ERROR;
   }
-  const bool ok = withCallerContext([&] {
-    const lumo::PixelBufferRef result = filter->render(input);
-    // The input back means nothing was drawn: too large for the GPU, or the context was lost.
-    if (!result || result == input) return false;
-    if (result->lockBaseAddress(lumo::kPixelBufferLockReadOnly) != lumo::kPixelBufferSuccess) return false;
-    copyRows(static_cast<const uint8_t*>(result->baseAddress()), result->bytesPerRow(),
-             static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(out, 0)), outStride, rowBytes, height);
-    result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
-    return true;
-  });
-  if (!ok) {
-    GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify could not process a %d x %d frame", width, height),
-                      ("the filter chain drew nothing (frame larger than the GPU's texture limit, or the GL "
-                       "context was lost)"));
-    return GST_FLOW_ERROR;
+  if (renderInto(*filter, input, outData, outStride)) return GST_FLOW_OK;
+  // Not in passthrough, so a pass was due: the GL engine could not draw this frame (larger than the GPU's
+  // texture limit, a first frame of 1 x 1, a lost context). The CPU engine draws the same picture.
+  if (filter->kind() == lumo::EngineKind::Gl) {
+    if (!element->state.fallback) {
+      element->state.fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
+      GST_ELEMENT_WARNING(element, STREAM, FAILED,
+                          ("lumobeautify: the GL engine could not draw a %d x %d frame; the CPU engine draws "
+                           "such frames", width, height), (nullptr));
+    }
+    element->state.fallback->applySettings(settings.beautify);
+    if (renderInto(*element->state.fallback, input, outData, outStride)) return GST_FLOW_OK;
   }
-  return GST_FLOW_OK;
+  GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify could not process a %d x %d frame", width, height),
+                    ("the engine drew nothing"));
+  return GST_FLOW_ERROR;
 }
 
 }  // namespace
@@ -278,31 +266,31 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
   g_object_class_install_property(
       objectClass, kPropMask,
       g_param_spec_flags("mask", "Passes", "Beautify passes to run, e.g. polish+whiten (none: only the preset)",
-                         maskType(), settings::kDefaultMask, kParamFlags));
+                         maskType(), BeautifySettings::kDefaultMask, kParamFlags));
   g_object_class_install_property(
       objectClass, kPropPreset,
       g_param_spec_uint("preset", "Preset", "Colour preset drawn after the passes (0: none)", 0,
-                        settings::kMaxPreset, 0, kParamFlags));
+                        BeautifySettings::kPresetCount, 0, kParamFlags));
   g_object_class_install_property(
       objectClass, kPropPolishStep,
-      floatSpec("polish-step", "Polish step", "Smoothing sample step in pixels", settings::kPolishStep));
+      floatSpec("polish-step", "Polish step", "Smoothing sample step in pixels", BeautifySettings::kPolishStep));
   g_object_class_install_property(
       objectClass, kPropPolishFactor,
-      floatSpec("polish-factor", "Polish factor", "Smoothing colour-distance factor", settings::kPolishFactor));
+      floatSpec("polish-factor", "Polish factor", "Smoothing colour-distance factor", BeautifySettings::kPolishFactor));
   g_object_class_install_property(
       objectClass, kPropWhiten,
-      floatSpec("whiten", "Whiten", "Whiten balance: below 0.5 brightens, above darkens", settings::kWhiten));
+      floatSpec("whiten", "Whiten", "Whiten balance: below 0.5 brightens, above darkens", BeautifySettings::kWhiten));
   g_object_class_install_property(
-      objectClass, kPropSharpen, floatSpec("sharpen", "Sharpen", "Sharpen strength", settings::kSharpen));
+      objectClass, kPropSharpen, floatSpec("sharpen", "Sharpen", "Sharpen strength", BeautifySettings::kSharpen));
   g_object_class_install_property(
       objectClass, kPropEngine,
       g_param_spec_enum("engine", "Engine", "Where the passes run; chosen when the element starts", engineType(),
-                        static_cast<gint>(lumo::tools::EngineKind::Auto),
+                        static_cast<gint>(lumo::EngineKind::Auto),
                         static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
                                                  GST_PARAM_MUTABLE_READY)));
   g_object_class_install_property(
       objectClass, kPropSkinWhiten,
-      floatSpec("skin-whiten", "Skin whiten", "Pink whiten strength on skin", settings::kSkinWhiten));
+      floatSpec("skin-whiten", "Skin whiten", "Pink whiten strength on skin", BeautifySettings::kSkinWhiten));
 
   GstCaps* caps = gst_caps_from_string(GST_VIDEO_CAPS_MAKE("BGRA"));
   gst_element_class_add_pad_template(elementClass, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));

@@ -1,5 +1,6 @@
 #include "TextureCache.h"
-#include "GlObjectCounter.h"
+#include "GlHandle.h"
+#include "PixelRows.h"
 
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
@@ -28,16 +29,6 @@ bool glVersionAtLeast3() {
   return version != nullptr && std::strncmp(version, "OpenGL ES ", 10) == 0 && version[10] >= '3';
 }
 
-// BGRA <-> RGBA is the same byte swap both ways.
-void swapRedBlue(const uint8_t* from, uint8_t* to, size_t pixels) {
-  for (size_t i = 0; i < pixels; ++i) {
-    to[4 * i + 0] = from[4 * i + 2];
-    to[4 * i + 1] = from[4 * i + 1];
-    to[4 * i + 2] = from[4 * i + 0];
-    to[4 * i + 3] = from[4 * i + 3];
-  }
-}
-
 }  // namespace
 
 class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_from_this<TextureCacheCore> {
@@ -53,7 +44,12 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     ready_ = true;
   }
 
-  ~TextureCacheCore() override = default;
+  // Whatever deleteAll() left (textures still lent then) goes without GL calls: no context is known to be
+  // current here.
+  ~TextureCacheCore() override {
+    for (auto& [id, entry] : entries_) entry->name.release();
+    readFramebuffer_.release();
+  }
 
   bool ready() const { return ready_; }
   bool nativeBgra() const { return nativeBgra_; }
@@ -75,8 +71,8 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       if (found == entries_.end()) {
         found = entries_.emplace(buffer->identifier(), std::make_unique<Entry>()).first;
         Entry& entry = *found->second;
-        glGenTextures(1, &entry.texture.name_);
-        globjects::noteCreated();
+        entry.name.reset(gl::genTexture());
+        entry.texture.name_ = entry.name.get();
         entry.texture.target_ = GL_TEXTURE_2D;
         ++statistics_.texturesCreated;
       }
@@ -115,11 +111,8 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     if (found == entries_.end() || !found->second->allocated) return;
     ContextGuard guard(context_.get());
     if (!guard.ok()) return;
-    if (readFramebuffer_ == 0) {
-      glGenFramebuffers(1, &readFramebuffer_);
-      globjects::noteCreated();
-    }
-    glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_);
+    if (!readFramebuffer_) readFramebuffer_.reset(gl::genFramebuffer());
+    glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_.get());
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, found->second->texture.name_,
                            0);
     glPixelStorei(GL_PACK_ALIGNMENT, 4);
@@ -134,15 +127,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     glReadPixels(0, 0, buffer.width(), buffer.height(), readBgra_ ? GL_BGRA_EXT : GL_RGBA, GL_UNSIGNED_BYTE,
                  target);
     if (target != bytes) {
-      for (int32_t y = 0; y < buffer.height(); ++y) {
-        const uint8_t* from = target + rowBytes * static_cast<size_t>(y);
-        uint8_t* to = bytes + buffer.bytesPerRow() * static_cast<size_t>(y);
-        if (readBgra_) {
-          std::memcpy(to, from, rowBytes);
-        } else {
-          swapRedBlue(from, to, static_cast<size_t>(buffer.width()));
-        }
-      }
+      copyPixelRows(target, rowBytes, bytes, buffer.bytesPerRow(), buffer.width(), buffer.height(), !readBgra_);
     }
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
@@ -167,18 +152,12 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
         ++it;
         continue;
       }
-      if (guard.ok()) {
-        glDeleteTextures(1, &it->second->texture.name_);
-        globjects::noteDeleted();
-      }
+      if (!guard.ok()) it->second->name.release();  // no context to delete it in
       ++statistics_.texturesDeleted;
       it = entries_.erase(it);
     }
-    if (guard.ok() && readFramebuffer_ != 0) {
-      glDeleteFramebuffers(1, &readFramebuffer_);
-      globjects::noteDeleted();
-    }
-    readFramebuffer_ = 0;
+    if (!guard.ok()) readFramebuffer_.release();
+    readFramebuffer_.reset();
   }
 
   void flush() {
@@ -197,6 +176,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
  private:
   struct Entry {
     std::weak_ptr<PixelBuffer> buffer;
+    GlTexture name;  // erasing the entry deletes the texture: only with the cache's context current
     Texture texture;
     uint64_t uploadedVersion = 0;
     int32_t width = 0;
@@ -228,8 +208,6 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
   void purgeDeadLocked() {
     for (auto it = entries_.begin(); it != entries_.end();) {
       if (it->second->buffer.expired() && it->second->texture.lends_ == 0) {
-        glDeleteTextures(1, &it->second->texture.name_);
-        globjects::noteDeleted();
         ++statistics_.texturesDeleted;
         it = entries_.erase(it);
       } else {
@@ -252,15 +230,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       rowLengthSet = true;
     } else if (!nativeBgra_ || buffer.bytesPerRow() != rowBytes) {
       scratch_.resize(rowBytes * static_cast<size_t>(height));
-      for (GLsizei y = 0; y < height; ++y) {
-        const uint8_t* from = bytes + buffer.bytesPerRow() * static_cast<size_t>(y);
-        uint8_t* to = scratch_.data() + rowBytes * static_cast<size_t>(y);
-        if (nativeBgra_) {
-          std::memcpy(to, from, rowBytes);
-        } else {
-          swapRedBlue(from, to, static_cast<size_t>(width));
-        }
-      }
+      copyPixelRows(bytes, buffer.bytesPerRow(), scratch_.data(), rowBytes, width, height, !nativeBgra_);
       source = scratch_.data();
     }
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
@@ -270,10 +240,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       // GLES wants the internal format equal to the format; GL_RGBA + GL_BGRA_EXT is not accepted.
       glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), width, height, 0, format, GL_UNSIGNED_BYTE,
                    source);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-      glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+      gl::setLinearClampSampling();
     }
     if (rowLengthSet) glPixelStorei(kUnpackRowLength, 0);
     ++statistics_.uploads;
@@ -284,7 +251,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
   Entries entries_;
   std::vector<uint8_t> scratch_;
   TextureCacheStatistics statistics_;
-  GLuint readFramebuffer_ = 0;
+  GlFramebuffer readFramebuffer_;
   GLint maxTextureSize_ = 0;
   bool nativeBgra_ = false;
   bool readBgra_ = false;

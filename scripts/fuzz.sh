@@ -5,9 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${LUMO_FUZZ_SECONDS:-60}
-CC=clang CXX=clang++ cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=Debug -DLUMO_FUZZ=ON \
-  -DLUMO_SANITIZE=address,undefined -DLUMO_BUILD_TESTS=OFF -DLUMO_BUILD_TOOLS=OFF -DLUMO_BUILD_GST=OFF >/dev/null
-cmake --build build/fuzz -j "$(nproc)" --target lumo_fuzz_image lumo_fuzz_raw_reader
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$(nproc)" --target lumo_fuzz_image lumo_fuzz_raw_reader
 mkdir -p build/fuzz/artifacts
 for pair in image:image raw_reader:raw; do
   target=${pair%%:*} corpus=${pair##*:}

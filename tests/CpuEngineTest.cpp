@@ -106,29 +106,5 @@ TEST(CpuEngine, AnyHostStrideGivesTheSameFrame) {
   EXPECT_EQ(fromPadded.bgra, fromTight.bgra);
 }
 
-TEST(CpuEngine, HostInterfaceAndDeferredSettings) {
-  CpuImageFilter filter;
-  const PixelBufferRef input = toBuffer(loadSample());
-  EXPECT_EQ(filter.render(input), nullptr) << "nothing before create";
-  ASSERT_EQ(filter.create(), 0);
-  EXPECT_EQ(filter.render(input), input) << "nothing enabled: the input itself";
-  EXPECT_EQ(filter.render(nullptr), nullptr);
-  filter.enableBeautifying(16);
-  EXPECT_EQ(filter.render(input), input) << "no known pass";
-  filter.enableBeautifying(static_cast<uintptr_t>(-1));
-  filter.setCustomizedFilter(14);
-  EXPECT_EQ(filter.render(input), input) << "a negative mask is off, preset 14 does not exist";
-  filter.enableBeautifying(2);
-  const PixelBufferRef first = filter.render(input);
-  ASSERT_NE(first, input);
-  const PixelBufferRef second = filter.render(input);
-  EXPECT_NE(second, first) << "two outputs in turn: a held result survives the next frame";
-  EXPECT_EQ(fromBuffer(first).bgra, fromBuffer(second).bgra);
-  filter.destroy();
-  EXPECT_EQ(filter.render(input), nullptr) << "nothing after destroy";
-  EXPECT_EQ(fromBuffer(first).width, 512) << "a held result stays readable";
-  EXPECT_NE(std::string(CpuImageFilter::simdTarget()), "");
-}
-
 }  // namespace
 }  // namespace lumo::test

@@ -79,12 +79,5 @@ TEST(Presets, EveryRowKeepsAlpha) {
   }
 }
 
-TEST(Version, Symbols) {
-  EXPECT_EQ(LumoImageFilterVersionNumber, 1.0);
-  EXPECT_EQ(sizeof("@(#)PROGRAM:LumoImageFilter  PROJECT:LumoImageFilter-1\n"), 56u);
-  EXPECT_STREQ(reinterpret_cast<const char*>(LumoImageFilterVersionString),
-               "@(#)PROGRAM:LumoImageFilter  PROJECT:LumoImageFilter-1\n");
-}
-
 }  // namespace
 }  // namespace lumo

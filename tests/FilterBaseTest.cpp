@@ -23,12 +23,6 @@ TEST(FilterBase, FreshState) {
   EXPECT_EQ(filter.imgHeight(), 480);
 }
 
-TEST(FilterBase, CommonVertexText) {
-  EXPECT_STREQ(kVideoCapFilterVertexShaderString,
-               "attribute vec4 position; attribute vec4 texcoord; varying vec2 textureCoordinate; void main() { "
-               "gl_Position = position; textureCoordinate = texcoord.xy; }");
-}
-
 TEST(FilterBase, CropCutsTheOverflowingAxis) {
   VideoProcessFilter filter;
   const std::array<float, 8> topFirst{-1, 1, 1, 1, -1, -1, 1, -1};
@@ -53,38 +47,6 @@ TEST(FilterBase, CropCutsTheOverflowingAxis) {
   filter.setCropModeVerticesAndTexCoord(640, 480, 640, 480);
   EXPECT_EQ(filter.texCoords(), (std::array<float, 8>{0, 1, 1, 1, 0, 0, 1, 0}));
   EXPECT_EQ(filter.imgWidth(), 1) << "crop does not change the image size";
-}
-
-TEST(FilterBase, CropWithZeroHeightIsNotGuarded) {
-  VideoProcessFilter filter;
-  // Image aspect is infinite and wider than the view: sx = 0 * V / W = 0, so s runs 0.5..0.5.
-  filter.setCropModeVerticesAndTexCoord(640, 0, 640, 480);
-  EXPECT_EQ(filter.texCoords()[0], 0.5f);
-  // View height 0: the view aspect is infinite, the else branch divides by it, t collapses to 0.5.
-  filter.setCropModeVerticesAndTexCoord(640, 480, 640, 0);
-  EXPECT_EQ(filter.texCoords()[1], 0.5f);
-  // Both zero: NaN aspects take the else branch and give non-finite coordinates.
-  filter.setCropModeVerticesAndTexCoord(0, 0, 0, 0);
-  EXPECT_TRUE(std::isnan(filter.texCoords()[1]));
-}
-
-TEST(FilterBase, SubclassesInstallTheirTextsAndDefaults) {
-  VideoProcessAlphaBlendFilter blend;
-  EXPECT_EQ(blend.alpha(), 0.5f);
-  EXPECT_EQ(blend.fragmentShader(), kVideoCapFilterAlphaBlendFragmentShaderString);
-  EXPECT_EQ(blend.vertexShader(), kVideoCapFilterVertexShaderString);
-  VideoProcessSharpenFilter sharpen;
-  EXPECT_EQ(sharpen.vertexShader(), kVideoCapFilterSharpenVertexShaderString);
-  VideoProcessBilateralFilter bilateral;
-  EXPECT_EQ(bilateral.vertexShader(), kVideoCapFilterBilateralVertexShaderString);
-  EXPECT_EQ(bilateral.fragmentShader(), kVideoCapFilterBilateralFragmentShaderString);
-  VideoProcessOverlayFilter overlay;
-  EXPECT_EQ(overlay.srcDirection(), 0.0f);
-  EXPECT_EQ(overlay.multifyVal(), 0.0f);
-  EXPECT_EQ(overlay.overlayVal(), 0.0f);
-  VideoProcessGaussianBlurFilter blur;
-  EXPECT_EQ(blur.stepOffset(), 4.0f);
-  EXPECT_EQ(blur.vertexShader(), VideoProcessGaussianBlurFilter::vertexShaderForOptimizedBlurOfRadius(4, 2.0));
 }
 
 }  // namespace

@@ -146,8 +146,10 @@ void hammerSettersWhileRendering() {
   const Frame in = crop(64, 48, 220, 120);
   const PixelBufferRef input = toBuffer(in);
   std::atomic<bool> stop{false};
+  std::atomic<int> running{0};
   auto hammer = [&](uint32_t seed) {
     uint32_t state = seed;
+    running.fetch_add(1);
     while (!stop.load(std::memory_order_relaxed)) {
       state = state * 1664525u + 1013904223u;
       const float unit = static_cast<float>(state >> 8) / 16777216.0f;
@@ -162,12 +164,17 @@ void hammerSettersWhileRendering() {
   };
   std::thread a(hammer, 1u);
   std::thread b(hammer, 2u);
+  // Frames start only once both setters are running, so that every one of them races the setters.
+  while (running.load() < 2) std::this_thread::yield();
+  int drawn = 0;
   for (int i = 0; i < 150; ++i) {
     const PixelBufferRef output = filter.render(input);
     ASSERT_TRUE(output);
     ASSERT_EQ(output->width(), 64);
+    if (output != input) ++drawn;
   }
   stop = true;
+  EXPECT_GT(drawn, 20) << "frames drawn while the setters ran";
   a.join();
   b.join();
   // Once the setters are quiet, the next frame is exactly what a fresh facade draws with those settings.

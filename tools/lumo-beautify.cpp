@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,15 +16,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "Engine.h"
 #include "ImageIO.h"
 #include "RawStream.h"
-#include "Settings.h"
 
 namespace {
 
 using lumo::tools::Image;
-namespace settings = lumo::settings;
+using settings = lumo::BeautifySettings;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
@@ -40,14 +39,8 @@ struct Options {
   bool progress = false;
   int rawWidth = 0;
   int rawHeight = 0;
-  long mask = settings::kDefaultMask;
-  long preset = 0;
-  float polishStep = settings::kPolishStep.fallback;
-  float polishFactor = settings::kPolishFactor.fallback;
-  float whiten = settings::kWhiten.fallback;
-  float sharpen = settings::kSharpen.fallback;
-  float skinWhiten = settings::kSkinWhiten.fallback;
-  lumo::tools::EngineKind engine = lumo::tools::EngineKind::Auto;
+  lumo::BeautifySettings beautify;
+  lumo::EngineKind engine = lumo::EngineKind::Auto;
 };
 
 void printHelp() {
@@ -93,7 +86,7 @@ float parseFloat(const std::string& option, const char* text, float low, float h
   return value;
 }
 
-float parseRange(const std::string& option, const char* text, const settings::Range& range) {
+float parseRange(const std::string& option, const char* text, const lumo::SettingRange& range) {
   return parseFloat(option, text, range.low, range.high);
 }
 
@@ -153,23 +146,23 @@ Options parse(int argc, char** argv) {
       }
     } else if (arg == "--engine") {
       const char* name = value();
-      if (!lumo::tools::parseEngine(name, &options.engine)) {
+      if (!lumo::parseEngineKind(name, &options.engine)) {
         usageError(std::string("option --engine wants auto, gl or cpu, got '") + name + "'");
       }
     } else if (arg == "--mask") {
-      options.mask = parseMask(value());
+      options.beautify.mask = static_cast<int32_t>(parseMask(value()));
     } else if (arg == "--preset") {
-      options.preset = static_cast<long>(parseFloat(arg, value(), 0, settings::kMaxPreset));
+      options.beautify.preset = static_cast<int32_t>(parseFloat(arg, value(), 0, settings::kPresetCount));
     } else if (arg == "--polish-step") {
-      options.polishStep = parseRange(arg, value(), settings::kPolishStep);
+      options.beautify.polishStep = parseRange(arg, value(), settings::kPolishStep);
     } else if (arg == "--polish-factor") {
-      options.polishFactor = parseRange(arg, value(), settings::kPolishFactor);
+      options.beautify.polishFactor = parseRange(arg, value(), settings::kPolishFactor);
     } else if (arg == "--whiten") {
-      options.whiten = parseRange(arg, value(), settings::kWhiten);
+      options.beautify.whiten = parseRange(arg, value(), settings::kWhiten);
     } else if (arg == "--sharpen") {
-      options.sharpen = parseRange(arg, value(), settings::kSharpen);
+      options.beautify.sharpen = parseRange(arg, value(), settings::kSharpen);
     } else if (arg == "--skin-whiten") {
-      options.skinWhiten = parseRange(arg, value(), settings::kSkinWhiten);
+      options.beautify.skinWhiten = parseRange(arg, value(), settings::kSkinWhiten);
     } else if (arg.size() > 1 && arg[0] == '-') {
       usageError("unknown option '" + arg + "'");
     } else {
@@ -184,40 +177,23 @@ Options parse(int argc, char** argv) {
   return options;
 }
 
-// The engine the options ask for, said on stderr so that a user knows which one ran.
-lumo::tools::Engine makeEngine(const Options& options) {
+// The engine the options ask for, said on stderr so that a user knows which one ran; null (with the reason
+// said) when it cannot be had, e.g. --engine gl without a GL context.
+std::unique_ptr<lumo::BeautifyEngine> makeEngine(const Options& options) {
   std::string why;
-  const lumo::tools::EngineKind kind = lumo::tools::resolveEngine(options.engine, &why);
-  if (kind == lumo::tools::EngineKind::Cpu) {
+  std::unique_ptr<lumo::BeautifyEngine> engine = lumo::makeEngine(options.engine, &why);
+  if (!engine) {
+    std::fprintf(stderr, "lumo-beautify: no %s engine: %s\n", lumo::engineKindName(options.engine), why.c_str());
+  } else if (engine->kind() == lumo::EngineKind::Cpu) {
     std::fprintf(stderr, "lumo-beautify: engine cpu (%s; %s)\n", lumo::CpuImageFilter::simdTarget(), why.c_str());
   } else {
     std::fprintf(stderr, "lumo-beautify: engine gl (%s)\n", why.c_str());
   }
-  return lumo::tools::Engine(kind);
+  if (engine) engine->applySettings(options.beautify);
+  return engine;
 }
 
-void configure(lumo::tools::Engine& filter, const Options& options) {
-  filter.enableBeautifying(static_cast<uintptr_t>(options.mask));
-  filter.setCustomizedFilter(static_cast<uintptr_t>(options.preset));
-  filter.setPolishStep(options.polishStep);
-  filter.setPolishFactor(options.polishFactor);
-  filter.setWhitenFactor(options.whiten);
-  filter.setSharppenFactor(options.sharpen);
-  filter.setSkinWhitenFactor(options.skinWhiten);
-}
-
-// Copies a frame's result (the input itself when no pass ran) into packed BGRA.
-void copyOut(const lumo::PixelBufferRef& result, uint8_t* packed) {
-  result->lockBaseAddress(lumo::kPixelBufferLockReadOnly);
-  const auto* bytes = static_cast<const uint8_t*>(result->baseAddress());
-  const size_t row = static_cast<size_t>(result->width()) * 4;
-  for (int32_t y = 0; y < result->height(); ++y) {
-    std::memcpy(packed + row * static_cast<size_t>(y), bytes + result->bytesPerRow() * static_cast<size_t>(y), row);
-  }
-  result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
-}
-
-bool process(lumo::tools::Engine& filter, std::vector<uint8_t>& frame, int width, int height,
+bool process(lumo::BeautifyEngine& filter, std::vector<uint8_t>& frame, int width, int height,
              std::vector<uint8_t>& out) {
   lumo::PixelBufferRef input;
   if (lumo::PixelBuffer::createWithBytes(width, height, lumo::kPixelFormat32BGRA, frame.data(),
@@ -227,7 +203,7 @@ bool process(lumo::tools::Engine& filter, std::vector<uint8_t>& frame, int width
   const lumo::PixelBufferRef result = filter.render(input);
   if (!result) return false;
   out.resize(frame.size());
-  copyOut(result, out.data());
+  lumo::copyPixelsOut(result, out.data(), static_cast<size_t>(width) * 4);
   return true;
 }
 
@@ -274,12 +250,11 @@ int runPhoto(Options options) {
     std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.input.c_str(), error.c_str());
     return kExitFailure;
   }
-  lumo::tools::Engine filter = makeEngine(options);
-  configure(filter, options);
-  filter.create();
+  const std::unique_ptr<lumo::BeautifyEngine> filter = makeEngine(options);
+  if (!filter) return kExitFailure;
   Image result{image.width, image.height, {}};
-  const bool ok = process(filter, image.bgra, image.width, image.height, result.bgra);
-  filter.destroy();
+  const bool ok = process(*filter, image.bgra, image.width, image.height, result.bgra);
+  filter->destroy();
   if (!ok) {
     std::fprintf(stderr, "lumo-beautify: %s: the frame could not be processed (no GL context?)\n",
                  options.input.c_str());
@@ -293,10 +268,8 @@ int runPhoto(Options options) {
   if (options.compare) {
     Image side{image.width * 2, image.height, std::vector<uint8_t>(image.bgra.size() * 2)};
     const size_t row = static_cast<size_t>(image.width) * 4;
-    for (int y = 0; y < image.height; ++y) {
-      std::memcpy(&side.bgra[2 * row * y], &image.bgra[row * y], row);
-      std::memcpy(&side.bgra[2 * row * y + row], &result.bgra[row * y], row);
-    }
+    lumo::copyPixelRows(image.bgra.data(), row, side.bgra.data(), 2 * row, image.width, image.height);
+    lumo::copyPixelRows(result.bgra.data(), row, side.bgra.data() + row, 2 * row, image.width, image.height);
     const std::string comparePath = withSuffix(options.output, "-compare", extensionOf(options.output));
     if (!lumo::tools::writeImage(comparePath, side, &error)) {
       std::fprintf(stderr, "lumo-beautify: %s: %s\n", comparePath.c_str(), error.c_str());
@@ -341,9 +314,8 @@ int runStream(const Options& options) {
   const size_t frameBytes = static_cast<size_t>(options.rawWidth) * static_cast<size_t>(options.rawHeight) * 4;
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
-  lumo::tools::Engine filter = makeEngine(options);
-  configure(filter, options);
-  filter.create();
+  const std::unique_ptr<lumo::BeautifyEngine> filter = makeEngine(options);
+  if (!filter) return fail("");
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
   // Ctrl-C ends the stream after the frame in hand: every frame written is complete, and a regular output
@@ -368,7 +340,7 @@ int runStream(const Options& options) {
       break;
     }
     const auto begin = std::chrono::steady_clock::now();
-    if (!process(filter, frame, options.rawWidth, options.rawHeight, result)) {
+    if (!process(*filter, frame, options.rawWidth, options.rawHeight, result)) {
       status = fail("frame " + std::to_string(millis.size() + 1) + " could not be processed");
       break;
     }
@@ -383,7 +355,7 @@ int runStream(const Options& options) {
       std::fprintf(stderr, "\rlumo-beautify: %zu frames, %.1f fps", millis.size(), millis.size() / seconds);
     }
   }
-  filter.destroy();
+  filter->destroy();
   if (showProgress) std::fputc('\n', stderr);
   if (interrupted != 0 && status == 0) {
     std::fprintf(stderr, "lumo-beautify: interrupted after %zu complete frames\n", millis.size());
