@@ -192,16 +192,16 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   if (guard.ok() && m_pTexCache) {
     m_pTexCache->createTextureFromImage(pixelBuffer, GL_TEXTURE_2D, GL_RGBA, width, height, GL_BGRA_EXT,
                                         GL_UNSIGNED_BYTE, 0, &t0);
-    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth,
-                                        m_nViewHeight, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t1);
-    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer2, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth,
-                                        m_nViewHeight, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t2);
+    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
+                                        GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t1);
+    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer2, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
+                                        GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t2);
   }
 
   PixelBufferRef result = pixelBuffer;
   if (t0 && t1 && t2) {
-    const Texture* last = runPasses(FramePlan::make(m_nEnableBeautifying, m_pCustomizedFilter != nullptr), t0.get(),
-                                    t1.get(), t2.get());
+    const Texture* last =
+        runPasses(FramePlan::make(m_nEnableBeautifying, m_pCustomizedFilter != nullptr), t0.get(), t1.get(), t2.get());
     if (last == t1.get()) {
       result = m_pRenderPixelBuffer;
     } else if (last == t2.get()) {

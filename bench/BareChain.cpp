@@ -5,15 +5,11 @@
 namespace lumo::bench {
 namespace {
 
-// The pass graph's constants.
-constexpr float kHighPassOffset = 128.0f / 255.0f;
-constexpr float kAddBackOffset = -256.0f / 255.0f;
-constexpr float kSkinBlendWeight = 0.35f;
-constexpr float kSkinBlendWeightSharpen = 0.5f;
-constexpr float kPolishStep = 3.0f;
-constexpr float kPolishFactor = 4.0f;
-constexpr float kWhiten = 0.5f;
-constexpr float kSkinWhiten = 0.5f;
+// The engines' defaults; sharpen at 0.5 so that its pass does visible work.
+constexpr float kPolishStep = BeautifySettings::kPolishStep.fallback;
+constexpr float kPolishFactor = BeautifySettings::kPolishFactor.fallback;
+constexpr float kWhiten = BeautifySettings::kWhiten.fallback;
+constexpr float kSkinWhiten = BeautifySettings::kSkinWhiten.fallback;
 constexpr float kSharpen = 0.5f;
 
 int other(int texture) { return texture == 1 ? 2 : 1; }
@@ -35,8 +31,9 @@ std::unique_ptr<VideoProcessOverlayFilter> overlay(float direction, float multip
 
 std::unique_ptr<VideoProcessGaussianBlurFilter> gaussian() {
   auto filter = built<VideoProcessGaussianBlurFilter>();
-  filter->setStepOffset(1.0f);
-  filter->setBlurRadisAndSigma(1.0f, 2.0f);
+  filter->setStepOffset(FramePlan::kDetailBlurStepOffset);
+  filter->setBlurRadisAndSigma(static_cast<float>(FramePlan::kDetailBlurRadius),
+                               static_cast<float>(FramePlan::kDetailBlurSigma));
   return filter;
 }
 
@@ -55,60 +52,58 @@ BareChain::BareChain(int width, int height, int mask, int preset)
     context_.reset();
     return;
   }
-  glGenTextures(3, textures_);
-  glGenFramebuffers(3, framebuffers_);
   for (int i = 0; i < 3; ++i) {
-    glBindTexture(GL_TEXTURE_2D, textures_[i]);
+    textures_[i].reset(gl::genTexture());
+    framebuffers_[i].reset(gl::genFramebuffer());
+    glBindTexture(GL_TEXTURE_2D, textures_[i].get());
     glTexImage2D(GL_TEXTURE_2D, 0, GL_BGRA_EXT, width, height, 0, GL_BGRA_EXT, GL_UNSIGNED_BYTE, nullptr);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffers_[i]);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, textures_[i], 0);
+    gl::setLinearClampSampling();
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffers_[i].get());
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, textures_[i].get(), 0);
   }
   glDisable(GL_DEPTH_TEST);
   glViewport(0, 0, width, height);
 
+  const FramePlan plan = FramePlan::make(mask, preset >= 1 && preset <= BeautifySettings::kPresetCount);
   int current = 0;
-  if ((mask & (BeautifyPolish | BeautifySkinWhiten)) != 0) {
+  if (plan.skinDetect) {
     add("skin_detect", built<VideoProcessSkinDetectFilter>(), 1, 0, -1, 1);
     int skin = 1;
-    if ((mask & BeautifyPolish) != 0) {
+    if (plan.polish) {
       add("bilateral_h", bilateral(), 1, 1, 1, 2);
       add("bilateral_v", bilateral(), 2, 2, 2, 1);
     }
-    if ((mask & BeautifySharpen) == 0) {
+    if (plan.detailLayer) {
       const int layer = other(skin);
-      add("high_pass", overlay(-1.0f, 1.0f, kHighPassOffset), 1, 0, skin, layer);
+      add("high_pass", overlay(-1.0f, 1.0f, FramePlan::kHighPassOffset), 1, 0, skin, layer);
       add("gaussian_h", gaussian(), 1, layer, -1, skin);
       add("gaussian_v", gaussian(), 2, skin, -1, layer);
-      add("add_back", overlay(1.0f, 2.0f, kAddBackOffset), 1, 0, layer, skin);
+      add("add_back", overlay(1.0f, 2.0f, FramePlan::kAddBackOffset), 1, 0, layer, skin);
     }
-    if ((mask & BeautifySkinWhiten) != 0) {
+    if (plan.pinkWhiten) {
       auto pink = built<VideoProcessPinkWhitenFilter>();
       pink->setWhitenFactor(kSkinWhiten);
       add("pink_whiten", std::move(pink), 1, skin, -1, other(skin));
       skin = other(skin);
     }
     auto blend = built<VideoProcessAlphaBlendFilter>();
-    blend->setAlpha((mask & BeautifySharpen) != 0 ? kSkinBlendWeightSharpen : kSkinBlendWeight);
+    blend->setAlpha(plan.skinBlendWeight);
     add("skin_blend", std::move(blend), 1, 0, skin, other(skin));
     current = other(skin);
   }
-  if ((mask & BeautifyWhiten) != 0) {
+  if (plan.whiten) {
     auto whiten = built<VideoProcessWhitenFilter>();
     whiten->setWhitenFactor(kWhiten);
     add("whiten", std::move(whiten), 1, current, -1, other(current));
     current = other(current);
   }
-  if ((mask & BeautifySharpen) != 0) {
+  if (plan.sharpen) {
     auto sharpen = built<VideoProcessSharpenFilter>();
     sharpen->setSampleFactor(kSharpen);
     add("sharpen", std::move(sharpen), 1, current, -1, other(current));
     current = other(current);
   }
-  if (preset > 0) {
+  if (plan.preset) {
     auto customized = built<VideoProcessCustomizedFilter>();
     customized->setColorMatrix(preset);
     add("preset", std::move(customized), 1, current, -1, other(current));
@@ -123,8 +118,8 @@ BareChain::~BareChain() {
   if (!context_) return;
   context_->makeCurrent();
   passes_.clear();
-  glDeleteFramebuffers(3, framebuffers_);
-  glDeleteTextures(3, textures_);
+  for (GlFramebuffer& framebuffer : framebuffers_) framebuffer.reset();
+  for (GlTexture& texture : textures_) texture.reset();
   GLContext::setCurrent({});
 }
 
@@ -137,19 +132,19 @@ void BareChain::add(std::string name, std::unique_ptr<VideoProcessFilter> filter
 }
 
 void BareChain::upload(const uint8_t* bgra) {
-  glBindTexture(GL_TEXTURE_2D, textures_[0]);
+  glBindTexture(GL_TEXTURE_2D, textures_[0].get());
   glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width_, height_, GL_BGRA_EXT, GL_UNSIGNED_BYTE, bgra);
 }
 
 void BareChain::bindAndDraw(const Pass& pass) {
-  glBindFramebuffer(GL_FRAMEBUFFER, framebuffers_[pass.target]);
+  glBindFramebuffer(GL_FRAMEBUFFER, framebuffers_[pass.target].get());
   glUseProgram(pass.filter->program());
   if (pass.second >= 0) {
     glActiveTexture(GL_TEXTURE2);
-    glBindTexture(GL_TEXTURE_2D, textures_[pass.second]);
+    glBindTexture(GL_TEXTURE_2D, textures_[pass.second].get());
   }
   glActiveTexture(GL_TEXTURE0);
-  glBindTexture(GL_TEXTURE_2D, textures_[pass.first]);
+  glBindTexture(GL_TEXTURE_2D, textures_[pass.first].get());
   glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
 }
 
@@ -164,7 +159,7 @@ void BareChain::drawPass(size_t index) {
 }
 
 void BareChain::read(uint8_t* bgra) {
-  glBindFramebuffer(GL_FRAMEBUFFER, framebuffers_[last_]);
+  glBindFramebuffer(GL_FRAMEBUFFER, framebuffers_[last_].get());
   glPixelStorei(GL_PACK_ALIGNMENT, 4);
   glReadPixels(0, 0, width_, height_, GL_BGRA_EXT, GL_UNSIGNED_BYTE, bgra);
 }

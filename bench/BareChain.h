@@ -39,15 +39,14 @@ class BareChain {
     int second;  // -1: none
     int target;
   };
-  void add(std::string name, std::unique_ptr<VideoProcessFilter> filter, int which, int first, int second,
-           int target);
+  void add(std::string name, std::unique_ptr<VideoProcessFilter> filter, int which, int first, int second, int target);
   void bindAndDraw(const Pass& pass);
 
   int width_;
   int height_;
   std::shared_ptr<GLContext> context_;
-  GLuint textures_[3] = {0, 0, 0};      // input, then the two ping-pong targets
-  GLuint framebuffers_[3] = {0, 0, 0};  // one per target, attached once
+  GlTexture textures_[3];          // input, then the two ping-pong targets
+  GlFramebuffer framebuffers_[3];  // one per target, attached once
   std::vector<Pass> passes_;
   int last_ = 0;
 };

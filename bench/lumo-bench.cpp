@@ -36,7 +36,7 @@ struct Config {
 };
 
 constexpr Size kSizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
-constexpr Config kConfigs[] = {{"mask:0", 0, 0}, {"mask:1", 1, 0}, {"mask:2", 2, 0},  {"mask:4", 4, 0},
+constexpr Config kConfigs[] = {{"mask:0", 0, 0}, {"mask:1", 1, 0}, {"mask:2", 2, 0},   {"mask:4", 4, 0},
                                {"mask:7", 7, 0}, {"mask:8", 8, 0}, {"mask:15", 15, 0}, {"preset:5", 0, 5}};
 constexpr float kSharpen = 0.5f;  // the bare chain's value, so that both draw the same picture
 
@@ -290,9 +290,7 @@ std::string glRenderer() {
 
 template <typename Function, typename... Args>
 void add(const std::string& name, Function function, Args... args) {
-  benchmark::RegisterBenchmark(name.c_str(), function, args...)
-      ->Unit(benchmark::kMillisecond)
-      ->UseRealTime();
+  benchmark::RegisterBenchmark(name.c_str(), function, args...)->Unit(benchmark::kMillisecond)->UseRealTime();
 }
 
 }  // namespace

@@ -4,12 +4,9 @@ namespace lumo {
 
 const char* engineKindName(EngineKind kind) {
   switch (kind) {
-    case EngineKind::Gl:
-      return "gl";
-    case EngineKind::Cpu:
-      return "cpu";
-    case EngineKind::Auto:
-      break;
+    case EngineKind::Gl: return "gl";
+    case EngineKind::Cpu: return "cpu";
+    case EngineKind::Auto: break;
   }
   return "auto";
 }

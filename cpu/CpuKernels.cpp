@@ -181,9 +181,7 @@ struct FloatRow {
   FloatRow shifted(int by) const { return {r + by, g + by, b + by, a + by}; }
 };
 
-FloatRow floatRow(float* base, size_t length) {
-  return {base, base + length, base + 2 * length, base + 3 * length};
-}
+FloatRow floatRow(float* base, size_t length) { return {base, base + length, base + 2 * length, base + 3 * length}; }
 
 // Converts row y into `row` at [pad, pad + width) and repeats the edge texels into the pads.
 template <class D>
@@ -212,7 +210,10 @@ HWY_INLINE Px<D> loadRow(D d, const FloatRow& row, int x) {
 class RowRing {
  public:
   RowRing(const BilateralJob& job, int worker)
-      : in_(job.in), length_(job.floatRowLength), size_(job.ringSize), pad_(job.pad),
+      : in_(job.in),
+        length_(job.floatRowLength),
+        size_(job.ringSize),
+        pad_(job.pad),
         base_(job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker),
         rows_(job.ringRows + static_cast<size_t>(worker) * static_cast<size_t>(job.ringSize)) {
     std::fill(rows_, rows_ + size_, -1);
@@ -355,20 +356,20 @@ template <class D>
 HWY_INLINE Px<D> whitenPx(D d, const Px<D>& src, V<D> factor) {
   const V<D> half = hn::Set(d, 0.5f);
   V<D> y = hn::Add(hn::Add(hn::Mul(src.r, hn::Set(d, 0.299f)), hn::Mul(src.g, hn::Set(d, 0.587f))),
-                hn::Mul(src.b, hn::Set(d, 0.114f)));
+                   hn::Mul(src.b, hn::Set(d, 0.114f)));
   const V<D> cr = hn::Add(hn::Mul(hn::Sub(src.r, y), hn::Set(d, 0.713f)), half);
   const V<D> cb = hn::Add(hn::Mul(hn::Sub(src.b, y), hn::Set(d, 0.564f)), half);
   const V<D> g = hn::Mul(y, hn::Set(d, 255.0f));
   const V<D> denominator = hn::Sub(hn::Add(hn::Set(d, 0.896865160897715f), hn::Mul(hn::Set(d, 0.0032021590610318f), g)),
-                                hn::Mul(hn::Set(d, 0.0442923728433528f), hn::Sqrt(g)));
+                                   hn::Mul(hn::Set(d, 0.0442923728433528f), hn::Sqrt(g)));
   V<D> gray = hn::Div(g, denominator);
   gray = hn::IfThenElse(hn::Lt(gray, hn::Set(d, 256.0f)), gray, hn::Set(d, 255.0f));
   y = hn::Div(gray, hn::Set(d, 255.0f));
   const V<D> crc = hn::Sub(cr, half);
   const V<D> cbc = hn::Sub(cb, half);
   const V<D> rgb[3] = {hn::Add(y, hn::Mul(hn::Set(d, 1.403f), crc)),
-                    hn::Sub(hn::Sub(y, hn::Mul(hn::Set(d, 0.344f), cbc)), hn::Mul(hn::Set(d, 0.714f), crc)),
-                    hn::Add(y, hn::Mul(hn::Set(d, 1.773f), cbc))};
+                       hn::Sub(hn::Sub(y, hn::Mul(hn::Set(d, 0.344f), cbc)), hn::Mul(hn::Set(d, 0.714f), crc)),
+                       hn::Add(y, hn::Mul(hn::Set(d, 1.773f), cbc))};
   // mix(c, overlay(c, factor), -0.4756); the warm tint after it has weight 0 and leaves the value as it is.
   const float t = -0.4756f;
   const V<D> vt = hn::Set(d, t);
@@ -384,9 +385,10 @@ HWY_INLINE Px<D> presetPx(D d, const Px<D>& c, const float (*matrix)[4], const f
   const V<D> v[4] = {hn::Mul(c.r, scale), hn::Mul(c.g, scale), hn::Mul(c.b, scale), hn::Mul(c.a, scale)};
   V<D> out[4];
   for (int k = 0; k < 4; ++k) {
-    V<D> sum = hn::Add(hn::Add(hn::Add(hn::Mul(v[0], hn::Set(d, matrix[k][0])), hn::Mul(v[1], hn::Set(d, matrix[k][1]))),
-                            hn::Mul(v[2], hn::Set(d, matrix[k][2]))),
-                    hn::Mul(v[3], hn::Set(d, matrix[k][3])));
+    V<D> sum =
+        hn::Add(hn::Add(hn::Add(hn::Mul(v[0], hn::Set(d, matrix[k][0])), hn::Mul(v[1], hn::Set(d, matrix[k][1]))),
+                        hn::Mul(v[2], hn::Set(d, matrix[k][2]))),
+                hn::Mul(v[3], hn::Set(d, matrix[k][3])));
     sum = hn::Add(sum, hn::Set(d, offset[k]));
     out[k] = hn::Div(hn::Min(hn::Max(sum, hn::Zero(d)), scale), scale);
   }
@@ -415,7 +417,7 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
         if (job.pinkWhiten) {
           const V<D> green = curve(d, job.pinkCurve, s.g);
           s = stored(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
-                           mix(s.g, green, pink, oneMinusPink), mix(s.b, green, pink, oneMinusPink), s.a});
+                              mix(s.g, green, pink, oneMinusPink), mix(s.b, green, pink, oneMinusPink), s.a});
         }
         const V<D> k = hn::Mul(s.a, alpha);
         const V<D> oneMinusK = hn::Sub(one, k);
@@ -468,7 +470,7 @@ void SharpenRowsT(D d, const SharpenJob& job, int y0, int y1) {
                        hn::Add(hn::Add(hn::Add(hn::Mul(l, s), hn::Mul(r, s)), hn::Mul(t, s)), hn::Mul(b, s)));
       };
       Px<D> result{channel(c.r, left.r, right.r, top.r, bottom.r), channel(c.g, left.g, right.g, top.g, bottom.g),
-                channel(c.b, left.b, right.b, top.b, bottom.b), bottom.a};
+                   channel(c.b, left.b, right.b, top.b, bottom.b), bottom.a};
       if (job.preset) result = presetPx(d, stored(d, result), job.presetMatrix, job.presetOffset);
       store(d, out, x, result);
     });

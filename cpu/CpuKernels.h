@@ -47,7 +47,7 @@ struct BilateralJob {
   Tap taps[8];
   float factor;
   bool vertical;
-  int pad;                        // texels repeated beyond each edge: at least the widest tap, plus one
+  int pad;  // texels repeated beyond each edge: at least the widest tap, plus one
   // Float rows per worker: one for the horizontal pass, then `ringSize` for the vertical pass's ring
   // (at least 2 * pad + 2), each 4 planes of `floatRowLength` (width + 2 * pad) floats.
   float* floatScratch;
@@ -81,11 +81,11 @@ struct GaussianJob {
 // The per-pixel passes from the detail layer's add-back to the preset, fused: each stage rounds to 8 bits
 // as a pass into a texture would.
 struct TailJob {
-  ConstImage input;   // the frame
-  ConstImage skin;    // skin layer: smoothed skin, or the blurred detail layer when addBack is set
+  ConstImage input;  // the frame
+  ConstImage skin;   // skin layer: smoothed skin, or the blurred detail layer when addBack is set
   Image out;
-  bool beautify;      // the skin stages run (mask bits 1 or 4)
-  bool addBack;       // skin holds the blurred layer: add it back to the input first
+  bool beautify;  // the skin stages run (mask bits 1 or 4)
+  bool addBack;   // skin holds the blurred layer: add it back to the input first
   bool pinkWhiten;
   float pinkFactor;
   float blendAlpha;

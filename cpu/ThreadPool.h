@@ -25,9 +25,12 @@ class ThreadPool {
   // Calls `body(worker, begin, end)` over bands of [0, count).
   template <typename Body>
   void parallelFor(int count, const Body& body) {
-    run(count, [](const void* context, int worker, int begin, int end) {
-      (*static_cast<const Body*>(context))(worker, begin, end);
-    }, &body);
+    run(
+        count,
+        [](const void* context, int worker, int begin, int end) {
+          (*static_cast<const Body*>(context))(worker, begin, end);
+        },
+        &body);
   }
 
  private:

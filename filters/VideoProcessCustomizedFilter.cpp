@@ -27,7 +27,8 @@ int32_t VideoProcessCustomizedFilter::setColorMatrix(int32_t index) {
   PresetValues values{};
   if (!lookupPreset(index, &values)) return -1;  // logged there; the current preset stays in force
   GPUVector4* rows[4] = {&_colorMatrix.one, &_colorMatrix.two, &_colorMatrix.three, &_colorMatrix.four};
-  for (int k = 0; k < 4; ++k) *rows[k] = {values.matrix[k][0], values.matrix[k][1], values.matrix[k][2], values.matrix[k][3]};
+  for (int k = 0; k < 4; ++k)
+    *rows[k] = {values.matrix[k][0], values.matrix[k][1], values.matrix[k][2], values.matrix[k][3]};
   _colorOffset = {values.offset[0], values.offset[1], values.offset[2], values.offset[3]};
   return index - 1;
 }

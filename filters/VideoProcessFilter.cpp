@@ -81,15 +81,14 @@ void VideoProcessFilter::setAttributes(int32_t /*pass*/) {
   glEnableVertexAttribArray(1);
 }
 
-int32_t VideoProcessFilter::doChangeFormat(int32_t /*format*/, int32_t width, int32_t height,
-                                           int32_t* /*strides*/) {
+int32_t VideoProcessFilter::doChangeFormat(int32_t /*format*/, int32_t width, int32_t height, int32_t* /*strides*/) {
   _imgWidth = width;
   _imgHeight = height;
   return 0;
 }
 
-int32_t VideoProcessFilter::setCropModeVerticesAndTexCoord(int32_t imgWidth, int32_t imgHeight,
-                                                           int32_t viewWidth, int32_t viewHeight) {
+int32_t VideoProcessFilter::setCropModeVerticesAndTexCoord(int32_t imgWidth, int32_t imgHeight, int32_t viewWidth,
+                                                           int32_t viewHeight) {
   const float imageAspect = static_cast<float>(imgWidth) / static_cast<float>(imgHeight);
   const float viewAspect = static_cast<float>(viewWidth) / static_cast<float>(viewHeight);
   float scaleX = 1.0f;

@@ -32,8 +32,7 @@ class LUMO_EXPORT VideoProcessFilter {
 
   int32_t doChangeFormat(int32_t format, int32_t width, int32_t height, int32_t* strides);
   // Fills a view of another aspect ratio with the image, centre kept, cut on the overflowing axis.
-  int32_t setCropModeVerticesAndTexCoord(int32_t imgWidth, int32_t imgHeight, int32_t viewWidth,
-                                         int32_t viewHeight);
+  int32_t setCropModeVerticesAndTexCoord(int32_t imgWidth, int32_t imgHeight, int32_t viewWidth, int32_t viewHeight);
 
   const std::string& fragmentShader() const { return _fragmentShader; }
   void setFragmentShader(std::string text) { _fragmentShader = std::move(text); }

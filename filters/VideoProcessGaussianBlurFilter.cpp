@@ -99,8 +99,7 @@ void VideoProcessGaussianBlurFilter::setBlurRadisAndSigma(float radius, float si
   initProgram();
 }
 
-std::string VideoProcessGaussianBlurFilter::vertexShaderForStandardBlurOfRadius(size_t radius,
-                                                                                 double /*sigma*/) {
+std::string VideoProcessGaussianBlurFilter::vertexShaderForStandardBlurOfRadius(size_t radius, double /*sigma*/) {
   std::string text;
   appendVertexHeader(text, 2 * radius + 1);
   for (size_t i = 0; i <= 2 * radius; ++i) {
@@ -119,8 +118,7 @@ std::string VideoProcessGaussianBlurFilter::vertexShaderForStandardBlurOfRadius(
   return text;
 }
 
-std::string VideoProcessGaussianBlurFilter::fragmentShaderForStandardBlurOfRadius(size_t radius,
-                                                                                   double sigma) {
+std::string VideoProcessGaussianBlurFilter::fragmentShaderForStandardBlurOfRadius(size_t radius, double sigma) {
   const std::vector<float> weights = gaussianWeights(radius, sigma);
   std::string text;
   appendFormat(text,
@@ -136,8 +134,7 @@ std::string VideoProcessGaussianBlurFilter::fragmentShaderForStandardBlurOfRadiu
   return text;
 }
 
-std::string VideoProcessGaussianBlurFilter::vertexShaderForOptimizedBlurOfRadius(size_t radius,
-                                                                                  double sigma) {
+std::string VideoProcessGaussianBlurFilter::vertexShaderForOptimizedBlurOfRadius(size_t radius, double sigma) {
   const std::vector<float> weights = gaussianWeights(radius, sigma);
   const size_t pairs = std::min<size_t>(pairCount(radius), 7);
   std::string text;
@@ -154,8 +151,7 @@ std::string VideoProcessGaussianBlurFilter::vertexShaderForOptimizedBlurOfRadius
   return text;
 }
 
-std::string VideoProcessGaussianBlurFilter::fragmentShaderForOptimizedBlurOfRadius(size_t radius,
-                                                                                    double sigma) {
+std::string VideoProcessGaussianBlurFilter::fragmentShaderForOptimizedBlurOfRadius(size_t radius, double sigma) {
   const std::vector<float> weights = gaussianWeights(radius, sigma);
   const size_t allPairs = pairCount(radius);
   const size_t pairs = std::min<size_t>(allPairs, 7);
@@ -179,11 +175,9 @@ std::string VideoProcessGaussianBlurFilter::fragmentShaderForOptimizedBlurOfRadi
     for (size_t k = pairs; k < allPairs; ++k) {
       const double offset = static_cast<double>(pairOffset(weights, k));
       const double weight = static_cast<double>(pairWeight(weights, k));
-      appendFormat(text,
-                   "sum += texture2D(inputImageTexture, blurCoordinates[0] + singleStepOffset * %f) * %f;\n",
+      appendFormat(text, "sum += texture2D(inputImageTexture, blurCoordinates[0] + singleStepOffset * %f) * %f;\n",
                    offset, weight);
-      appendFormat(text,
-                   "sum += texture2D(inputImageTexture, blurCoordinates[0] - singleStepOffset * %f) * %f;\n",
+      appendFormat(text, "sum += texture2D(inputImageTexture, blurCoordinates[0] - singleStepOffset * %f) * %f;\n",
                    offset, weight);
     }
   }

@@ -28,9 +28,7 @@ const char* const kVideoCapFilterWhitenFragmentShaderString =
     "warmFilter.b)))); lowp vec3 balanceresult = mix(balancewhite, temperprocessed, temperature); "
     "gl_FragColor = vec4(balanceresult, source.a); }";
 
-VideoProcessWhitenFilter::VideoProcessWhitenFilter() {
-  setFragmentShader(kVideoCapFilterWhitenFragmentShaderString);
-}
+VideoProcessWhitenFilter::VideoProcessWhitenFilter() { setFragmentShader(kVideoCapFilterWhitenFragmentShaderString); }
 
 void VideoProcessWhitenFilter::initUniforms(uint32_t program) {
   VideoProcessFilter::initUniforms(program);

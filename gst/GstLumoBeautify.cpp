@@ -26,8 +26,8 @@ struct Settings {
 
 // The C++ side of the instance, constructed in instance_init and destroyed in finalize.
 struct State {
-  Settings settings;                              // guarded by the object lock
-  std::unique_ptr<lumo::BeautifyEngine> filter;   // made in start(), gone after stop()
+  Settings settings;                             // guarded by the object lock
+  std::unique_ptr<lumo::BeautifyEngine> filter;  // made in start(), gone after stop()
   // Draws the frames the GL engine cannot (see transformFrame); made on the first such frame.
   std::unique_ptr<lumo::BeautifyEngine> fallback;
 };
@@ -86,9 +86,8 @@ GType engineType() {
   return static_cast<GType>(type);
 }
 
-constexpr auto kParamFlags =
-    static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_CONTROLLABLE |
-                             GST_PARAM_MUTABLE_PLAYING);
+constexpr auto kParamFlags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
+                                                      GST_PARAM_CONTROLLABLE | GST_PARAM_MUTABLE_PLAYING);
 
 GParamSpec* floatSpec(const char* name, const char* nick, const char* blurb, const lumo::SettingRange& range) {
   return g_param_spec_float(name, nick, blurb, range.low, range.high, range.fallback, kParamFlags);
@@ -164,8 +163,9 @@ gboolean start(GstBaseTransform* transform) {
   std::string why;
   std::unique_ptr<lumo::BeautifyEngine> filter = withCallerContext([&] { return lumo::makeEngine(wanted, &why); });
   if (!filter) {
-    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("lumobeautify cannot start the %s engine: %s",
-                                                  lumo::engineKindName(wanted), why.c_str()), (nullptr));
+    GST_ELEMENT_ERROR(element, RESOURCE, FAILED,
+                      ("lumobeautify cannot start the %s engine: %s", lumo::engineKindName(wanted), why.c_str()),
+                      (nullptr));
     return FALSE;
   }
   GST_INFO_OBJECT(element, "engine %s (%s)", lumo::engineKindName(filter->kind()), why.c_str());
@@ -185,8 +185,8 @@ gboolean stop(GstBaseTransform* transform) {
 
 void beforeTransform(GstBaseTransform* transform, GstBuffer* buffer) {
   // Controlled properties take their value for this buffer's time first.
-  const GstClockTime time = gst_segment_to_stream_time(&transform->segment, GST_FORMAT_TIME,
-                                                       GST_BUFFER_TIMESTAMP(buffer));
+  const GstClockTime time =
+      gst_segment_to_stream_time(&transform->segment, GST_FORMAT_TIME, GST_BUFFER_TIMESTAMP(buffer));
   if (GST_CLOCK_TIME_IS_VALID(time)) gst_object_sync_values(GST_OBJECT(transform), time);
   GST_OBJECT_LOCK(transform);
   const bool passthrough = self(transform)->state.settings.passthrough();
@@ -241,7 +241,9 @@ GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, Gst
       element->state.fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
       GST_ELEMENT_WARNING(element, STREAM, FAILED,
                           ("lumobeautify: the GL engine could not draw a %d x %d frame; the CPU engine draws "
-                           "such frames", width, height), (nullptr));
+                           "such frames",
+                           width, height),
+                          (nullptr));
     }
     element->state.fallback->applySettings(settings.beautify);
     if (renderInto(*element->state.fallback, input, outData, outStride)) return GST_FLOW_OK;
@@ -280,14 +282,14 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
   g_object_class_install_property(
       objectClass, kPropWhiten,
       floatSpec("whiten", "Whiten", "Whiten balance: below 0.5 brightens, above darkens", BeautifySettings::kWhiten));
-  g_object_class_install_property(
-      objectClass, kPropSharpen, floatSpec("sharpen", "Sharpen", "Sharpen strength", BeautifySettings::kSharpen));
+  g_object_class_install_property(objectClass, kPropSharpen,
+                                  floatSpec("sharpen", "Sharpen", "Sharpen strength", BeautifySettings::kSharpen));
   g_object_class_install_property(
       objectClass, kPropEngine,
-      g_param_spec_enum("engine", "Engine", "Where the passes run; chosen when the element starts", engineType(),
-                        static_cast<gint>(lumo::EngineKind::Auto),
-                        static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
-                                                 GST_PARAM_MUTABLE_READY)));
+      g_param_spec_enum(
+          "engine", "Engine", "Where the passes run; chosen when the element starts", engineType(),
+          static_cast<gint>(lumo::EngineKind::Auto),
+          static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY)));
   g_object_class_install_property(
       objectClass, kPropSkinWhiten,
       floatSpec("skin-whiten", "Skin whiten", "Pink whiten strength on skin", BeautifySettings::kSkinWhiten));
@@ -309,9 +311,7 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
   gst_type_mark_as_plugin_api(engineType(), static_cast<GstPluginAPIFlags>(0));
 }
 
-static void gst_lumo_beautify_init(GstLumoBeautify* element) {
-  new (&element->state) State();
-}
+static void gst_lumo_beautify_init(GstLumoBeautify* element) { new (&element->state) State(); }
 
 static gboolean plugin_init(GstPlugin* plugin) {
   GST_DEBUG_CATEGORY_INIT(lumo_beautify_debug, "lumobeautify", 0, "Lumo beautify filter");
@@ -319,5 +319,5 @@ static gboolean plugin_init(GstPlugin* plugin) {
 }
 
 #define PACKAGE "lumoimagefilter"
-GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, lumo, "Real-time beautify filters for live video",
-                  plugin_init, LUMO_VERSION, "Proprietary", "LumoImageFilter", "none")
+GST_PLUGIN_DEFINE(GST_VERSION_MAJOR, GST_VERSION_MINOR, lumo, "Real-time beautify filters for live video", plugin_init,
+                  LUMO_VERSION, "Proprietary", "LumoImageFilter", "none")

@@ -29,16 +29,14 @@ EGLDisplay initialized(EGLDisplay display) {
 
 EGLDisplay openHeadlessDisplay() {
   const char* clientExtensions = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
-  auto getPlatformDisplay = reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(
-      eglGetProcAddress("eglGetPlatformDisplayEXT"));
+  auto getPlatformDisplay =
+      reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(eglGetProcAddress("eglGetPlatformDisplayEXT"));
   if (getPlatformDisplay != nullptr && hasExtension(clientExtensions, "EGL_MESA_platform_surfaceless")) {
-    EGLDisplay display =
-        initialized(getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr));
+    EGLDisplay display = initialized(getPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr));
     if (display != EGL_NO_DISPLAY) return display;
   }
   // NVIDIA's headless driver offers no surfaceless platform but enumerates its GPUs as EGL devices.
-  auto queryDevices =
-      reinterpret_cast<PFNEGLQUERYDEVICESEXTPROC>(eglGetProcAddress("eglQueryDevicesEXT"));
+  auto queryDevices = reinterpret_cast<PFNEGLQUERYDEVICESEXTPROC>(eglGetProcAddress("eglQueryDevicesEXT"));
   if (getPlatformDisplay != nullptr && queryDevices != nullptr &&
       hasExtension(clientExtensions, "EGL_EXT_platform_device")) {
     EGLDeviceEXT devices[8];
@@ -87,9 +85,19 @@ std::shared_ptr<GLContext> GLContext::create() {
     }
   }
 
-  const EGLint configAttributes[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
-                                     EGL_OPENGL_ES2_BIT, EGL_RED_SIZE, 8, EGL_GREEN_SIZE, 8,
-                                     EGL_BLUE_SIZE, 8, EGL_ALPHA_SIZE, 8, EGL_NONE};
+  const EGLint configAttributes[] = {EGL_SURFACE_TYPE,
+                                     EGL_PBUFFER_BIT,
+                                     EGL_RENDERABLE_TYPE,
+                                     EGL_OPENGL_ES2_BIT,
+                                     EGL_RED_SIZE,
+                                     8,
+                                     EGL_GREEN_SIZE,
+                                     8,
+                                     EGL_BLUE_SIZE,
+                                     8,
+                                     EGL_ALPHA_SIZE,
+                                     8,
+                                     EGL_NONE};
   EGLConfig config = nullptr;
   EGLint count = 0;
   if (eglChooseConfig(display, configAttributes, &config, 1, &count) != EGL_TRUE || count < 1) {
@@ -143,9 +151,7 @@ bool GLContext::makeCurrent() const {
   return eglMakeCurrent(display_, surface_, surface_, context_) == EGL_TRUE;
 }
 
-bool GLContext::isCurrent() const {
-  return eglGetCurrentContext() == context_;
-}
+bool GLContext::isCurrent() const { return eglGetCurrentContext() == context_; }
 
 GLContext::Snapshot GLContext::snapshot() const {
   return Snapshot{EGL_OPENGL_ES_API, display_, surface_, surface_, context_};

@@ -20,8 +20,8 @@ int32_t validate(int32_t width, int32_t height, uint32_t pixelFormat, const Pixe
 
 }  // namespace
 
-PixelBuffer::PixelBuffer(Token, int32_t width, int32_t height, size_t bytesPerRow, void* bytes,
-                         ReleaseCallback release, const PixelBufferAttributes& attributes)
+PixelBuffer::PixelBuffer(Token, int32_t width, int32_t height, size_t bytesPerRow, void* bytes, ReleaseCallback release,
+                         const PixelBufferAttributes& attributes)
     : width_(width),
       height_(height),
       bytesPerRow_(bytesPerRow),
@@ -49,18 +49,16 @@ int32_t PixelBuffer::create(int32_t width, int32_t height, uint32_t pixelFormat,
     return kPixelBufferErrorAllocationFailed;
   }
   std::memset(bytes, 0, bytesPerRow * static_cast<size_t>(height));
-  const int32_t made = make(width, height, bytesPerRow, bytes, [](void* memory) { std::free(memory); },
-                            attributes, out);
+  const int32_t made = make(
+      width, height, bytesPerRow, bytes, [](void* memory) { std::free(memory); }, attributes, out);
   if (made != kPixelBufferSuccess) std::free(bytes);
   return made;
 }
 
-int32_t PixelBuffer::make(int32_t width, int32_t height, size_t bytesPerRow, void* bytes,
-                          ReleaseCallback release, const PixelBufferAttributes& attributes,
-                          PixelBufferRef* out) {
+int32_t PixelBuffer::make(int32_t width, int32_t height, size_t bytesPerRow, void* bytes, ReleaseCallback release,
+                          const PixelBufferAttributes& attributes, PixelBufferRef* out) {
   try {
-    *out = std::make_shared<PixelBuffer>(Token{}, width, height, bytesPerRow, bytes, std::move(release),
-                                         attributes);
+    *out = std::make_shared<PixelBuffer>(Token{}, width, height, bytesPerRow, bytes, std::move(release), attributes);
   } catch (const std::bad_alloc&) {
     out->reset();
     return kPixelBufferErrorAllocationFailed;
@@ -109,8 +107,6 @@ void PixelBuffer::markGpuNewer(std::weak_ptr<PixelBufferBacking> backing) {
   backing_ = std::move(backing);
 }
 
-void PixelBuffer::synchronizeFromGpu() {
-  lockBaseAddress(kPixelBufferLockReadOnly);
-}
+void PixelBuffer::synchronizeFromGpu() { lockBaseAddress(kPixelBufferLockReadOnly); }
 
 }  // namespace lumo

@@ -50,12 +50,11 @@ class LUMO_EXPORT PixelBuffer {
  public:
   using ReleaseCallback = std::function<void(void* bytes)>;
 
-  static int32_t create(int32_t width, int32_t height, uint32_t pixelFormat,
-                        const PixelBufferAttributes& attributes, PixelBufferRef* out);
+  static int32_t create(int32_t width, int32_t height, uint32_t pixelFormat, const PixelBufferAttributes& attributes,
+                        PixelBufferRef* out);
   // Wraps host memory without copying; `release` (may be empty) runs when the last reference goes.
-  static int32_t createWithBytes(int32_t width, int32_t height, uint32_t pixelFormat, void* bytes,
-                                 size_t bytesPerRow, ReleaseCallback release,
-                                 const PixelBufferAttributes& attributes, PixelBufferRef* out);
+  static int32_t createWithBytes(int32_t width, int32_t height, uint32_t pixelFormat, void* bytes, size_t bytesPerRow,
+                                 ReleaseCallback release, const PixelBufferAttributes& attributes, PixelBufferRef* out);
 
   // Only the factories above can make the token; the constructor is public for std::make_shared.
   class Token {

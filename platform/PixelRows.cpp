@@ -4,8 +4,8 @@
 
 namespace lumo {
 
-void copyPixelRows(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, int32_t width,
-                   int32_t rows, bool swapRedBlue) {
+void copyPixelRows(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, int32_t width, int32_t rows,
+                   bool swapRedBlue) {
   const size_t rowBytes = static_cast<size_t>(width) * 4;
   if (!swapRedBlue && fromStride == rowBytes && toStride == rowBytes) {
     std::memcpy(to, from, rowBytes * static_cast<size_t>(rows));

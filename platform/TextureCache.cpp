@@ -113,8 +113,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     if (!guard.ok()) return;
     if (!readFramebuffer_) readFramebuffer_.reset(gl::genFramebuffer());
     glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_.get());
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, found->second->texture.name_,
-                           0);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, found->second->texture.name_, 0);
     glPixelStorei(GL_PACK_ALIGNMENT, 4);
     const size_t rowBytes = static_cast<size_t>(buffer.width()) * 4;
     auto* bytes = static_cast<uint8_t*>(buffer.baseAddress());
@@ -124,8 +123,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       scratch_.resize(rowBytes * static_cast<size_t>(buffer.height()));
       target = scratch_.data();
     }
-    glReadPixels(0, 0, buffer.width(), buffer.height(), readBgra_ ? GL_BGRA_EXT : GL_RGBA, GL_UNSIGNED_BYTE,
-                 target);
+    glReadPixels(0, 0, buffer.width(), buffer.height(), readBgra_ ? GL_BGRA_EXT : GL_RGBA, GL_UNSIGNED_BYTE, target);
     if (target != bytes) {
       copyPixelRows(target, rowBytes, bytes, buffer.bytesPerRow(), buffer.width(), buffer.height(), !readBgra_);
     }
@@ -190,8 +188,8 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
   Entries::iterator recycleDeadLocked(const PixelBufferRef& buffer) {
     for (auto it = entries_.begin(); it != entries_.end(); ++it) {
       const Entry& entry = *it->second;
-      if (!entry.buffer.expired() || entry.texture.lends_ != 0 || !entry.allocated ||
-          entry.width != buffer->width() || entry.height != buffer->height()) {
+      if (!entry.buffer.expired() || entry.texture.lends_ != 0 || !entry.allocated || entry.width != buffer->width() ||
+          entry.height != buffer->height()) {
         continue;
       }
       auto node = entries_.extract(it);
@@ -238,8 +236,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, format, GL_UNSIGNED_BYTE, source);
     } else {
       // GLES wants the internal format equal to the format; GL_RGBA + GL_BGRA_EXT is not accepted.
-      glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), width, height, 0, format, GL_UNSIGNED_BYTE,
-                   source);
+      glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), width, height, 0, format, GL_UNSIGNED_BYTE, source);
       gl::setLinearClampSampling();
     }
     if (rowLengthSet) glPixelStorei(kUnpackRowLength, 0);
@@ -284,15 +281,14 @@ TextureCache::~TextureCache() {
   core_->deleteAll();
 }
 
-int32_t TextureCache::createTextureFromImage(const PixelBufferRef& buffer, uint32_t target,
-                                             int32_t internalFormat, int32_t width, int32_t height,
-                                             uint32_t format, uint32_t type, size_t plane, TextureRef* texture) {
+int32_t TextureCache::createTextureFromImage(const PixelBufferRef& buffer, uint32_t target, int32_t internalFormat,
+                                             int32_t width, int32_t height, uint32_t format, uint32_t type,
+                                             size_t plane, TextureRef* texture) {
   if (texture == nullptr) return kTextureCacheErrorInvalidArgument;
   texture->reset();
   if (!buffer) return kTextureCacheErrorInvalidArgument;
   if (target != GL_TEXTURE_2D || (internalFormat != GL_RGBA && internalFormat != GL_BGRA_EXT) ||
-      format != GL_BGRA_EXT || type != GL_UNSIGNED_BYTE || plane != 0 ||
-      buffer->pixelFormat() != kPixelFormat32BGRA) {
+      format != GL_BGRA_EXT || type != GL_UNSIGNED_BYTE || plane != 0 || buffer->pixelFormat() != kPixelFormat32BGRA) {
     return kTextureCacheErrorUnsupported;
   }
   if (width != buffer->width() || height != buffer->height()) return kTextureCacheErrorSizeMismatch;

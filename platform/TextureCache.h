@@ -82,9 +82,8 @@ class LUMO_EXPORT TextureCache {
 
   // Maps `buffer` to a texture. Accepts target GL_TEXTURE_2D, internal format GL_RGBA or GL_BGRA_EXT,
   // format GL_BGRA_EXT, type GL_UNSIGNED_BYTE, plane 0, and the buffer's own size.
-  int32_t createTextureFromImage(const PixelBufferRef& buffer, uint32_t target, int32_t internalFormat,
-                                 int32_t width, int32_t height, uint32_t format, uint32_t type, size_t plane,
-                                 TextureRef* texture);
+  int32_t createTextureFromImage(const PixelBufferRef& buffer, uint32_t target, int32_t internalFormat, int32_t width,
+                                 int32_t height, uint32_t format, uint32_t type, size_t plane, TextureRef* texture);
 
   // Deletes the textures of buffers that died.
   void flush();

@@ -17,7 +17,7 @@ using reference::Frame;
 struct Case {
   int mask;
   int preset;
-  int maxColour;     // largest difference allowed in any colour channel
+  int maxColour;      // largest difference allowed in any colour channel
   double shareAbove;  // share of colour channels allowed more than one step apart
 };
 
@@ -38,10 +38,11 @@ Frame renderWith(const Frame& in, const Case& c, float sharpen) {
 std::vector<Frame> inputs() {
   return {loadSample(),
           // Hard edges, flat areas and gradients; an odd width exercises the vectors' overlapping tail.
-          pattern(203, 97, [](int x, int y) {
-            const bool square = ((x / 16) + (y / 16)) % 2 == 0;
-            return reference::Rgba{square ? 0.85f : 0.3f, (x % 64) / 63.0f, (y % 32) / 31.0f, 1.0f};
-          }),
+          pattern(203, 97,
+                  [](int x, int y) {
+                    const bool square = ((x / 16) + (y / 16)) % 2 == 0;
+                    return reference::Rgba{square ? 0.85f : 0.3f, (x % 64) / 63.0f, (y % 32) / 31.0f, 1.0f};
+                  }),
           // Narrower than a vector: lane by lane.
           pattern(5, 40, [](int x, int y) {
             return reference::Rgba{0.9f - 0.1f * x, 0.6f, 0.02f * y, 1.0f};
@@ -56,7 +57,7 @@ std::vector<Frame> inputs() {
 // beautify passes (masks 9 and 15), where a few percent of channels arrive one step apart, that gives up to
 // 7 steps and some 5 % of channels above one step here: the bounds below are 10 steps and 8 %.
 TEST(CpuEngine, MatchesTheGlPathAtFullPrecision) {
-  std::vector<Case> cases = {{1, 0, 4, 0.002}, {2, 0, 4, 0.002}, {4, 0, 4, 0.002}, {7, 0, 4, 0.002},
+  std::vector<Case> cases = {{1, 0, 4, 0.002}, {2, 0, 4, 0.002},  {4, 0, 4, 0.002}, {7, 0, 4, 0.002},
                              {8, 0, 1, 0.002}, {15, 0, 10, 0.08}, {9, 3, 10, 0.08}};
   for (int preset = 1; preset <= 13; ++preset) cases.push_back({0, preset, 4, 0.002});
   for (const Frame& in : inputs()) {

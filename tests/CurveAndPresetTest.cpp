@@ -58,10 +58,10 @@ TEST(Presets, RowsAndTheErrorLine) {
 
   capture.lines.clear();
   for (int index : {0, -5, 14}) EXPECT_EQ(filter.setColorMatrix(index), -1);
-  EXPECT_EQ(capture.lines, (std::vector<std::string>{
-                               "LUMO Video Filter - Custumized Filter set color matrix index error: -1",
-                               "LUMO Video Filter - Custumized Filter set color matrix index error: -6",
-                               "LUMO Video Filter - Custumized Filter set color matrix index error: 13"}));
+  EXPECT_EQ(capture.lines,
+            (std::vector<std::string>{"LUMO Video Filter - Custumized Filter set color matrix index error: -1",
+                                      "LUMO Video Filter - Custumized Filter set color matrix index error: -6",
+                                      "LUMO Video Filter - Custumized Filter set color matrix index error: 13"}));
   EXPECT_EQ(filter.colorOffset().one, 64.9f) << "a rejected index keeps the preset in force";
 }
 

@@ -124,7 +124,8 @@ TYPED_TEST(EngineInterface, APresetBeyondTheTableIsLoggedOnceAndNotRetried) {
   engine.render(this->input_);
   engine.render(this->input_);
   setLogHandler(nullptr);
-  EXPECT_EQ(lines, (std::vector<std::string>{"LUMO Video Filter - Custumized Filter set color matrix index error: 13"}));
+  EXPECT_EQ(lines,
+            (std::vector<std::string>{"LUMO Video Filter - Custumized Filter set color matrix index error: 13"}));
   engine.destroy();
 }
 

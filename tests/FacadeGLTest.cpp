@@ -104,14 +104,16 @@ const Pass kBilateral1{"bilateral", '1', '1', '2', 1, 0};
 const Pass kBilateral2{"bilateral", '2', '2', '1', 2, 0};
 
 TEST_F(FacadeGL, PassGraphOfEachMask) {
-  const std::vector<Pass> detailLayerOnT1 = {{"overlay", '0', '1', '2', 1, 0}, {"gauss", '2', '-', '1', 1, 0},
-                                             {"gauss", '1', '-', '2', 2, 0}, {"overlay", '0', '2', '1', 1, 0}};
+  const std::vector<Pass> detailLayerOnT1 = {{"overlay", '0', '1', '2', 1, 0},
+                                             {"gauss", '2', '-', '1', 1, 0},
+                                             {"gauss", '1', '-', '2', 2, 0},
+                                             {"overlay", '0', '2', '1', 1, 0}};
   auto with = [](std::vector<Pass> head, const std::vector<Pass>& tail) {
     head.insert(head.end(), tail.begin(), tail.end());
     return head;
   };
-  const std::vector<Pass> polish = with(with({kSkin, kBilateral1, kBilateral2}, detailLayerOnT1),
-                                        {{"blend", '0', '1', '2', 1, 0}});
+  const std::vector<Pass> polish =
+      with(with({kSkin, kBilateral1, kBilateral2}, detailLayerOnT1), {{"blend", '0', '1', '2', 1, 0}});
 
   Traced t = trace(input_, 0);
   EXPECT_TRUE(t.passes.empty());
@@ -129,8 +131,8 @@ TEST_F(FacadeGL, PassGraphOfEachMask) {
   EXPECT_EQ(t.result, '1');
 
   t = trace(input_, 4);
-  EXPECT_EQ(t.passes, with(with({kSkin}, detailLayerOnT1),
-                           {{"pink", '1', '-', '2', 1, 0}, {"blend", '0', '2', '1', 1, 0}}));
+  EXPECT_EQ(t.passes,
+            with(with({kSkin}, detailLayerOnT1), {{"pink", '1', '-', '2', 1, 0}, {"blend", '0', '2', '1', 1, 0}}));
   EXPECT_EQ(t.result, '1');
 
   t = trace(input_, 8);
@@ -138,8 +140,9 @@ TEST_F(FacadeGL, PassGraphOfEachMask) {
   EXPECT_EQ(t.result, '1');
 
   t = trace(input_, 9);
-  EXPECT_EQ(t.passes, (std::vector<Pass>{kSkin, kBilateral1, kBilateral2, {"blend", '0', '1', '2', 1, 0},
-                                         {"sharpen", '2', '-', '1', 1, 0}}));
+  EXPECT_EQ(t.passes,
+            (std::vector<Pass>{
+                kSkin, kBilateral1, kBilateral2, {"blend", '0', '1', '2', 1, 0}, {"sharpen", '2', '-', '1', 1, 0}}));
   EXPECT_EQ(t.passes[3].setting, 0.5f);
   EXPECT_EQ(t.result, '1');
 
@@ -153,15 +156,19 @@ TEST_F(FacadeGL, PassGraphOfEachMask) {
 
   // The full road: smoothing, whiten and skin whiten.
   t = trace(input_, 7);
-  std::vector<Pass> seven = with(with({kSkin, kBilateral1, kBilateral2}, detailLayerOnT1),
-                                 {{"pink", '1', '-', '2', 1, 0}, {"blend", '0', '2', '1', 1, 0},
-                                  {"whiten", '1', '-', '2', 1, 0}});
+  std::vector<Pass> seven =
+      with(with({kSkin, kBilateral1, kBilateral2}, detailLayerOnT1),
+           {{"pink", '1', '-', '2', 1, 0}, {"blend", '0', '2', '1', 1, 0}, {"whiten", '1', '-', '2', 1, 0}});
   EXPECT_EQ(t.passes, seven);
   EXPECT_EQ(t.result, '2');
 
   t = trace(input_, 15);
-  EXPECT_EQ(t.passes, (std::vector<Pass>{kSkin, kBilateral1, kBilateral2, {"pink", '1', '-', '2', 1, 0},
-                                         {"blend", '0', '2', '1', 1, 0}, {"whiten", '1', '-', '2', 1, 0},
+  EXPECT_EQ(t.passes, (std::vector<Pass>{kSkin,
+                                         kBilateral1,
+                                         kBilateral2,
+                                         {"pink", '1', '-', '2', 1, 0},
+                                         {"blend", '0', '2', '1', 1, 0},
+                                         {"whiten", '1', '-', '2', 1, 0},
                                          {"sharpen", '2', '-', '1', 1, 0}}));
   EXPECT_EQ(t.result, '1');
 
@@ -263,8 +270,7 @@ TEST_F(FacadeGL, WholeFramesMatchTheModel) {
     float sharpen;
     int maxDiff;
   };
-  const Case cases[] = {{1, 0, 0, 4}, {2, 0, 0, 4}, {4, 0, 0, 4}, {7, 0, 0, 4}, {8, 0, 0.5f, 5},
-                        {15, 0, 0.5f, 10}};
+  const Case cases[] = {{1, 0, 0, 4}, {2, 0, 0, 4}, {4, 0, 0, 4}, {7, 0, 0, 4}, {8, 0, 0.5f, 5}, {15, 0, 0.5f, 10}};
   for (const Case& c : cases) {
     LumoImageFilter facade;
     facade.enableBeautifying(static_cast<uintptr_t>(c.mask));

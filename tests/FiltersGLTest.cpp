@@ -77,7 +77,7 @@ TEST_F(FiltersGL, AlphaBlendMatchesTheModelOnTheListedCases) {
 
 TEST_F(FiltersGL, SkinDetectThresholdsAtTheirBoundaries) {
   auto filter = build<VideoProcessSkinDetectFilter>();
-  const Rgba cases[] = {rgb8(50, 40, 20), rgb8(51, 40, 20), rgb8(51, 39, 20), rgb8(51, 40, 19),
+  const Rgba cases[] = {rgb8(50, 40, 20), rgb8(51, 40, 20),  rgb8(51, 39, 20),       rgb8(51, 40, 19),
                         rgb8(0, 0, 0),    rgb8(20, 30, 200), rgb8(200, 150, 120, 77)};
   const bool skin[] = {false, true, false, false, false, false, true};
   const Frame in = pattern(7, 1, [&](int x, int) { return cases[x]; });
@@ -126,8 +126,8 @@ TEST_F(FiltersGL, BilateralMatchesTheModel) {
   for (int pass : {1, 2, 3}) {
     filter->setSampleStep(3.0f);
     filter->setColorDistanceFactor(4.0f);
-    const auto d = compare(harness_.draw(*filter, sample, &sample, pass),
-                           reference::bilateral(sample, sample, 3.0f, 4.0f, pass));
+    const auto d =
+        compare(harness_.draw(*filter, sample, &sample, pass), reference::bilateral(sample, sample, 3.0f, 4.0f, pass));
     EXPECT_LE(d.maxColour, 1) << "pass " << pass;
     EXPECT_LE(d.maxAlpha, 1);
   }
@@ -163,7 +163,8 @@ TEST_F(FiltersGL, GaussianBlurMatchesTheModelAndRadiusZeroIsIdentity) {
   filter->setStepOffset(1.0f);
   filter->setBlurRadisAndSigma(1.0f, 2.0f);
   for (int pass : {1, 2}) {
-    const auto d = compare(harness_.draw(*filter, sample, nullptr, pass), reference::gaussian(sample, 1, 2.0, 1.0f, pass));
+    const auto d =
+        compare(harness_.draw(*filter, sample, nullptr, pass), reference::gaussian(sample, 1, 2.0, 1.0f, pass));
     EXPECT_LE(d.maxColour, 1);
   }
   // Radius 4 samples between texels; linear filtering on llvmpipe weighs with 8-bit fractions, so 2 steps.

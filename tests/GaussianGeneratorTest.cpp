@@ -56,8 +56,9 @@ TEST(GaussianGenerator, RadiusZeroIsOneFetchOfWeightOne) {
   EXPECT_NE(fragment.find("blurCoordinates[1];"), std::string::npos);
   EXPECT_EQ(count(fragment, "texture2D("), 1u);
   EXPECT_NE(fragment.find("* 1.000000;"), std::string::npos);
-  EXPECT_NE(Blur::vertexShaderForOptimizedBlurOfRadius(0, 3.0).find("blurCoordinates[0] = inputTextureCoordinate.xy;\n}\n"),
-            std::string::npos);
+  EXPECT_NE(
+      Blur::vertexShaderForOptimizedBlurOfRadius(0, 3.0).find("blurCoordinates[0] = inputTextureCoordinate.xy;\n}\n"),
+      std::string::npos);
 }
 
 TEST(GaussianGenerator, OuterPairsBeyondTheSeventh) {

@@ -94,8 +94,8 @@ void record(const char* engineName, std::map<std::string, std::string>* out) {
       engine.setCustomizedFilter(static_cast<uintptr_t>(step.preset));
       const PixelBufferRef result = engine.render(toBuffer(in));
       std::ostringstream key;
-      key << engineName << ' ' << set.name << ' ' << index << " mask " << step.mask << " preset " << step.preset
-          << ' ' << in.width << 'x' << in.height;
+      key << engineName << ' ' << set.name << ' ' << index << " mask " << step.mask << " preset " << step.preset << ' '
+          << in.width << 'x' << in.height;
       char value[32];
       std::snprintf(value, sizeof value, "%016llx",
                     static_cast<unsigned long long>(result ? digest(fromBuffer(result)) : 0));
@@ -134,8 +134,8 @@ TEST(GoldenFrames, BothEnginesDrawTheRecordedFrames) {
   for (const auto& [key, value] : frames) {
     const auto it = golden.find(key);
     if (it == golden.end() || it->second != value) {
-      if (++differing <= 20) ADD_FAILURE() << key << ": " << value << ", recorded "
-                                           << (it == golden.end() ? "nothing" : it->second);
+      if (++differing <= 20)
+        ADD_FAILURE() << key << ": " << value << ", recorded " << (it == golden.end() ? "nothing" : it->second);
     }
   }
   EXPECT_EQ(differing, 0) << "frames differ from the recorded ones";

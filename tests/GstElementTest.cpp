@@ -208,8 +208,8 @@ TEST(LumoBeautifyElement, PropertiesHaveTheDefaultsAndRanges) {
   gfloat step = 0;
   gfloat factor = 0;
   gfloat skin = 0;
-  g_object_get(element, "mask", &mask, "preset", &preset, "polish-step", &step, "polish-factor", &factor,
-               "skin-whiten", &skin, nullptr);
+  g_object_get(element, "mask", &mask, "preset", &preset, "polish-step", &step, "polish-factor", &factor, "skin-whiten",
+               &skin, nullptr);
   EXPECT_EQ(mask, 7u);
   EXPECT_EQ(preset, 0u);
   EXPECT_EQ(step, 3.0f);
@@ -357,7 +357,8 @@ TEST(LumoBeautifyElementWithoutGl, StartFailsWithTheTrueReasonAndAutoRunsOnTheCp
   GError* error = nullptr;
   GstElement* pipeline = gst_parse_launch(
       "videotestsrc num-buffers=3 ! video/x-raw,format=BGRA,width=32,height=16 ! lumobeautify name=beautify "
-      "engine=gl ! fakesink", &error);
+      "engine=gl ! fakesink",
+      &error);
   ASSERT_NE(pipeline, nullptr) << (error ? error->message : "");
   gst_element_set_state(pipeline, GST_STATE_PLAYING);
   GstBus* bus = gst_element_get_bus(pipeline);

@@ -112,8 +112,9 @@ TEST(PixelBuffer, WrappedMemoryIsReleasedOnce) {
   int released = 0;
   {
     PixelBufferRef buffer;
-    ASSERT_EQ(PixelBuffer::createWithBytes(2, 2, kPixelFormat32BGRA, memory.data(), 32,
-                                           [&](void* bytes) { released += bytes == memory.data(); }, {}, &buffer),
+    ASSERT_EQ(PixelBuffer::createWithBytes(
+                  2, 2, kPixelFormat32BGRA, memory.data(), 32, [&](void* bytes) { released += bytes == memory.data(); },
+                  {}, &buffer),
               kPixelBufferSuccess);
     EXPECT_EQ(buffer->baseAddress(), memory.data());
   }
@@ -256,12 +257,12 @@ TEST_P(TextureCacheGL, RefusesWhatItCannotMap) {
   PixelBufferRef buffer;
   PixelBuffer::create(8, 8, kPixelFormat32BGRA, {}, &buffer);
   TextureRef texture;
-  EXPECT_EQ(cache_->createTextureFromImage(nullptr, GL_TEXTURE_2D, GL_RGBA, 8, 8, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0,
-                                           &texture),
-            kTextureCacheErrorInvalidArgument);
-  EXPECT_EQ(cache_->createTextureFromImage(buffer, GL_TEXTURE_2D, GL_RGBA, 9, 8, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0,
-                                           &texture),
-            kTextureCacheErrorSizeMismatch);
+  EXPECT_EQ(
+      cache_->createTextureFromImage(nullptr, GL_TEXTURE_2D, GL_RGBA, 8, 8, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &texture),
+      kTextureCacheErrorInvalidArgument);
+  EXPECT_EQ(
+      cache_->createTextureFromImage(buffer, GL_TEXTURE_2D, GL_RGBA, 9, 8, GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &texture),
+      kTextureCacheErrorSizeMismatch);
   EXPECT_EQ(cache_->createTextureFromImage(buffer, GL_TEXTURE_2D, GL_RGBA, 8, 8, GL_RGBA, GL_FLOAT, 0, &texture),
             kTextureCacheErrorUnsupported);
   EXPECT_FALSE(texture);
@@ -272,8 +273,8 @@ TEST_P(TextureCacheGL, RefusesWhatItCannotMap) {
   }
   PixelBufferRef huge;
   ASSERT_EQ(PixelBuffer::create(maxSize + 1, 1, kPixelFormat32BGRA, {}, &huge), kPixelBufferSuccess);
-  EXPECT_EQ(cache_->createTextureFromImage(huge, GL_TEXTURE_2D, GL_RGBA, maxSize + 1, 1, GL_BGRA_EXT,
-                                           GL_UNSIGNED_BYTE, 0, &texture),
+  EXPECT_EQ(cache_->createTextureFromImage(huge, GL_TEXTURE_2D, GL_RGBA, maxSize + 1, 1, GL_BGRA_EXT, GL_UNSIGNED_BYTE,
+                                           0, &texture),
             kTextureCacheErrorTooLarge);
 }
 

@@ -87,7 +87,7 @@ TEST(Soak, ChangingFramesThenCreateDestroyCyclesLeaveNothingBehind) {
     PixelBufferRef input;
     for (int i = 0; i < 2000; ++i) {
       if (i % 40 == 0) {
-        filter.enableBeautifying(static_cast<uintptr_t>((i / 40) % 17));  // 16: no known pass
+        filter.enableBeautifying(static_cast<uintptr_t>((i / 40) % 17));     // 16: no known pass
         filter.setCustomizedFilter(static_cast<uintptr_t>((i / 120) % 15));  // 14: out of range
       }
       filter.setPolishStep(1.0f + static_cast<float>(i % 5));
@@ -135,8 +135,8 @@ TEST(Soak, ChangingFramesThenCreateDestroyCyclesLeaveNothingBehind) {
     EXPECT_LT(residentAfter, residentBefore + 16u * 1024 * 1024)
         << "resident memory grew from " << residentBefore << " to " << residentAfter << " bytes";
   }
-  std::printf("soak: 2000 frames (%zu processed), 320 create/render/destroy cycles, RSS %zu -> %zu KiB\n",
-              processed, residentBefore / 1024, residentAfter / 1024);
+  std::printf("soak: 2000 frames (%zu processed), 320 create/render/destroy cycles, RSS %zu -> %zu KiB\n", processed,
+              residentBefore / 1024, residentAfter / 1024);
 }
 
 template <typename Filter>
@@ -264,8 +264,8 @@ TEST(HostileFrames, EachGetsItsDocumentedResultAndTheNextGoodFrameIsProcessed) {
     auto* memory = static_cast<uint8_t*>(std::malloc(good.bgra.size()));
     std::memcpy(memory, good.bgra.data(), good.bgra.size());
     PixelBufferRef borrowed;
-    ASSERT_EQ(PixelBuffer::createWithBytes(80, 60, kPixelFormat32BGRA, memory, 80 * 4,
-                                           [](void* bytes) { std::free(bytes); }, {}, &borrowed),
+    ASSERT_EQ(PixelBuffer::createWithBytes(
+                  80, 60, kPixelFormat32BGRA, memory, 80 * 4, [](void* bytes) { std::free(bytes); }, {}, &borrowed),
               kPixelBufferSuccess);
     const PixelBufferRef output = filter.render(borrowed);
     borrowed.reset();  // the release callback frees the memory now

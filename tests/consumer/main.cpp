@@ -8,9 +8,9 @@
 int main() {
   std::vector<unsigned char> pixels(64 * 48 * 4);
   for (size_t i = 0; i < pixels.size(); i += 4) {
-    pixels[i] = 90;        // B
-    pixels[i + 1] = 120;   // G
-    pixels[i + 2] = 200;   // R
+    pixels[i] = 90;       // B
+    pixels[i + 1] = 120;  // G
+    pixels[i + 2] = 200;  // R
     pixels[i + 3] = 255;
   }
   lumo::PixelBufferRef frame;

@@ -6,9 +6,7 @@
 namespace lumo::reference {
 namespace {
 
-Rgba toRgba(const uint8_t* p) {
-  return {p[2] / 255.0f, p[1] / 255.0f, p[0] / 255.0f, p[3] / 255.0f};
-}
+Rgba toRgba(const uint8_t* p) { return {p[2] / 255.0f, p[1] / 255.0f, p[0] / 255.0f, p[3] / 255.0f}; }
 
 Rgba lerp(const Rgba& a, const Rgba& b, float t) {
   return {a.r + (b.r - a.r) * t, a.g + (b.g - a.g) * t, a.b + (b.b - a.b) * t, a.a + (b.a - a.a) * t};
@@ -157,8 +155,8 @@ Frame sharpen(const Frame& in, float sharpness) {
   const float wf = static_cast<float>(1.0 / in.width);
   const float hf = static_cast<float>(1.0 / in.height);
   return perPixel(in.width, in.height, [&](float s, float t, int, int) {
-    const Rgba c = in.sample(s, t), l = in.sample(s - wf, t), r = in.sample(s + wf, t),
-               top = in.sample(s, t + hf), bottom = in.sample(s, t - hf);
+    const Rgba c = in.sample(s, t), l = in.sample(s - wf, t), r = in.sample(s + wf, t), top = in.sample(s, t + hf),
+               bottom = in.sample(s, t - hf);
     const float centreK = 1.0f + 4.0f * sharpness;
     auto channel = [&](float Rgba::*m) {
       return c.*m * centreK - (l.*m * sharpness + r.*m * sharpness + top.*m * sharpness + bottom.*m * sharpness);
@@ -223,7 +221,7 @@ Frame colorMatrix(const Frame& in, int preset) {
       {{1.0f, 0, 0, 0}, {0, 1.1f, 0, 0}, {0, 0, 1.0f, 0}, {0, 0, 0, 1}},
   };
   static const float kOffsets[13] = {-73.1f, -163.9f, 40.8f, -87.0f, -388.4f, 73.3f, 0.0f,
-                                     0.0f,   63.0f,   64.9f, -31.0f, 46.5f,  -66.6f};
+                                     0.0f,   63.0f,   64.9f, -31.0f, 46.5f,   -66.6f};
   const auto& m = kRows[preset - 1];
   const float offset = kOffsets[preset - 1];
   return perPixel(in.width, in.height, [&](float s, float t, int, int) {

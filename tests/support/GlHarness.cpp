@@ -37,13 +37,7 @@ PixelBufferRef toBuffer(const reference::Frame& frame, bool gpuShareable) {
 
 reference::Frame fromBuffer(const PixelBufferRef& buffer) {
   reference::Frame frame(buffer->width(), buffer->height());
-  buffer->lockBaseAddress(kPixelBufferLockReadOnly);
-  const auto* bytes = static_cast<const uint8_t*>(buffer->baseAddress());
-  for (int y = 0; y < frame.height; ++y) {
-    std::memcpy(frame.at(0, y), bytes + buffer->bytesPerRow() * static_cast<size_t>(y),
-                static_cast<size_t>(frame.width) * 4);
-  }
-  buffer->unlockBaseAddress(kPixelBufferLockReadOnly);
+  copyPixelsOut(buffer, frame.bgra.data(), static_cast<size_t>(frame.width) * 4);
   return frame;
 }
 
@@ -73,14 +67,14 @@ GlHarness::GlHarness() : context_(GLContext::create()) {
   if (!context_) return;
   ContextGuard guard(context_.get());
   TextureCache::create(context_, &cache_);
-  glGenFramebuffers(1, &framebuffer_);
+  framebuffer_.reset(gl::genFramebuffer());
 }
 
 GlHarness::~GlHarness() {
   if (!context_) return;
   ContextGuard guard(context_.get());
   cache_.reset();
-  glDeleteFramebuffers(1, &framebuffer_);
+  framebuffer_.reset();
 }
 
 reference::Frame GlHarness::draw(VideoProcessFilter& filter, const reference::Frame& first,
@@ -90,26 +84,23 @@ reference::Frame GlHarness::draw(VideoProcessFilter& filter, const reference::Fr
   PixelBufferRef in2 = second != nullptr ? toBuffer(*second) : nullptr;
   PixelBufferRef out = toBuffer(reference::Frame(first.width, first.height), true);
   TextureRef t0, t2, target;
-  cache_->createTextureFromImage(in, GL_TEXTURE_2D, GL_RGBA, first.width, first.height, GL_BGRA_EXT,
-                                 GL_UNSIGNED_BYTE, 0, &t0);
+  cache_->createTextureFromImage(in, GL_TEXTURE_2D, GL_RGBA, first.width, first.height, GL_BGRA_EXT, GL_UNSIGNED_BYTE,
+                                 0, &t0);
   if (in2) {
     cache_->createTextureFromImage(in2, GL_TEXTURE_2D, GL_RGBA, second->width, second->height, GL_BGRA_EXT,
                                    GL_UNSIGNED_BYTE, 0, &t2);
   }
-  cache_->createTextureFromImage(out, GL_TEXTURE_2D, GL_RGBA, first.width, first.height, GL_BGRA_EXT,
-                                 GL_UNSIGNED_BYTE, 0, &target);
+  cache_->createTextureFromImage(out, GL_TEXTURE_2D, GL_RGBA, first.width, first.height, GL_BGRA_EXT, GL_UNSIGNED_BYTE,
+                                 0, &target);
   EXPECT_TRUE(t0 && target && (!in2 || t2));
   filter.doChangeFormat(0, first.width, first.height, nullptr);
-  glBindFramebuffer(GL_FRAMEBUFFER, framebuffer_);
+  glBindFramebuffer(GL_FRAMEBUFFER, framebuffer_.get());
   glViewport(0, 0, first.width, first.height);
   glUseProgram(filter.program());
   auto bind = [](GLenum unit, const TextureRef& texture) {
     glActiveTexture(unit);
     glBindTexture(GL_TEXTURE_2D, texture->name());
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    gl::setLinearClampSampling();
   };
   bind(GL_TEXTURE0, t0);
   if (t2) bind(GL_TEXTURE2, t2);

@@ -54,7 +54,7 @@ class GlHarness {
  private:
   std::shared_ptr<GLContext> context_;
   std::shared_ptr<TextureCache> cache_;
-  unsigned framebuffer_ = 0;
+  GlFramebuffer framebuffer_;
 };
 
 // Asserts glGetError() is clean in the current context.
