@@ -65,19 +65,5 @@ TEST(Presets, RowsAndTheErrorLine) {
   EXPECT_EQ(filter.colorOffset().one, 64.9f) << "a rejected index keeps the preset in force";
 }
 
-TEST(Presets, EveryRowKeepsAlpha) {
-  LogCapture capture;
-  VideoProcessCustomizedFilter filter;
-  for (int index = 1; index <= 13; ++index) {
-    filter.setColorMatrix(index);
-    const GPUMatrix4x4& m = filter.colorMatrix();
-    EXPECT_EQ(m.four.one + m.four.two + m.four.three, 0.0f);
-    EXPECT_EQ(m.four.four, 1.0f);
-    EXPECT_EQ(m.one.four + m.two.four + m.three.four, 0.0f);
-    EXPECT_EQ(filter.colorOffset().four, 0.0f);
-    EXPECT_EQ(filter.colorOffset().one, filter.colorOffset().three);
-  }
-}
-
 }  // namespace
 }  // namespace lumo

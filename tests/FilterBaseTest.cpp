@@ -9,20 +9,6 @@
 namespace lumo {
 namespace {
 
-TEST(FilterBase, FreshState) {
-  VideoProcessFilter filter;
-  EXPECT_EQ(filter.imgWidth(), 1);
-  EXPECT_EQ(filter.imgHeight(), 1);
-  EXPECT_EQ(filter.program(), 0u);
-  EXPECT_EQ(filter.vertexShader(), kVideoCapFilterVertexShaderString);
-  EXPECT_TRUE(filter.fragmentShader().empty());
-  EXPECT_EQ(filter.vertices(), (std::array<float, 8>{-1, -1, 1, -1, -1, 1, 1, 1}));
-  EXPECT_EQ(filter.texCoords(), (std::array<float, 8>{0, 0, 1, 0, 0, 1, 1, 1}));
-  EXPECT_EQ(filter.doChangeFormat(77, 640, 480, nullptr), 0);
-  EXPECT_EQ(filter.imgWidth(), 640);
-  EXPECT_EQ(filter.imgHeight(), 480);
-}
-
 TEST(FilterBase, CropCutsTheOverflowingAxis) {
   VideoProcessFilter filter;
   const std::array<float, 8> topFirst{-1, 1, 1, 1, -1, -1, 1, -1};
