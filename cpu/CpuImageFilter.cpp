@@ -47,6 +47,7 @@ struct CpuImageFilter::Scratch {
   std::vector<uint32_t> rows;
   std::vector<float> floatRows;
   std::vector<int> ringRows;
+  float step = 0.0f;  // the polish step of this frame, read once: the padding is sized for it
   int pad = 0;
   size_t rowLength = 0;
   cpu::Tap blurTaps[3];
@@ -139,8 +140,8 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
 
   // Padded rows for the horizontal passes: enough for the widest tap, one row per worker.
-  const float step = polish_step_.load(std::memory_order_relaxed);
-  scratch_->pad = static_cast<int>(std::ceil(std::fabs(4.0f * step))) + 2;
+  scratch_->step = polish_step_.load(std::memory_order_relaxed);
+  scratch_->pad = static_cast<int>(std::ceil(std::fabs(4.0f * scratch_->step))) + 2;
   scratch_->rowLength = static_cast<size_t>(width_) + 2 * static_cast<size_t>(scratch_->pad);
   const size_t workers = static_cast<size_t>(pool_->size());
   if (scratch_->rows.size() < scratch_->rowLength * workers) scratch_->rows.assign(scratch_->rowLength * workers, 0);
@@ -189,7 +190,7 @@ cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::
 
 // Skin in `a`, smoothed back into `a` through `b`.
 void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b) {
-  const float step = polish_step_.load(std::memory_order_relaxed);
+  const float step = scratch_->step;
   cpu::BilateralJob job{};
   job.factor = polish_color_distance_factor_.load(std::memory_order_relaxed);
   job.pad = scratch_->pad;
