@@ -174,7 +174,7 @@ void hammerSettersWhileRendering() {
     if (output != input) ++drawn;
   }
   stop = true;
-  EXPECT_GT(drawn, 20) << "frames drawn while the setters ran";
+  EXPECT_GT(drawn, 0) << "frames drawn while the setters ran";
   a.join();
   b.join();
   // Once the setters are quiet, the next frame is exactly what a fresh facade draws with those settings.
