@@ -16,37 +16,14 @@
 
 #include "ImageIO.h"
 #include "RawStream.h"
+#include "ToolHarness.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using lumo::testing::Outcome;
 
-struct Outcome {
-  int status;
-  std::string err;
-};
-
-class Tool : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("lumo-tool-" + std::to_string(::getpid()) + "-" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  Outcome run(const std::string& arguments) {
-    const std::string errFile = (dir_ / "stderr.txt").string();
-    const std::string command = "cd '" + dir_.string() + "' && '" LUMO_TOOL "' " + arguments + " 2>'" + errFile + "'";
-    const int raw = std::system(command.c_str());
-    std::ifstream in(errFile);
-    std::string err((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, err};
-  }
-  size_t fileCount() { return static_cast<size_t>(std::distance(fs::directory_iterator(dir_), {})); }
-  fs::path dir_;
-};
+class Tool : public lumo::testing::ToolRun {};
 
 TEST_F(Tool, DefaultRunWritesResultAndComparison) {
   const Outcome r = run("");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,10 +16,18 @@ struct Image {
 
 enum class ImageFormat { Png, Jpeg, Unknown };
 
+// What a photo may be: the file's size is checked before it is read, the declared dimensions before the
+// pixels are allocated. 16384 is the GL engine's texture limit; 128 megapixels keep the decoded image, the
+// result and the side-by-side comparison within a few GiB.
+inline constexpr size_t kMaxImageFileBytes = size_t{256} << 20;
+inline constexpr uint32_t kMaxImageSide = 16384;
+inline constexpr uint64_t kMaxImagePixels = uint64_t{1} << 27;
+
 // From the file name's extension: .png, .jpg, .jpeg (any case).
 ImageFormat formatForPath(const std::string& path);
 
-// Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure.
+// Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure. CMYK
+// and YCCK JPEGs (Adobe's inverted CMYK included) are converted.
 bool readImage(const std::string& path, Image* image, std::string* error);
 bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* error);
 
