@@ -216,4 +216,40 @@ TEST_F(ToolSafety, CmykJpegsDecodeToTheirColours) {
   }
 }
 
+TEST_F(ToolSafety, NumbersAreParsedStrictly) {
+  makeInputs();
+  const std::vector<std::pair<std::string, std::string>> bad = {
+      {"--raw 4294967306x10 in.raw -o out.raw", "1..16384"}, {"--raw 10x4294967306 in.raw -o out.raw", "1..16384"},
+      {"--raw 0x8 in.raw -o out.raw", "1..16384"},           {"--raw 16x8x in.raw -o out.raw", "1..16384"},
+      {"--raw ' 16x8' in.raw -o out.raw", "1..16384"},       {"--raw 16x+8 in.raw -o out.raw", "1..16384"},
+      {"--raw 16385x8 in.raw -o out.raw", "1..16384"},       {"--preset 2.5", "0..13"},
+      {"--preset 14", "0..13"},                              {"--preset -1", "0..13"},
+      {"--preset 0x3", "0..13"},                             {"--preset ''", "0..13"},
+      {"--mask 16", "0..15"},                                {"--mask 7abc", "0..15"},
+      {"--mask 99999999999999999999", "0..15"},              {"--mask -1", "0..15"},
+      {"--mask 0x7", "0..15"},                               {"--whiten nan", "0..1"},
+      {"--whiten 1e400", "0..1"},                            {"--whiten 0x1p-1", "0..1"},
+      {"--whiten ' 0.5'", "0..1"},                           {"--sharpen inf", "-1..4"},
+      {"--polish-step 16.5", "0..16"},                       {"--polish-factor 1,5", "0..64"},
+      {"--skin-whiten .", "0..1"},                           {"--skin-whiten 0.5.", "0..1"},
+  };
+  for (const auto& [arguments, range] : bad) {
+    const bool raw = arguments.find("--raw") == 0;
+    const Outcome r = run(arguments + (raw ? "" : " in.png -o out.png"));
+    EXPECT_EQ(r.status, 2) << arguments << ": " << r.err;
+    EXPECT_NE(r.err.find(" in " + range), std::string::npos) << arguments << ": " << r.err;
+    EXPECT_NE(r.err.find(", got '"), std::string::npos) << arguments << ": " << r.err;
+  }
+  EXPECT_EQ(names(), (std::set<std::string>{"in.png", "in.raw", "stderr.txt"})) << "no bad run wrote anything";
+  // Leading zeros are decimal: 010 is whiten + sharpen, not octal 8.
+  ASSERT_EQ(run("in.png --engine cpu --mask 010 -o ten.png").status, 0);
+  ASSERT_EQ(run("in.png --engine cpu --mask whiten,sharpen -o named.png").status, 0);
+  ASSERT_EQ(run("in.png --engine cpu --mask 8 -o eight.png").status, 0);
+  EXPECT_EQ(readFile(dir_ / "ten.png"), readFile(dir_ / "named.png"));
+  EXPECT_NE(readFile(dir_ / "ten.png"), readFile(dir_ / "eight.png"));
+  ASSERT_EQ(run("in.png --engine cpu --whiten 2.5e-1 --preset 07 -o exp.png").status, 0);
+  ASSERT_EQ(run("in.png --engine cpu --whiten 0.25 --preset 7 -o plain.png").status, 0);
+  EXPECT_EQ(readFile(dir_ / "exp.png"), readFile(dir_ / "plain.png"));
+}
+
 }  // namespace

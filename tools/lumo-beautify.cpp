@@ -28,6 +28,7 @@ namespace settings = lumo::settings;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitInterrupted = 130;  // 128 + SIGINT, as shells report it
+constexpr int kMaxRawSide = 16384;
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -82,15 +83,57 @@ void printHelp() {
   std::exit(kExitUsage);
 }
 
-float parseFloat(const std::string& option, const char* text, float low, float high) {
-  char* end = nullptr;
-  errno = 0;
-  const float value = std::strtof(text, &end);
-  if (errno != 0 || end == text || *end != '\0' || !(value >= low && value <= high)) {
-    usageError("option " + option + " wants a number in " + std::to_string(low).substr(0, 4) + ".." +
-               std::to_string(high).substr(0, 4) + ", got '" + text + "'");
+std::string rangeText(double low, double high) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%g..%g", low, high);
+  return text;
+}
+
+// A whole number in decimal digits only: no sign, no base prefix (010 is ten), no spaces, no fraction.
+bool parseWhole(const char* text, long low, long high, long* value) {
+  long number = 0;
+  if (*text == '\0') return false;
+  for (const char* c = text; *c != '\0'; ++c) {
+    if (*c < '0' || *c > '9') return false;
+    number = number * 10 + (*c - '0');
+    if (number > high) return false;  // stops long before a long could wrap
+  }
+  if (number < low) return false;
+  *value = number;
+  return true;
+}
+
+long parseWholeOption(const std::string& option, const char* text, long low, long high) {
+  long value = 0;
+  if (!parseWhole(text, low, high, &value)) {
+    usageError("option " + option + " wants a whole number in " + rangeText(low, high) + ", got '" + text + "'");
   }
   return value;
+}
+
+// Plain decimal notation (1, -0.5, 2.5e-1): no spaces, hexadecimal, inf or nan.
+float parseFloat(const std::string& option, const char* text, float low, float high) {
+  auto digits = [](const char*& c) {
+    const char* start = c;
+    while (*c >= '0' && *c <= '9') ++c;
+    return c - start;
+  };
+  const char* c = text;
+  if (*c == '+' || *c == '-') ++c;
+  auto mantissa = digits(c);
+  if (*c == '.') mantissa += digits(++c);
+  bool valid = mantissa > 0;
+  if (valid && (*c == 'e' || *c == 'E')) {
+    ++c;
+    if (*c == '+' || *c == '-') ++c;
+    valid = digits(c) > 0;
+  }
+  valid = valid && *c == '\0';
+  const double value = valid ? std::strtod(text, nullptr) : 0.0;
+  if (!valid || !(value >= low && value <= high)) {
+    usageError("option " + option + " wants a number in " + rangeText(low, high) + ", got '" + text + "'");
+  }
+  return static_cast<float>(value);
 }
 
 float parseRange(const std::string& option, const char* text, const settings::Range& range) {
@@ -98,11 +141,11 @@ float parseRange(const std::string& option, const char* text, const settings::Ra
 }
 
 long parseMask(const char* text) {
-  char* end = nullptr;
-  const long number = std::strtol(text, &end, 0);
-  if (end != text && *end == '\0') {
-    if (number < 0 || number > settings::kAllPasses) {
-      usageError(std::string("option --mask wants 0..15, got '") + text + "'");
+  if ((*text >= '0' && *text <= '9') || *text == '-' || *text == '+') {
+    long number = 0;
+    if (!parseWhole(text, 0, settings::kAllPasses, &number)) {
+      usageError("option --mask wants a whole number in " + rangeText(0, settings::kAllPasses) +
+                 " or pass names, got '" + text + "'");
     }
     return number;
   }
@@ -120,6 +163,20 @@ long parseMask(const char* text) {
     start = comma + 1;
   }
   return mask;
+}
+
+// WIDTHxHEIGHT, each a whole number in 1..16384.
+void parseRawSize(const char* text, int* width, int* height) {
+  const std::string size = text;
+  const size_t x = size.find('x');
+  long w = 0, h = 0;
+  if (x == std::string::npos || !parseWhole(size.substr(0, x).c_str(), 1, kMaxRawSide, &w) ||
+      !parseWhole(size.substr(x + 1).c_str(), 1, kMaxRawSide, &h)) {
+    usageError("option --raw wants WIDTHxHEIGHT, each a whole number in " + rangeText(1, kMaxRawSide) +
+               ", got '" + size + "'");
+  }
+  *width = static_cast<int>(w);
+  *height = static_cast<int>(h);
 }
 
 Options parse(int argc, char** argv) {
@@ -145,12 +202,7 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--progress") {
       options.progress = true;
     } else if (arg == "--raw") {
-      const char* size = value();
-      char tail = 0;
-      if (std::sscanf(size, "%dx%d%c", &options.rawWidth, &options.rawHeight, &tail) != 2 ||
-          options.rawWidth < 1 || options.rawHeight < 1 || options.rawWidth > 16384 || options.rawHeight > 16384) {
-        usageError(std::string("option --raw wants WIDTHxHEIGHT (1..16384 each), got '") + size + "'");
-      }
+      parseRawSize(value(), &options.rawWidth, &options.rawHeight);
     } else if (arg == "--engine") {
       const char* name = value();
       if (!lumo::tools::parseEngine(name, &options.engine)) {
@@ -159,7 +211,7 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--mask") {
       options.mask = parseMask(value());
     } else if (arg == "--preset") {
-      options.preset = static_cast<long>(parseFloat(arg, value(), 0, settings::kMaxPreset));
+      options.preset = parseWholeOption(arg, value(), 0, settings::kMaxPreset);
     } else if (arg == "--polish-step") {
       options.polishStep = parseRange(arg, value(), settings::kPolishStep);
     } else if (arg == "--polish-factor") {
