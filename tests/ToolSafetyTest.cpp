@@ -146,6 +146,163 @@ std::string manyScanJpeg() {
   return encodeJpeg(64, 64, 1, JCS_GRAYSCALE, JCS_GRAYSCALE, false, samples, scans);
 }
 
+TEST_F(ToolSafety, TemporariesNeverFollowAPlantedLink) {
+  makeInputs();
+  const fs::path victim = dir_ / "victim.txt";
+  writeFile(victim, "precious");
+  fs::create_directories(dir_ / "out");
+  const std::vector<std::pair<std::vector<std::string>, std::string>> runs = {
+      {{"in.png", "--engine", "cpu", "-o", "out/out.png"}, "out/out.png"},
+      {{"--raw", "16x8", "--engine", "cpu", "in.raw", "-o", "out/out.raw"}, "out/out.raw"}};
+  for (const auto& [args, output] : runs) {
+    std::vector<fs::path> planted;
+    // Links to the victim at the names a predictable scheme would pick, planted once the pid is known.
+    const pid_t child = spawn(args, -1, [&](pid_t pid) {
+      for (const std::string& name : {output + ".tmp-" + std::to_string(pid), output + ".tmp", output + "~"}) {
+        fs::create_symlink(victim, dir_ / name);
+        planted.push_back(dir_ / name);
+      }
+    });
+    int status = 0;
+    ASSERT_TRUE(waitFor(child, &status));
+    ASSERT_TRUE(exitedWith(status, 0)) << err();
+    EXPECT_EQ(readFile(victim), "precious") << output << " wrote through a planted link";
+    for (const fs::path& link : planted) {
+      EXPECT_TRUE(fs::is_symlink(link));
+      EXPECT_EQ(fs::read_symlink(link), victim);
+    }
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(dir_ / output)));
+  }
+  EXPECT_EQ(decoded(dir_ / "out/out.png").width, 512);
+  EXPECT_EQ(fs::file_size(dir_ / "out/out.raw"), kFrame * 3);
+  EXPECT_EQ(names(dir_ / "out").size(), 8u) << "two outputs and six planted links, no temporary";
+}
+
+TEST_F(ToolSafety, AnOutputLinkIsKeptAndTheFileItLeadsToReplaced) {
+  makeInputs();
+  fs::create_directories(dir_ / "real");
+  writeFile(dir_ / "real/photo.png", "the old picture");
+  fs::permissions(dir_ / "real/photo.png", fs::perms(0640));
+  fs::create_symlink("real/photo.png", dir_ / "link.png");
+  fs::create_symlink("link.png", dir_ / "chain.png");
+  fs::create_symlink(dir_ / "real/new.png", dir_ / "dangling.png");
+  fs::create_symlink("real/out.raw", dir_ / "link.raw");
+
+  Outcome r = run("in.png --engine cpu -o chain.png");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(fs::read_symlink(dir_ / "chain.png"), "link.png");
+  EXPECT_EQ(fs::read_symlink(dir_ / "link.png"), "real/photo.png");
+  EXPECT_EQ(decoded(dir_ / "real/photo.png").width, 512) << "the file the links lead to holds the result";
+  EXPECT_EQ(modeOf(dir_ / "real/photo.png"), 0640u);
+
+  r = run("in.png --engine cpu --mask 0 -o dangling.png");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(fs::is_symlink(dir_ / "dangling.png"));
+  EXPECT_EQ(decoded(dir_ / "real/new.png").bgra, decoded(dir_ / "in.png").bgra);
+
+  r = run("--raw 16x8 --engine cpu in.raw -o link.raw");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(fs::is_symlink(dir_ / "link.raw"));
+  EXPECT_EQ(fs::file_size(dir_ / "real/out.raw"), kFrame * 3);
+  EXPECT_EQ(names(dir_ / "real"), (std::set<std::string>{"photo.png", "new.png", "out.raw"}));
+}
+
+TEST_F(ToolSafety, NoOutputMayOverwriteAnInput) {
+  makeInputs();
+  fs::copy_file(LUMO_SAMPLE_IMAGE, dir_ / "pic-compare.png");
+  fs::create_hard_link(dir_ / "in.png", dir_ / "hard.png");
+  fs::create_symlink("in.png", dir_ / "alias.png");
+  fs::create_symlink("a.png", dir_ / "a-compare.png");  // the comparison's name leads to the result's
+  const std::map<std::string, std::string> before = snapshot();
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"pic-compare.png -o pic.png --compare", ""},
+      {"in.png -o a.png --compare", ""},
+      {"in.png -o hard.png", ""},
+      {"in.png -o alias.png", ""},
+      {"/dev/stdin -o in.png < in.png", ""},
+      {"--raw 16x8 in.raw -o in.raw", ""},
+      {"--raw 16x8 - -o in.raw < in.raw", ""},
+      {"--raw 16x8 /dev/stdin -o in.raw < in.raw", ""},
+      {"--raw 16x8 in.raw -o - >> in.raw", "timeout 20"},  // appending to its own input would never end
+  };
+  for (const auto& [arguments, prefix] : cases) {
+    const Outcome r = run("--engine cpu " + arguments, prefix);
+    EXPECT_EQ(r.status, 2) << arguments << ": " << r.err;
+    EXPECT_TRUE(r.err.find("refusing to overwrite the input") != std::string::npos ||
+                r.err.find("are the same file") != std::string::npos)
+        << r.err;
+    EXPECT_EQ(snapshot(), before) << arguments << " changed a file";
+  }
+}
+
+TEST_F(ToolSafety, ALinkToStdoutIsWrittenThroughTheDescriptor) {
+  makeInputs();
+  fs::create_symlink("/proc/self/fd/1", dir_ / "so.raw");
+  fs::create_symlink("/dev/stdout", dir_ / "dev.raw");
+  fs::create_symlink("/dev/stdout", dir_ / "shown.png");
+  Outcome r = run("--raw 16x8 --engine cpu in.raw -o so.raw > captured.raw");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::string frames = readFile(dir_ / "captured.raw");
+  EXPECT_EQ(frames.size(), kFrame * 3);
+  writeFile(dir_ / "appended.raw", "HEAD");
+  r = run("--raw 16x8 --engine cpu in.raw -o dev.raw >> appended.raw");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readFile(dir_ / "appended.raw"), "HEAD" + frames) << "written at the descriptor's own offset";
+  r = run("--raw 16x8 --engine cpu in.raw -o so.raw | cat > piped.raw");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(readFile(dir_ / "piped.raw"), frames);
+  r = run("in.png --engine cpu -o shown.png > captured.png");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(decoded(dir_ / "captured.png").width, 512);
+  for (const char* link : {"so.raw", "dev.raw", "shown.png"}) EXPECT_TRUE(fs::is_symlink(dir_ / link)) << link;
+}
+
+TEST_F(ToolSafety, InputsAreCheckedBeforeTheyAreRead) {
+  makeInputs();
+  fs::create_directories(dir_ / "folder.png");
+  Outcome r = run("folder.png -o out.png");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("folder.png: is a directory"), std::string::npos) << r.err;
+  r = run("--raw 16x8 folder.png -o out.raw");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("is a directory"), std::string::npos) << r.err;
+  r = run("/dev/zero -o out.png", "timeout 20");
+  EXPECT_EQ(r.status, 1) << "124: /dev/zero was read";
+  EXPECT_NE(r.err.find("/dev/zero: is a device"), std::string::npos) << r.err;
+  {
+    std::ofstream(dir_ / "big.png");
+    fs::resize_file(dir_ / "big.png", size_t{300} << 20);  // sparse
+  }
+  r = run("big.png -o out.png", "timeout 20");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("is 300 MiB; image files above 256 MiB are refused"), std::string::npos) << r.err;
+  writeFile(dir_ / "empty.png", "");
+  r = run("empty.png -o out.png");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("empty file"), std::string::npos) << r.err;
+  fs::remove(dir_ / "big.png");
+  EXPECT_EQ(names(), (std::set<std::string>{"in.png", "in.raw", "folder.png", "empty.png", "stderr.txt"}));
+
+  // A pipe is still read, to its end.
+  ASSERT_EQ(::mkfifo((dir_ / "pipe.png").c_str(), 0600), 0);
+  std::thread writer([this] {
+    int fd = -1;
+    for (int i = 0; i < 2000 && fd < 0; ++i) {
+      fd = ::open((dir_ / "pipe.png").c_str(), O_WRONLY | O_NONBLOCK);  // ENXIO until the tool opens it
+      if (fd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (fd < 0) return;
+    ::fcntl(fd, F_SETFL, 0);
+    const std::string bytes = readFile(LUMO_SAMPLE_IMAGE);
+    if (::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) ADD_FAILURE();
+    ::close(fd);
+  });
+  r = run("pipe.png --engine cpu --mask 0 -o fromfifo.png", "timeout 30");
+  writer.join();
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(decoded(dir_ / "fromfifo.png").bgra, decoded(dir_ / "in.png").bgra);
+}
+
 TEST_F(ToolSafety, ForgedDimensionsAreRefusedBeforeAllocating) {
   // 16384 x 8192 is within the pixel limit: only the data actually present refuses it.
   writeFile(dir_ / "wide.png", forgedPng(16384, 8192));
@@ -216,6 +373,38 @@ TEST_F(ToolSafety, CmykJpegsDecodeToTheirColours) {
   }
 }
 
+TEST_F(ToolSafety, MessagesNeverReachAnOutput) {
+  makeInputs();
+  ASSERT_EQ(run("--raw 16x8 --engine cpu - -o ref.raw < in.raw").status, 0);
+  ASSERT_EQ(run("in.png --engine cpu -o ref.png").status, 0);
+  // stderr closed: the first file the tool opens would otherwise become descriptor 2.
+  EXPECT_EQ(shell("'" LUMO_TOOL "' --raw 16x8 --engine cpu - -o out.raw < in.raw 2>&-"), 0);
+  EXPECT_EQ(readFile(dir_ / "out.raw"), readFile(dir_ / "ref.raw"));
+  EXPECT_EQ(shell("'" LUMO_TOOL "' in.png --engine cpu -o out.png 2>&-"), 0);
+  EXPECT_EQ(readFile(dir_ / "out.png"), readFile(dir_ / "ref.png"));
+  // stdin closed is an error, not an empty stream.
+  const Outcome r = run("--raw 16x8 --engine cpu - -o none.raw <&-");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("Bad file descriptor"), std::string::npos) << r.err;
+  EXPECT_FALSE(fs::exists(dir_ / "none.raw"));
+}
+
+TEST_F(ToolSafety, AReplacedFileKeepsItsPermissions) {
+  makeInputs();
+  for (const auto& [name, mode] : std::vector<std::pair<std::string, mode_t>>{
+           {"private.png", 0600}, {"shared.png", 0664}, {"readonly.png", 0444}, {"private.raw", 0600}}) {
+    writeFile(dir_ / name, "old");
+    ASSERT_EQ(::chmod((dir_ / name).c_str(), mode), 0);
+    const bool raw = name.find(".raw") != std::string::npos;
+    const Outcome r = run((raw ? "--raw 16x8 --engine cpu in.raw -o " : "in.png --engine cpu -o ") + name);
+    ASSERT_EQ(r.status, 0) << name << ": " << r.err;
+    EXPECT_NE(readFile(dir_ / name), "old");
+    EXPECT_EQ(modeOf(dir_ / name), mode) << name;
+  }
+  EXPECT_EQ(shell("umask 027 && '" LUMO_TOOL "' in.png --engine cpu -o new.png 2>/dev/null"), 0);
+  EXPECT_EQ(modeOf(dir_ / "new.png"), 0640u) << "a new file: 0666 less the umask";
+}
+
 TEST_F(ToolSafety, NumbersAreParsedStrictly) {
   makeInputs();
   const std::vector<std::pair<std::string, std::string>> bad = {
@@ -250,6 +439,150 @@ TEST_F(ToolSafety, NumbersAreParsedStrictly) {
   ASSERT_EQ(run("in.png --engine cpu --whiten 2.5e-1 --preset 07 -o exp.png").status, 0);
   ASSERT_EQ(run("in.png --engine cpu --whiten 0.25 --preset 7 -o plain.png").status, 0);
   EXPECT_EQ(readFile(dir_ / "exp.png"), readFile(dir_ / "plain.png"));
+}
+
+TEST_F(ToolSafety, StopSignalsMidStreamKeepTheCompleteFramesAndNoTemporary) {
+  const size_t frame = 32 * 16 * 4;
+  for (const int sig : {SIGHUP, SIGTERM}) {
+    int input[2];
+    ASSERT_EQ(::pipe2(input, O_CLOEXEC), 0);
+    const pid_t child = spawn({"--raw", "32x16", "--engine", "cpu", "-", "-o", "out.raw"}, input[0]);
+    ::close(input[0]);
+    ASSERT_GT(child, 0);
+    // Five frames and a half, then the producer stalls.
+    const std::string data(frame * 5 + frame / 2, '\x70');
+    ASSERT_EQ(::write(input[1], data.data(), data.size()), static_cast<ssize_t>(data.size()));
+    auto written = [&] {
+      size_t bytes = 0;
+      for (const auto& entry : fs::directory_iterator(dir_)) {
+        if (entry.path().filename() != "stderr.txt") bytes += entry.file_size();
+      }
+      return bytes;
+    };
+    for (int i = 0; i < 600 && written() < frame * 5; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_EQ(written(), frame * 5);
+    ::kill(child, sig);
+    int status = 0;
+    ASSERT_TRUE(waitFor(child, &status));
+    ::close(input[1]);
+    EXPECT_TRUE(exitedWith(status, 128 + sig)) << "signal " << sig << ", wait status " << status;
+    EXPECT_EQ(fs::file_size(dir_ / "out.raw"), frame * 5);
+    EXPECT_NE(err().find("interrupted after 5 complete frames"), std::string::npos) << err();
+    EXPECT_EQ(names(), (std::set<std::string>{"out.raw", "stderr.txt"})) << "signal " << sig;
+    fs::remove(dir_ / "out.raw");
+  }
+}
+
+TEST_F(ToolSafety, AnEarlySignalLeavesNothingBehind) {
+  // SIGTERM at staggered moments of start-up (engine choice, GL context, output creation) with a producer
+  // that never writes: the run ends with no frame, so nothing may be left, not even an empty output.
+  for (const int delay : {0, 1, 2, 5, 10, 20, 40, 80, 160, 320}) {
+    int input[2];
+    ASSERT_EQ(::pipe2(input, O_CLOEXEC), 0);
+    const pid_t child = spawn({"--raw", "32x16", "-", "-o", "out.raw"}, input[0]);
+    ::close(input[0]);
+    ASSERT_GT(child, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    ::kill(child, SIGTERM);
+    int status = 0;
+    const bool ended = waitFor(child, &status);
+    ::close(input[1]);
+    ASSERT_TRUE(ended) << "a SIGTERM after " << delay << " ms did not end the run";
+    EXPECT_TRUE((WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) || exitedWith(status, 128 + SIGTERM))
+        << delay << " ms: wait status " << status;
+    std::set<std::string> left = names();
+    left.erase("stderr.txt");
+    EXPECT_TRUE(left.empty()) << delay << " ms: " << *left.begin() << " left behind";
+    for (const std::string& name : left) fs::remove(dir_ / name);
+  }
+}
+
+TEST_F(ToolSafety, ASignalWhileATemporaryExistsRemovesIt) {
+  makeInputs();
+  const std::set<std::string> known = {"in.png", "in.raw", "stderr.txt", "out.png", "out-compare.png"};
+  int caught = 0;
+  const int signals[] = {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGHUP};
+  for (const int sig : signals) {
+    const pid_t child = spawn({"in.png", "--engine", "cpu", "--compare", "-o", "out.png"});
+    ASSERT_GT(child, 0);
+    // Watch the folder; the moment a name other than the known ones appears (a temporary being written),
+    // send the signal.
+    int status = 0;
+    bool sent = false;
+    while (!sent && ::waitpid(child, &status, WNOHANG) == 0) {
+      for (const std::string& name : names()) {
+        if (known.count(name) == 0) {
+          ::kill(child, sig);
+          sent = true;
+          break;
+        }
+      }
+    }
+    if (sent) {
+      ASSERT_TRUE(waitFor(child, &status));
+    }
+    caught += sent && WIFSIGNALED(status) ? 1 : 0;
+    for (const std::string& name : names()) {
+      EXPECT_EQ(known.count(name), 1u) << name << " left behind by signal " << sig;
+      if (known.count(name) == 0) fs::remove(dir_ / name);
+    }
+    for (const char* output : {"out.png", "out-compare.png"}) {
+      if (fs::exists(dir_ / output)) {
+        EXPECT_GT(decoded(dir_ / output).width, 0) << output << " is not whole";
+      }
+      fs::remove(dir_ / output);
+    }
+  }
+  EXPECT_GT(caught, 0) << "no signal arrived while a temporary existed: the test proved nothing";
+}
+
+TEST_F(ToolSafety, OutOfMemoryIsAnErrorAndLeavesNothing) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "AddressSanitizer reserves more address space than the limit this test sets";
+#else
+  writeFile(dir_ / "in.raw", std::string(64, '\x50'));
+  // A 16384 x 16384 frame needs 1 GiB: more than the 600 MB of address space allowed.
+  const Outcome r = run("--raw 16384x16384 --engine cpu in.raw -o out.raw", "ulimit -v 600000 &&");
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find("lumo-beautify: out of memory"), std::string::npos) << r.err;
+  EXPECT_EQ(names(), (std::set<std::string>{"in.raw", "stderr.txt"}));
+#endif
+}
+
+TEST_F(ToolSafety, OddOutputsFailBeforeAnyWorkAndLeaveNothing) {
+  makeInputs();
+  fs::create_directories(dir_ / "folder.png");
+  const std::string longName(300, 'n');  // above NAME_MAX
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"in.png -o folder.png", "folder.png: Is a directory"},
+      {"--raw 16x8 in.raw -o folder.png", "folder.png: Is a directory"},
+      {"in.png -o missing/out.png", "missing/out.png: No such file or directory"},
+      {"in.png -o " + longName + ".png", "File name too long"},
+      {"--raw 16x8 in.raw -o /proc/version", "/proc/version: is inside /proc or /sys"},
+      {"--raw 16x8 in.raw -o /proc/self/new.raw", "is inside /proc or /sys"},
+  };
+  const std::map<std::string, std::string> before = snapshot();
+  for (const auto& [arguments, message] : cases) {
+    const Outcome r = run("--engine cpu " + arguments);
+    EXPECT_EQ(r.status, 1) << arguments << ": " << r.err;
+    EXPECT_NE(r.err.find(message), std::string::npos) << arguments << ": " << r.err;
+    EXPECT_EQ(r.err.find("engine cpu ("), std::string::npos) << arguments << ": refused only after the work";
+    EXPECT_EQ(snapshot(), before) << arguments;
+  }
+  EXPECT_TRUE(fs::is_empty(dir_ / "folder.png"));
+}
+
+TEST_F(ToolSafety, TwoRunsWritingOneOutputLeaveOneWholeFile) {
+  makeInputs();
+  const pid_t first = spawn({"in.png", "--engine", "cpu", "-o", "out.png"});
+  const pid_t second = spawn({"in.png", "--engine", "cpu", "--mask", "0", "-o", "out.png"});
+  int firstStatus = 0, secondStatus = 0;
+  ASSERT_TRUE(waitFor(first, &firstStatus));
+  ASSERT_TRUE(waitFor(second, &secondStatus));
+  EXPECT_TRUE(exitedWith(firstStatus, 0));
+  EXPECT_TRUE(exitedWith(secondStatus, 0));
+  EXPECT_EQ(decoded(dir_ / "out.png").width, 512);
+  EXPECT_EQ(names(), (std::set<std::string>{"in.png", "in.raw", "out.png", "stderr.txt"}));
 }
 
 }  // namespace

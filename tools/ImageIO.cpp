@@ -7,12 +7,11 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include "SafeFile.h"
 
 namespace lumo::tools {
 namespace {
@@ -243,57 +242,19 @@ bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* er
 }
 
 bool readImage(const std::string& path, Image* image, std::string* error) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    *error = std::strerror(errno);
-    return false;
-  }
-  std::vector<uint8_t> data((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (file.bad()) {
-    *error = "read error";
-    return false;
-  }
-  return decodeImage(data.data(), data.size(), image, error);
+  const int fd = openInput(path, InputUse::Photo, nullptr, error);
+  if (fd < 0) return false;
+  std::vector<uint8_t> data;
+  const bool read = readAll(fd, kMaxImageFileBytes, &data, error);
+  ::close(fd);
+  return read && decodeImage(data.data(), data.size(), image, error);
 }
 
-bool writeImage(const std::string& path, const Image& image, std::string* error) {
-  std::vector<uint8_t> encoded;
-  const ImageFormat format = formatForPath(path);
-  if (format == ImageFormat::Unknown) {
-    *error = "unsupported output format (use .png, .jpg or .jpeg)";
-    return false;
-  }
-  if (!(format == ImageFormat::Png ? encodePng(image, &encoded, error) : encodeJpeg(image, &encoded, error))) {
-    return false;
-  }
-  const bool inPlace = isSpecialFile(path);
-  const std::string temporary = inPlace ? path : path + ".tmp-" + std::to_string(::getpid());
-  std::FILE* file = std::fopen(temporary.c_str(), "wb");
-  if (file == nullptr) {
-    *error = std::strerror(errno);
-    return false;
-  }
-  const bool written = std::fwrite(encoded.data(), 1, encoded.size(), file) == encoded.size();
-  // fsync means nothing on a device or pipe (and fails on some); the flush still reports a full disk.
-  const bool flushed = std::fflush(file) == 0 && (inPlace || ::fsync(fileno(file)) == 0);
-  const int savedErrno = errno;
-  const bool closed = std::fclose(file) == 0;
-  if (!written || !flushed || !closed) {
-    if (!inPlace) std::remove(temporary.c_str());
-    *error = std::strerror(savedErrno != 0 ? savedErrno : EIO);
-    return false;
-  }
-  if (!inPlace && std::rename(temporary.c_str(), path.c_str()) != 0) {
-    *error = std::strerror(errno);
-    std::remove(temporary.c_str());
-    return false;
-  }
-  return true;
-}
-
-bool isSpecialFile(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+bool encodeImage(ImageFormat format, const Image& image, std::vector<uint8_t>* out, std::string* error) {
+  if (format == ImageFormat::Png) return encodePng(image, out, error);
+  if (format == ImageFormat::Jpeg) return encodeJpeg(image, out, error);
+  *error = "unsupported output format (use .png, .jpg or .jpeg)";
+  return false;
 }
 
 }  // namespace lumo::tools

@@ -26,18 +26,13 @@ inline constexpr uint64_t kMaxImagePixels = uint64_t{1} << 27;
 // From the file name's extension: .png, .jpg, .jpeg (any case).
 ImageFormat formatForPath(const std::string& path);
 
-// Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure. CMYK
-// and YCCK JPEGs (Adobe's inverted CMYK included) are converted.
+// Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure. A
+// directory, a device or a file above kMaxImageFileBytes is refused before it is read. CMYK and YCCK JPEGs
+// (Adobe's inverted CMYK included) are converted.
 bool readImage(const std::string& path, Image* image, std::string* error);
 bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* error);
 
-// Encode to the format the name asks for, written to a temporary name and renamed, so that a failure
-// leaves nothing behind. JPEG quality 92.
-// A path that names an existing device, FIFO or socket (/dev/stdout, /dev/full, a named pipe) is written
-// in place instead: it cannot be renamed over, and must never be replaced.
-bool writeImage(const std::string& path, const Image& image, std::string* error);
-
-// True when `path` exists and is not a regular file (nor a link to one).
-bool isSpecialFile(const std::string& path);
+// Encode to a format, JPEG at quality 92.
+bool encodeImage(ImageFormat format, const Image& image, std::vector<uint8_t>* out, std::string* error);
 
 }  // namespace lumo::tools

@@ -8,31 +8,29 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <climits>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "Engine.h"
 #include "ImageIO.h"
 #include "RawStream.h"
+#include "SafeFile.h"
 #include "Settings.h"
 
 namespace {
 
 using lumo::tools::Image;
+using lumo::tools::OutputFile;
 namespace settings = lumo::settings;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
-constexpr int kExitInterrupted = 130;  // 128 + SIGINT, as shells report it
+constexpr int kExitSignalBase = 128;  // 128 + the signal's number, as shells report it
 constexpr int kMaxRawSide = 16384;
-
-volatile std::sig_atomic_t interrupted = 0;
-
-void onInterrupt(int) { interrupted = 1; }
 
 struct Options {
   std::string input;
@@ -283,6 +281,16 @@ bool process(lumo::tools::Engine& filter, std::vector<uint8_t>& frame, int width
   return true;
 }
 
+// The engine made and started with the signals held, so that its threads never take one meant to stop the
+// main thread's read.
+lumo::tools::Engine startEngine(const Options& options) {
+  lumo::tools::SignalsHeld held;
+  lumo::tools::Engine filter = makeEngine(options);
+  configure(filter, options);
+  filter.create();
+  return filter;
+}
+
 std::string withSuffix(const std::string& path, const std::string& suffix, const std::string& extension) {
   const size_t slash = path.find_last_of('/');
   const size_t dot = path.find_last_of('.');
@@ -304,6 +312,35 @@ std::string bundledSample() {
   return LUMO_SOURCE_SAMPLE;
 }
 
+// Closes a descriptor on every way out.
+struct Descriptor {
+  int fd;
+  explicit Descriptor(int descriptor) : fd(descriptor) {}
+  ~Descriptor() {
+    if (fd > STDERR_FILENO) ::close(fd);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+};
+
+int failure(const std::string& name, const std::string& error) {
+  std::fprintf(stderr, "lumo-beautify: %s: %s\n", name.c_str(), error.c_str());
+  return kExitFailure;
+}
+
+// Encodes and writes an image to an opened output; the output stays uncommitted.
+bool writeEncoded(OutputFile& output, const std::string& path, const Image& image, std::string* error) {
+  std::vector<uint8_t> encoded;
+  if (!lumo::tools::encodeImage(lumo::tools::formatForPath(path), image, &encoded, error) || !output.open(error)) {
+    return false;
+  }
+  if (!lumo::tools::writeAll(output.fd(), encoded.data(), encoded.size())) {
+    *error = std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
 int runPhoto(Options options) {
   const bool sampleRun = options.input.empty();
   if (sampleRun) {
@@ -311,104 +348,112 @@ int runPhoto(Options options) {
     if (options.output.empty()) options.output = "astronaut-beautified.png";
     options.compare = true;
   }
+  if (options.input == "-" && options.output.empty()) usageError("a photo read from stdin needs -o OUT");
   if (options.output.empty()) options.output = withSuffix(options.input, "-beautified", extensionOf(options.input));
   if (lumo::tools::formatForPath(options.output) == lumo::tools::ImageFormat::Unknown) {
     usageError("unsupported output format '" + options.output + "' (use .png, .jpg or .jpeg)");
   }
-  char inputReal[PATH_MAX], outputReal[PATH_MAX];
-  if (::realpath(options.input.c_str(), inputReal) != nullptr &&
-      ::realpath(options.output.c_str(), outputReal) != nullptr && std::strcmp(inputReal, outputReal) == 0) {
-    usageError("refusing to overwrite the input '" + options.input + "'");
-  }
-  Image image;
   std::string error;
-  if (!lumo::tools::readImage(options.input, &image, &error)) {
-    std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.input.c_str(), error.c_str());
-    return kExitFailure;
+  lumo::tools::FileId inputId;
+  const Descriptor in(lumo::tools::openInput(options.input, lumo::tools::InputUse::Photo, &inputId, &error));
+  if (in.fd < 0) return failure(options.input, error);
+
+  // Every output is checked against the input and each other before anything is read or written.
+  OutputFile result, side;
+  const std::string comparePath = withSuffix(options.output, "-compare", extensionOf(options.output));
+  if (!result.resolve(options.output, &error)) return failure(options.output, error);
+  if (result.overwrites(inputId)) {
+    usageError("refusing to overwrite the input '" + options.input + "' with '" + options.output + "'");
   }
-  lumo::tools::Engine filter = makeEngine(options);
-  configure(filter, options);
-  filter.create();
-  Image result{image.width, image.height, {}};
-  const bool ok = process(filter, image.bgra, image.width, image.height, result.bgra);
+  if (options.compare) {
+    if (!side.resolve(comparePath, &error)) return failure(comparePath, error);
+    if (side.overwrites(inputId)) {
+      usageError("refusing to overwrite the input '" + options.input + "' with the comparison '" + comparePath + "'");
+    }
+    if (side.sameTarget(result)) {
+      usageError("the comparison '" + comparePath + "' and the result '" + options.output + "' are the same file");
+    }
+  }
+
+  std::vector<uint8_t> data;
+  Image image;
+  if (!lumo::tools::readAll(in.fd, lumo::tools::kMaxImageFileBytes, &data, &error) ||
+      !lumo::tools::decodeImage(data.data(), data.size(), &image, &error)) {
+    return failure(options.input, error);
+  }
+  data = {};
+  lumo::tools::Engine filter = startEngine(options);
+  Image after{image.width, image.height, {}};
+  const bool drawn = process(filter, image.bgra, image.width, image.height, after.bgra);
   filter.destroy();
-  if (!ok) {
-    std::fprintf(stderr, "lumo-beautify: %s: the frame could not be processed (no GL context?)\n",
-                 options.input.c_str());
-    return kExitFailure;
+  if (!drawn) return failure(options.input, "the frame could not be processed (no GL context?)");
+
+  // Both files are written completely before either replaces anything.
+  if (!writeEncoded(result, options.output, after, &error)) return failure(options.output, error);
+  if (options.compare) {
+    Image both{image.width * 2, image.height, std::vector<uint8_t>(image.bgra.size() * 2)};
+    const size_t row = static_cast<size_t>(image.width) * 4;
+    for (size_t y = 0; y < static_cast<size_t>(image.height); ++y) {
+      std::memcpy(&both.bgra[2 * row * y], &image.bgra[row * y], row);
+      std::memcpy(&both.bgra[2 * row * y + row], &after.bgra[row * y], row);
+    }
+    if (!writeEncoded(side, comparePath, both, &error)) return failure(comparePath, error);
   }
-  if (!lumo::tools::writeImage(options.output, result, &error)) {
-    std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), error.c_str());
-    return kExitFailure;
-  }
+  if (!result.commit(&error)) return failure(options.output, error);
   std::fprintf(stderr, "lumo-beautify: wrote %s (%dx%d)\n", options.output.c_str(), image.width, image.height);
   if (options.compare) {
-    Image side{image.width * 2, image.height, std::vector<uint8_t>(image.bgra.size() * 2)};
-    const size_t row = static_cast<size_t>(image.width) * 4;
-    for (int y = 0; y < image.height; ++y) {
-      std::memcpy(&side.bgra[2 * row * y], &image.bgra[row * y], row);
-      std::memcpy(&side.bgra[2 * row * y + row], &result.bgra[row * y], row);
-    }
-    const std::string comparePath = withSuffix(options.output, "-compare", extensionOf(options.output));
-    if (!lumo::tools::writeImage(comparePath, side, &error)) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", comparePath.c_str(), error.c_str());
-      return kExitFailure;
-    }
+    if (!side.commit(&error)) return failure(comparePath, error);
     std::fprintf(stderr, "lumo-beautify: wrote %s (before | after)\n", comparePath.c_str());
   }
   return 0;
 }
 
+const char* signalName(int sig) {
+  switch (sig) {
+    case SIGINT: return "SIGINT";
+    case SIGTERM: return "SIGTERM";
+    case SIGHUP: return "SIGHUP";
+    default: return "a signal";
+  }
+}
+
 int runStream(const Options& options) {
-  const int in = options.input == "-" ? STDIN_FILENO : ::open(options.input.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) {
-    std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.input.c_str(), std::strerror(errno));
-    return kExitFailure;
-  }
-  std::string temporary;
-  int out = STDOUT_FILENO;
-  if (options.output != "-" && lumo::tools::isSpecialFile(options.output)) {
-    out = ::open(options.output.c_str(), O_WRONLY | O_CLOEXEC);  // a device or FIFO: written in place
-    if (out < 0) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
-      return kExitFailure;
-    }
-  } else if (options.output != "-") {
-    temporary = options.output + ".tmp-" + std::to_string(::getpid());
-    out = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (out < 0) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
-      return kExitFailure;
-    }
-  }
-  auto fail = [&](const std::string& message) {
-    if (!message.empty()) std::fprintf(stderr, "lumo-beautify: %s\n", message.c_str());
-    if (!temporary.empty()) {
-      ::close(out);
-      ::unlink(temporary.c_str());
-    }
-    return kExitFailure;
+  // SIGINT, SIGTERM and SIGHUP end the stream after the frame in hand: every frame written is complete, and
+  // a regular output file keeps them. A read waiting for data returns at once (no SA_RESTART).
+  lumo::tools::enableGracefulStop();
+  const volatile std::sig_atomic_t* stop = lumo::tools::stopRequested();
+  // Opening a FIFO waits for its other end; a stop signal meanwhile is a stop, not an error.
+  auto failedToOpen = [&](const std::string& name, const std::string& error) {
+    if (*stop == 0) return failure(name, error);
+    std::fprintf(stderr, "lumo-beautify: interrupted before the first frame (%s)\n", signalName(*stop));
+    return kExitSignalBase + *stop;
   };
+  std::string error;
+  lumo::tools::FileId inputId;
+  const Descriptor in(lumo::tools::openInput(options.input, lumo::tools::InputUse::Stream, &inputId, &error));
+  if (in.fd < 0) return failedToOpen(options.input, error);
+  OutputFile out;
+  if (!out.resolve(options.output, &error)) return failure(options.output, error);
+  if (out.overwrites(inputId)) {
+    usageError("refusing to overwrite the input '" + options.input + "' with '" + options.output + "'");
+  }
+  if (!out.open(&error)) return failedToOpen(options.output, error);
+
   const bool showProgress = options.progress || ::isatty(STDERR_FILENO) != 0;
   const size_t frameBytes = static_cast<size_t>(options.rawWidth) * static_cast<size_t>(options.rawHeight) * 4;
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
-  lumo::tools::Engine filter = makeEngine(options);
-  configure(filter, options);
-  filter.create();
+  lumo::tools::Engine filter = startEngine(options);
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
-  // Ctrl-C ends the stream after the frame in hand: every frame written is complete, and a regular output
-  // file keeps them. No SA_RESTART, so a read waiting for data returns at once.
-  struct sigaction action {};
-  action.sa_handler = onInterrupt;
-  sigemptyset(&action.sa_mask);
-  ::sigaction(SIGINT, &action, nullptr);
-  ::sigaction(SIGTERM, &action, nullptr);
+  auto fail = [&](const std::string& message) {
+    std::fprintf(stderr, "lumo-beautify: %s\n", message.c_str());
+    return kExitFailure;
+  };
   for (;;) {
-    if (interrupted != 0) break;
+    if (*stop != 0) break;
     size_t got = 0;
-    const lumo::tools::ReadResult read = lumo::tools::readFrame(in, frame.data(), frameBytes, &got, &interrupted);
+    const lumo::tools::ReadResult read = lumo::tools::readFrame(in.fd, frame.data(), frameBytes, &got, stop);
     if (read == lumo::tools::ReadResult::End || read == lumo::tools::ReadResult::Interrupted) break;
     if (read == lumo::tools::ReadResult::Error) {
       status = fail(options.input + ": " + std::strerror(errno));
@@ -425,7 +470,7 @@ int runStream(const Options& options) {
       break;
     }
     millis.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
-    if (!lumo::tools::writeAll(out, result.data(), result.size())) {
+    if (!lumo::tools::writeAll(out.fd(), result.data(), result.size())) {
       if (errno == EPIPE) break;  // the reader went away: stop quietly
       status = fail(options.output + ": " + std::strerror(errno));
       break;
@@ -437,16 +482,17 @@ int runStream(const Options& options) {
   }
   filter.destroy();
   if (showProgress) std::fputc('\n', stderr);
-  if (interrupted != 0 && status == 0) {
-    std::fprintf(stderr, "lumo-beautify: interrupted after %zu complete frames\n", millis.size());
-    status = kExitInterrupted;
+  const bool failed = status != 0;
+  const int stoppedBy = *stop;
+  if (stoppedBy != 0 && !failed) {
+    std::fprintf(stderr, "lumo-beautify: interrupted after %zu complete frames (%s)\n", millis.size(),
+                 signalName(stoppedBy));
+    status = kExitSignalBase + stoppedBy;
   }
-  if (!temporary.empty() && (status == 0 || status == kExitInterrupted)) {
-    if (::fsync(out) != 0 || ::close(out) != 0 || ::rename(temporary.c_str(), options.output.c_str()) != 0) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
-      ::unlink(temporary.c_str());
-      status = kExitFailure;
-    }
+  if (failed || (stoppedBy != 0 && millis.empty())) {
+    out.discard();  // a failed stream, or one stopped before its first frame: the old file stays as it was
+  } else if (!out.commit(&error)) {
+    status = failure(options.output, error);
   }
   std::vector<double> sorted = millis;
   std::sort(sorted.begin(), sorted.end());
@@ -461,7 +507,16 @@ int runStream(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);  // a closed output pipe shows up as EPIPE and ends the stream quietly
-  const Options options = parse(argc, argv);
-  return options.rawWidth > 0 ? runStream(options) : runPhoto(options);
+  // Before anything is opened: no file may become stdout or stderr, and no temporary may exist unguarded.
+  lumo::tools::ensureStandardDescriptors();
+  lumo::tools::installSignalHandlers();
+  try {
+    const Options options = parse(argc, argv);
+    return options.rawWidth > 0 ? runStream(options) : runPhoto(options);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "lumo-beautify: out of memory\n");
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "lumo-beautify: %s\n", e.what());
+  }
+  return kExitFailure;  // the outputs' destructors have removed their temporaries
 }
