@@ -549,6 +549,23 @@ TEST_F(ToolSafety, OutOfMemoryIsAnErrorAndLeavesNothing) {
 #endif
 }
 
+TEST_F(ToolSafety, TheDefaultOutputNameFollowsTheFileNameOnly) {
+  fs::create_directories(dir_ / "dir.v2");
+  fs::copy_file(LUMO_SAMPLE_IMAGE, dir_ / "dir.v2/photo");
+  fs::copy_file(LUMO_SAMPLE_IMAGE, dir_ / "dir.v2/photo.jpg");  // named JPEG, read by content
+  fs::copy_file(LUMO_SAMPLE_IMAGE, dir_ / "dir.v2/scan.webp");
+  Outcome r = run("dir.v2/photo --engine cpu --compare");
+  ASSERT_EQ(r.status, 0) << r.err;
+  r = run("dir.v2/photo.jpg --engine cpu");
+  ASSERT_EQ(r.status, 0) << r.err;
+  r = run("dir.v2/scan.webp --engine cpu");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(names(dir_ / "dir.v2"),
+            (std::set<std::string>{"photo", "photo.jpg", "scan.webp", "photo-beautified.png",
+                                   "photo-beautified-compare.png", "photo-beautified.jpg", "scan-beautified.png"}));
+  EXPECT_EQ(names(), (std::set<std::string>{"dir.v2", "stderr.txt"}));
+}
+
 TEST_F(ToolSafety, OddOutputsFailBeforeAnyWorkAndLeaveNothing) {
   makeInputs();
   fs::create_directories(dir_ / "folder.png");

@@ -291,18 +291,30 @@ lumo::tools::Engine startEngine(const Options& options) {
   return filter;
 }
 
-std::string withSuffix(const std::string& path, const std::string& suffix, const std::string& extension) {
+// Where the extension starts: a dot in the last part of the path, not its first character (".profile" has
+// none, and "dir.v2/photo" none either). npos without one.
+size_t extensionDot(const std::string& path) {
   const size_t slash = path.find_last_of('/');
+  const size_t start = slash == std::string::npos ? 0 : slash + 1;
   const size_t dot = path.find_last_of('.');
-  const std::string stem = dot != std::string::npos && (slash == std::string::npos || dot > slash)
-                               ? path.substr(0, dot)
-                               : path;
-  return stem + suffix + extension;
+  return dot != std::string::npos && dot > start ? dot : std::string::npos;
+}
+
+std::string withSuffix(const std::string& path, const std::string& suffix, const std::string& extension) {
+  const size_t dot = extensionDot(path);
+  return (dot == std::string::npos ? path : path.substr(0, dot)) + suffix + extension;
 }
 
 std::string extensionOf(const std::string& path) {
-  const size_t dot = path.find_last_of('.');
+  const size_t dot = extensionDot(path);
   return dot == std::string::npos ? ".png" : path.substr(dot);
+}
+
+// IN's name with -beautified, in IN's format when it names one, PNG otherwise.
+std::string defaultOutput(const std::string& input) {
+  const std::string extension = extensionOf(input);
+  const bool known = lumo::tools::formatForPath(extension) != lumo::tools::ImageFormat::Unknown;
+  return withSuffix(input, "-beautified", known ? extension : ".png");
 }
 
 std::string bundledSample() {
@@ -349,7 +361,7 @@ int runPhoto(Options options) {
     options.compare = true;
   }
   if (options.input == "-" && options.output.empty()) usageError("a photo read from stdin needs -o OUT");
-  if (options.output.empty()) options.output = withSuffix(options.input, "-beautified", extensionOf(options.input));
+  if (options.output.empty()) options.output = defaultOutput(options.input);
   if (lumo::tools::formatForPath(options.output) == lumo::tools::ImageFormat::Unknown) {
     usageError("unsupported output format '" + options.output + "' (use .png, .jpg or .jpeg)");
   }
