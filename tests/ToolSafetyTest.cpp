@@ -549,6 +549,36 @@ TEST_F(ToolSafety, OutOfMemoryIsAnErrorAndLeavesNothing) {
 #endif
 }
 
+TEST_F(ToolSafety, AFrameTheEngineLeavesUndrawnIsDrawnByTheCpuEngine) {
+  // The GL engine hands a 1 x 1 frame back undrawn.
+  const Image one{1, 1, {100, 120, 160, 255}};
+  std::vector<uint8_t> png;
+  std::string error;
+  ASSERT_TRUE(lumo::tools::encodeImage(lumo::tools::ImageFormat::Png, one, &png, &error)) << error;
+  writeFile(dir_ / "one.png", std::string(png.begin(), png.end()));
+  const std::string pixel(one.bgra.begin(), one.bgra.end());
+  writeFile(dir_ / "one.raw", pixel + pixel + pixel);
+
+  Outcome r = run("one.png --engine gl -o gl.png");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("the CPU engine draws it"), std::string::npos) << r.err;
+  ASSERT_EQ(run("one.png --engine cpu -o cpu.png").status, 0);
+  EXPECT_NE(decoded(dir_ / "cpu.png").bgra, one.bgra) << "the default passes change this pixel";
+  EXPECT_EQ(decoded(dir_ / "gl.png").bgra, decoded(dir_ / "cpu.png").bgra);
+
+  r = run("--raw 1x1 --engine gl one.raw -o gl.raw");
+  ASSERT_EQ(r.status, 0) << r.err;
+  ASSERT_EQ(run("--raw 1x1 --engine cpu one.raw -o cpu.raw").status, 0);
+  EXPECT_EQ(readFile(dir_ / "gl.raw"), readFile(dir_ / "cpu.raw"));
+  EXPECT_NE(readFile(dir_ / "gl.raw"), readFile(dir_ / "one.raw"));
+
+  // With no pass enabled the input back is the right answer.
+  r = run("one.png --engine gl --mask 0 -o same.png");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.err.find("CPU engine draws"), std::string::npos) << r.err;
+  EXPECT_EQ(decoded(dir_ / "same.png").bgra, one.bgra);
+}
+
 TEST_F(ToolSafety, TheDefaultOutputNameFollowsTheFileNameOnly) {
   fs::create_directories(dir_ / "dir.v2");
   fs::copy_file(LUMO_SAMPLE_IMAGE, dir_ / "dir.v2/photo");

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -246,7 +247,8 @@ lumo::tools::Engine makeEngine(const Options& options) {
   return lumo::tools::Engine(kind);
 }
 
-void configure(lumo::tools::Engine& filter, const Options& options) {
+template <typename Filter>
+void configure(Filter& filter, const Options& options) {
   filter.enableBeautifying(static_cast<uintptr_t>(options.mask));
   filter.setCustomizedFilter(static_cast<uintptr_t>(options.preset));
   filter.setPolishStep(options.polishStep);
@@ -267,15 +269,34 @@ void copyOut(const lumo::PixelBufferRef& result, uint8_t* packed) {
   result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
 }
 
-bool process(lumo::tools::Engine& filter, std::vector<uint8_t>& frame, int width, int height,
-             std::vector<uint8_t>& out) {
+// Draws one frame into `out` (packed BGRA). An engine that hands back the very input although the settings
+// enable a pass has not drawn it (the GL engine does so with a 1 x 1 frame): the CPU engine draws that frame
+// instead, said once on stderr. False with the reason when no engine drew it.
+bool process(lumo::tools::Engine& filter, std::unique_ptr<lumo::CpuImageFilter>& fallback, const Options& options,
+             std::vector<uint8_t>& frame, int width, int height, std::vector<uint8_t>& out, std::string* why) {
   lumo::PixelBufferRef input;
   if (lumo::PixelBuffer::createWithBytes(width, height, lumo::kPixelFormat32BGRA, frame.data(),
                                          static_cast<size_t>(width) * 4, nullptr, {}, &input) != 0) {
+    *why = "the frame could not be wrapped in a pixel buffer";
     return false;
   }
-  const lumo::PixelBufferRef result = filter.render(input);
-  if (!result) return false;
+  const bool drawsSomething = options.mask != 0 || options.preset != 0;
+  lumo::PixelBufferRef result = filter.render(input);
+  if (result && result == input && drawsSomething) {
+    if (!fallback) {
+      std::fprintf(stderr, "lumo-beautify: the engine returned a %dx%d frame undrawn; the CPU engine draws it\n",
+                   width, height);
+      lumo::tools::SignalsHeld held;  // its worker threads leave signals to the main thread
+      fallback = std::make_unique<lumo::CpuImageFilter>();
+      configure(*fallback, options);
+      fallback->create();
+    }
+    result = fallback->render(input);
+  }
+  if (!result || (result == input && drawsSomething)) {
+    *why = "no engine drew it (no GL context?)";
+    return false;
+  }
   out.resize(frame.size());
   copyOut(result, out.data());
   return true;
@@ -395,10 +416,12 @@ int runPhoto(Options options) {
   }
   data = {};
   lumo::tools::Engine filter = startEngine(options);
+  std::unique_ptr<lumo::CpuImageFilter> fallback;
   Image after{image.width, image.height, {}};
-  const bool drawn = process(filter, image.bgra, image.width, image.height, after.bgra);
+  const bool drawn = process(filter, fallback, options, image.bgra, image.width, image.height, after.bgra, &error);
   filter.destroy();
-  if (!drawn) return failure(options.input, "the frame could not be processed (no GL context?)");
+  if (fallback) fallback->destroy();
+  if (!drawn) return failure(options.input, "the picture could not be processed: " + error);
 
   // Both files are written completely before either replaces anything.
   if (!writeEncoded(result, options.output, after, &error)) return failure(options.output, error);
@@ -456,6 +479,7 @@ int runStream(const Options& options) {
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
   lumo::tools::Engine filter = startEngine(options);
+  std::unique_ptr<lumo::CpuImageFilter> fallback;
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
   auto fail = [&](const std::string& message) {
@@ -477,8 +501,8 @@ int runStream(const Options& options) {
       break;
     }
     const auto begin = std::chrono::steady_clock::now();
-    if (!process(filter, frame, options.rawWidth, options.rawHeight, result)) {
-      status = fail("frame " + std::to_string(millis.size() + 1) + " could not be processed");
+    if (!process(filter, fallback, options, frame, options.rawWidth, options.rawHeight, result, &error)) {
+      status = fail("frame " + std::to_string(millis.size() + 1) + " could not be processed: " + error);
       break;
     }
     millis.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
@@ -493,6 +517,7 @@ int runStream(const Options& options) {
     }
   }
   filter.destroy();
+  if (fallback) fallback->destroy();
   if (showProgress) std::fputc('\n', stderr);
   const bool failed = status != 0;
   const int stoppedBy = *stop;
