@@ -632,4 +632,13 @@ TEST_F(ToolSafety, TwoRunsWritingOneOutputLeaveOneWholeFile) {
   EXPECT_EQ(names(), (std::set<std::string>{"in.png", "in.raw", "out.png", "stderr.txt"}));
 }
 
+TEST_F(ToolSafety, TheInstalledToolStartsFromItsPrefix) {
+  const fs::path prefix = dir_ / "prefix";
+  ASSERT_EQ(shell("'" LUMO_CMAKE "' --install '" LUMO_BUILD_DIR "' --prefix '" + prefix.string() + "' >/dev/null"), 0);
+  // No LD_LIBRARY_PATH: the tool finds the library beside it through its run path.
+  EXPECT_EQ(shell("env -u LD_LIBRARY_PATH '" + (prefix / "bin/lumo-beautify").string() + "' --version >version.txt 2>&1"),
+            0);
+  EXPECT_EQ(readFile(dir_ / "version.txt").rfind("lumo-beautify ", 0), 0u) << readFile(dir_ / "version.txt");
+}
+
 }  // namespace
