@@ -16,37 +16,14 @@
 
 #include "ImageIO.h"
 #include "RawStream.h"
+#include "ToolHarness.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using lumo::testing::Outcome;
 
-struct Outcome {
-  int status;
-  std::string err;
-};
-
-class Tool : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() / ("lumo-tool-" + std::to_string(::getpid()) + "-" +
-                                        ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  Outcome run(const std::string& arguments) {
-    const std::string errFile = (dir_ / "stderr.txt").string();
-    const std::string command = "cd '" + dir_.string() + "' && '" LUMO_TOOL "' " + arguments + " 2>'" + errFile + "'";
-    const int raw = std::system(command.c_str());
-    std::ifstream in(errFile);
-    std::string err((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, err};
-  }
-  size_t fileCount() { return static_cast<size_t>(std::distance(fs::directory_iterator(dir_), {})); }
-  fs::path dir_;
-};
+class Tool : public lumo::testing::ToolRun {};
 
 TEST_F(Tool, DefaultRunWritesResultAndComparison) {
   const Outcome r = run("");
@@ -114,7 +91,8 @@ TEST_F(Tool, RawStreamWritesCompleteFramesThenReportsATruncatedOne) {
 
 TEST_F(Tool, ClosedOutputPipeEndsQuietly) {
   // The tool's own status, through bash's PIPESTATUS.
-  const std::string command = "bash -c \"'" LUMO_TOOL "' --raw 64x64 /dev/zero -o - 2>/dev/null | head -c 100 "
+  const std::string command = "bash -c \"'" LUMO_TOOL
+                              "' --raw 64x64 /dev/zero -o - 2>/dev/null | head -c 100 "
                               ">/dev/null; exit \\${PIPESTATUS[0]}\"";
   const int raw = std::system(command.c_str());
   EXPECT_TRUE(WIFEXITED(raw));
@@ -203,11 +181,11 @@ TEST_F(Tool, InterruptMidStreamKeepsTheCompleteFramesAndExitsCleanly) {
   // Five frames and a half, then the producer stalls in the middle of frame six.
   const std::string data(frame * 5 + frame / 2, '\x70');
   ASSERT_TRUE(lumo::tools::writeAll(input[1], reinterpret_cast<const uint8_t*>(data.data()), data.size()));
-  // Wait until the five complete frames are out (the tool writes to a temporary name until it ends).
+  // Wait until the five complete frames are out (the tool writes to a hidden temporary until it ends).
   auto written = [&] {
     size_t bytes = 0;
     for (const auto& entry : fs::directory_iterator(dir_)) {
-      if (entry.path().filename().string().rfind("out.raw", 0) == 0) bytes += entry.file_size();
+      if (entry.path().filename() != "stderr.txt") bytes += entry.file_size();
     }
     return bytes;
   };
@@ -232,7 +210,8 @@ TEST(RawReader, FramesSplitAcrossShortReads) {
   std::thread writer([fd = fds[1]] {
     std::string data(1000, 'a');
     for (size_t at = 0; at < data.size(); at += 37) {
-      lumo::tools::writeAll(fd, reinterpret_cast<const uint8_t*>(data.data()) + at, std::min<size_t>(37, data.size() - at));
+      lumo::tools::writeAll(fd, reinterpret_cast<const uint8_t*>(data.data()) + at,
+                            std::min<size_t>(37, data.size() - at));
       std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     ::close(fd);

@@ -7,12 +7,11 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 
-#include <sys/stat.h>
 #include <unistd.h>
+
+#include "SafeFile.h"
 
 namespace lumo::tools {
 namespace {
@@ -22,7 +21,24 @@ bool hasSuffix(std::string text, const std::string& suffix) {
   return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
-constexpr size_t kMaxPixels = size_t{1} << 28;  // 16384 x 16384: refuse absurd headers before allocating
+std::string dimensions(uint64_t width, uint64_t height) { return std::to_string(width) + "x" + std::to_string(height); }
+
+// Sides and pixel count within the limits; false with the reason otherwise.
+bool withinLimits(const char* format, uint64_t width, uint64_t height, std::string* error) {
+  if (width == 0 || height == 0 || width > kMaxImageSide || height > kMaxImageSide ||
+      width * height > kMaxImagePixels) {
+    *error = std::string(format) + " of " + dimensions(width, height) + " is above the limit (" +
+             std::to_string(kMaxImageSide) + " a side, " + std::to_string(kMaxImagePixels >> 20) + " Mi pixels)";
+    return false;
+  }
+  return true;
+}
+
+// Deflate codes at most 258 bytes with one length/distance pair, which takes at least two bits, so a zlib
+// stream never inflates more than 1032:1. A PNG's filtered rows (a filter byte and the packed samples each)
+// therefore need at least 1/1032 of their size in compressed bytes. This is the format's own bound, not a
+// guess about photos: a file smaller than that cannot hold the rows its header declares.
+constexpr uint64_t kDeflateMaxRatio = 1032;
 
 bool decodePng(const uint8_t* data, size_t size, Image* image, std::string* error) {
   png_image png;
@@ -32,9 +48,18 @@ bool decodePng(const uint8_t* data, size_t size, Image* image, std::string* erro
     *error = std::string("not a readable PNG (") + png.message + ")";
     return false;
   }
-  if (static_cast<size_t>(png.width) * png.height > kMaxPixels) {
+  if (!withinLimits("PNG", png.width, png.height, error)) {
     png_image_free(&png);
-    *error = "PNG too large";
+    return false;
+  }
+  // IHDR follows the signature (libpng has checked it): bit depth at byte 24, colour type at 25.
+  static const int kChannels[7] = {1, 0, 3, 1, 2, 0, 4};
+  const uint64_t bitsPerPixel = static_cast<uint64_t>(data[24]) * (data[25] < 7 ? kChannels[data[25]] : 4);
+  const uint64_t rows = (static_cast<uint64_t>(png.width) * bitsPerPixel + 7) / 8 + 1;
+  if (rows * png.height > kDeflateMaxRatio * size) {
+    *error = "PNG declares " + dimensions(png.width, png.height) + " pixels, more than its " + std::to_string(size) +
+             " bytes can hold (truncated or forged)";
+    png_image_free(&png);
     return false;
   }
   png.format = PNG_FORMAT_BGRA;
@@ -67,9 +92,40 @@ void jpegWarning(j_common_ptr info, int level) {
   if (level < 0) jpegErrorExit(info);
 }
 
+// A Huffman-coded JPEG spends at least one bit on every 8 x 8 block of every component (the DC difference,
+// and a baseline scan an end-of-block code too), so it holds at most 512 pixels per byte; photographs hold
+// fewer than 100 (0.1 bit a pixel is a very flat picture already). 2048 leaves room for arithmetic coding's
+// flat areas and still refuses a few hundred bytes that declare a gigapixel.
+constexpr uint64_t kJpegMaxPixelsPerByte = 2048;
+// Real progressive files have about ten scans; thousands of tiny ones would each sweep the whole image.
+constexpr int kJpegMaxScans = 500;
+
+void jpegProgress(j_common_ptr info) {
+  auto* decompress = reinterpret_cast<j_decompress_ptr>(info);
+  if (decompress->input_scan_number > kJpegMaxScans) {
+    auto* error = reinterpret_cast<JpegError*>(info->err);
+    std::snprintf(error->message, sizeof error->message, "more than %d scans", kJpegMaxScans);
+    std::longjmp(error->jump, 1);
+  }
+}
+
+// CMYK to BGRA in place. Adobe's files (an APP14 marker) store the inks inverted, 255 meaning none.
+void cmykToBgra(uint8_t* row, size_t pixels, bool inverted) {
+  for (size_t i = 0; i < pixels; ++i, row += 4) {
+    unsigned ink[4];
+    for (int c = 0; c < 4; ++c) ink[c] = inverted ? row[c] : 255u - row[c];
+    const unsigned k = ink[3];
+    row[0] = static_cast<uint8_t>((ink[2] * k + 127) / 255);  // yellow's absence is blue
+    row[1] = static_cast<uint8_t>((ink[1] * k + 127) / 255);
+    row[2] = static_cast<uint8_t>((ink[0] * k + 127) / 255);
+    row[3] = 255;
+  }
+}
+
 bool decodeJpeg(const uint8_t* data, size_t size, Image* image, std::string* error) {
   jpeg_decompress_struct info;
   JpegError jerr;
+  jpeg_progress_mgr progress{};
   info.err = jpeg_std_error(&jerr.manager);
   jerr.manager.error_exit = jpegErrorExit;
   jerr.manager.emit_message = jpegWarning;
@@ -80,20 +136,30 @@ bool decodeJpeg(const uint8_t* data, size_t size, Image* image, std::string* err
     return false;
   }
   jpeg_create_decompress(&info);
+  progress.progress_monitor = jpegProgress;
+  info.progress = &progress;
   jpeg_mem_src(&info, data, static_cast<unsigned long>(size));
   jpeg_read_header(&info, TRUE);
-  if (static_cast<size_t>(info.image_width) * info.image_height > kMaxPixels) {
+  if (!withinLimits("JPEG", info.image_width, info.image_height, error)) {
     jpeg_destroy_decompress(&info);
-    *error = "JPEG too large";
     return false;
   }
-  info.out_color_space = JCS_EXT_BGRA;
+  if (static_cast<uint64_t>(info.image_width) * info.image_height > kJpegMaxPixelsPerByte * size) {
+    *error = "JPEG declares " + dimensions(info.image_width, info.image_height) + " pixels, more than its " +
+             std::to_string(size) + " bytes can hold (truncated or forged)";
+    jpeg_destroy_decompress(&info);
+    return false;
+  }
+  const bool cmyk = info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
+  const bool inverted = info.saw_Adobe_marker != 0;
+  info.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_BGRA;  // libjpeg converts YCCK to CMYK, not to RGB
   jpeg_start_decompress(&info);
   const size_t stride = static_cast<size_t>(info.output_width) * 4;
   pixels.resize(stride * info.output_height);
   while (info.output_scanline < info.output_height) {
     JSAMPROW row = pixels.data() + stride * info.output_scanline;
     jpeg_read_scanlines(&info, &row, 1);
+    if (cmyk) cmykToBgra(row, info.output_width, inverted);
   }
   jpeg_finish_decompress(&info);
   image->width = static_cast<int32_t>(info.output_width);
@@ -174,57 +240,19 @@ bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* er
 }
 
 bool readImage(const std::string& path, Image* image, std::string* error) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    *error = std::strerror(errno);
-    return false;
-  }
-  std::vector<uint8_t> data((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (file.bad()) {
-    *error = "read error";
-    return false;
-  }
-  return decodeImage(data.data(), data.size(), image, error);
+  const int fd = openInput(path, InputUse::Photo, nullptr, error);
+  if (fd < 0) return false;
+  std::vector<uint8_t> data;
+  const bool read = readAll(fd, kMaxImageFileBytes, &data, error);
+  ::close(fd);
+  return read && decodeImage(data.data(), data.size(), image, error);
 }
 
-bool writeImage(const std::string& path, const Image& image, std::string* error) {
-  std::vector<uint8_t> encoded;
-  const ImageFormat format = formatForPath(path);
-  if (format == ImageFormat::Unknown) {
-    *error = "unsupported output format (use .png, .jpg or .jpeg)";
-    return false;
-  }
-  if (!(format == ImageFormat::Png ? encodePng(image, &encoded, error) : encodeJpeg(image, &encoded, error))) {
-    return false;
-  }
-  const bool inPlace = isSpecialFile(path);
-  const std::string temporary = inPlace ? path : path + ".tmp-" + std::to_string(::getpid());
-  std::FILE* file = std::fopen(temporary.c_str(), "wb");
-  if (file == nullptr) {
-    *error = std::strerror(errno);
-    return false;
-  }
-  const bool written = std::fwrite(encoded.data(), 1, encoded.size(), file) == encoded.size();
-  // fsync means nothing on a device or pipe (and fails on some); the flush still reports a full disk.
-  const bool flushed = std::fflush(file) == 0 && (inPlace || ::fsync(fileno(file)) == 0);
-  const int savedErrno = errno;
-  const bool closed = std::fclose(file) == 0;
-  if (!written || !flushed || !closed) {
-    if (!inPlace) std::remove(temporary.c_str());
-    *error = std::strerror(savedErrno != 0 ? savedErrno : EIO);
-    return false;
-  }
-  if (!inPlace && std::rename(temporary.c_str(), path.c_str()) != 0) {
-    *error = std::strerror(errno);
-    std::remove(temporary.c_str());
-    return false;
-  }
-  return true;
-}
-
-bool isSpecialFile(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+bool encodeImage(ImageFormat format, const Image& image, std::vector<uint8_t>* out, std::string* error) {
+  if (format == ImageFormat::Png) return encodePng(image, out, error);
+  if (format == ImageFormat::Jpeg) return encodeJpeg(image, out, error);
+  *error = "unsupported output format (use .png, .jpg or .jpeg)";
+  return false;
 }
 
 }  // namespace lumo::tools

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,20 +16,23 @@ struct Image {
 
 enum class ImageFormat { Png, Jpeg, Unknown };
 
+// What a photo may be: the file's size is checked before it is read, the declared dimensions before the
+// pixels are allocated. 16384 is the GL engine's texture limit; 128 megapixels keep the decoded image, the
+// result and the side-by-side comparison within a few GiB.
+inline constexpr size_t kMaxImageFileBytes = size_t{256} << 20;
+inline constexpr uint32_t kMaxImageSide = 16384;
+inline constexpr uint64_t kMaxImagePixels = uint64_t{1} << 27;
+
 // From the file name's extension: .png, .jpg, .jpeg (any case).
 ImageFormat formatForPath(const std::string& path);
 
-// Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure.
+// Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure. A
+// directory, a device or a file above kMaxImageFileBytes is refused before it is read. CMYK and YCCK JPEGs
+// (Adobe's inverted CMYK included) are converted.
 bool readImage(const std::string& path, Image* image, std::string* error);
 bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* error);
 
-// Encode to the format the name asks for, written to a temporary name and renamed, so that a failure
-// leaves nothing behind. JPEG quality 92.
-// A path that names an existing device, FIFO or socket (/dev/stdout, /dev/full, a named pipe) is written
-// in place instead: it cannot be renamed over, and must never be replaced.
-bool writeImage(const std::string& path, const Image& image, std::string* error);
-
-// True when `path` exists and is not a regular file (nor a link to one).
-bool isSpecialFile(const std::string& path);
+// Encode to a format, JPEG at quality 92.
+bool encodeImage(ImageFormat format, const Image& image, std::vector<uint8_t>* out, std::string* error);
 
 }  // namespace lumo::tools

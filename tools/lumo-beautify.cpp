@@ -9,28 +9,27 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <climits>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "ImageIO.h"
 #include "RawStream.h"
+#include "SafeFile.h"
 
 namespace {
 
 using lumo::tools::Image;
+using lumo::tools::OutputFile;
 using settings = lumo::BeautifySettings;
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
-constexpr int kExitInterrupted = 130;  // 128 + SIGINT, as shells report it
-
-volatile std::sig_atomic_t interrupted = 0;
-
-void onInterrupt(int) { interrupted = 1; }
+constexpr int kExitSignalBase = 128;  // 128 + the signal's number, as shells report it
+constexpr int kMaxRawSide = 16384;
 
 struct Options {
   std::string input;
@@ -75,15 +74,57 @@ void printHelp() {
   std::exit(kExitUsage);
 }
 
-float parseFloat(const std::string& option, const char* text, float low, float high) {
-  char* end = nullptr;
-  errno = 0;
-  const float value = std::strtof(text, &end);
-  if (errno != 0 || end == text || *end != '\0' || !(value >= low && value <= high)) {
-    usageError("option " + option + " wants a number in " + std::to_string(low).substr(0, 4) + ".." +
-               std::to_string(high).substr(0, 4) + ", got '" + text + "'");
+std::string rangeText(double low, double high) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%g..%g", low, high);
+  return text;
+}
+
+// A whole number in decimal digits only: no sign, no base prefix (010 is ten), no spaces, no fraction.
+bool parseWhole(const char* text, long low, long high, long* value) {
+  long number = 0;
+  if (*text == '\0') return false;
+  for (const char* c = text; *c != '\0'; ++c) {
+    if (*c < '0' || *c > '9') return false;
+    number = number * 10 + (*c - '0');
+    if (number > high) return false;  // stops long before a long could wrap
+  }
+  if (number < low) return false;
+  *value = number;
+  return true;
+}
+
+long parseWholeOption(const std::string& option, const char* text, long low, long high) {
+  long value = 0;
+  if (!parseWhole(text, low, high, &value)) {
+    usageError("option " + option + " wants a whole number in " + rangeText(low, high) + ", got '" + text + "'");
   }
   return value;
+}
+
+// Plain decimal notation (1, -0.5, 2.5e-1): no spaces, hexadecimal, inf or nan.
+float parseFloat(const std::string& option, const char* text, float low, float high) {
+  auto digits = [](const char*& c) {
+    const char* start = c;
+    while (*c >= '0' && *c <= '9') ++c;
+    return c - start;
+  };
+  const char* c = text;
+  if (*c == '+' || *c == '-') ++c;
+  auto mantissa = digits(c);
+  if (*c == '.') mantissa += digits(++c);
+  bool valid = mantissa > 0;
+  if (valid && (*c == 'e' || *c == 'E')) {
+    ++c;
+    if (*c == '+' || *c == '-') ++c;
+    valid = digits(c) > 0;
+  }
+  valid = valid && *c == '\0';
+  const double value = valid ? std::strtod(text, nullptr) : 0.0;
+  if (!valid || !(value >= low && value <= high)) {
+    usageError("option " + option + " wants a number in " + rangeText(low, high) + ", got '" + text + "'");
+  }
+  return static_cast<float>(value);
 }
 
 float parseRange(const std::string& option, const char* text, const lumo::SettingRange& range) {
@@ -91,11 +132,11 @@ float parseRange(const std::string& option, const char* text, const lumo::Settin
 }
 
 long parseMask(const char* text) {
-  char* end = nullptr;
-  const long number = std::strtol(text, &end, 0);
-  if (end != text && *end == '\0') {
-    if (number < 0 || number > settings::kAllPasses) {
-      usageError(std::string("option --mask wants 0..15, got '") + text + "'");
+  if ((*text >= '0' && *text <= '9') || *text == '-' || *text == '+') {
+    long number = 0;
+    if (!parseWhole(text, 0, settings::kAllPasses, &number)) {
+      usageError("option --mask wants a whole number in " + rangeText(0, settings::kAllPasses) +
+                 " or pass names, got '" + text + "'");
     }
     return number;
   }
@@ -105,14 +146,33 @@ long parseMask(const char* text) {
   while (start <= list.size()) {
     const size_t comma = std::min(list.find(',', start), list.size());
     const std::string name = list.substr(start, comma - start);
-    if (name == "polish") mask |= lumo::BeautifyPolish;
-    else if (name == "whiten") mask |= lumo::BeautifyWhiten;
-    else if (name == "skin-whiten") mask |= lumo::BeautifySkinWhiten;
-    else if (name == "sharpen") mask |= lumo::BeautifySharpen;
-    else if (name != "none") usageError("option --mask: unknown pass '" + name + "'");
+    if (name == "polish")
+      mask |= lumo::BeautifyPolish;
+    else if (name == "whiten")
+      mask |= lumo::BeautifyWhiten;
+    else if (name == "skin-whiten")
+      mask |= lumo::BeautifySkinWhiten;
+    else if (name == "sharpen")
+      mask |= lumo::BeautifySharpen;
+    else if (name != "none")
+      usageError("option --mask: unknown pass '" + name + "'");
     start = comma + 1;
   }
   return mask;
+}
+
+// WIDTHxHEIGHT, each a whole number in 1..16384.
+void parseRawSize(const char* text, int* width, int* height) {
+  const std::string size = text;
+  const size_t x = size.find('x');
+  long w = 0, h = 0;
+  if (x == std::string::npos || !parseWhole(size.substr(0, x).c_str(), 1, kMaxRawSide, &w) ||
+      !parseWhole(size.substr(x + 1).c_str(), 1, kMaxRawSide, &h)) {
+    usageError("option --raw wants WIDTHxHEIGHT, each a whole number in " + rangeText(1, kMaxRawSide) + ", got '" +
+               size + "'");
+  }
+  *width = static_cast<int>(w);
+  *height = static_cast<int>(h);
 }
 
 Options parse(int argc, char** argv) {
@@ -138,12 +198,7 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--progress") {
       options.progress = true;
     } else if (arg == "--raw") {
-      const char* size = value();
-      char tail = 0;
-      if (std::sscanf(size, "%dx%d%c", &options.rawWidth, &options.rawHeight, &tail) != 2 ||
-          options.rawWidth < 1 || options.rawHeight < 1 || options.rawWidth > 16384 || options.rawHeight > 16384) {
-        usageError(std::string("option --raw wants WIDTHxHEIGHT (1..16384 each), got '") + size + "'");
-      }
+      parseRawSize(value(), &options.rawWidth, &options.rawHeight);
     } else if (arg == "--engine") {
       const char* name = value();
       if (!lumo::parseEngineKind(name, &options.engine)) {
@@ -152,7 +207,7 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--mask") {
       options.beautify.mask = static_cast<int32_t>(parseMask(value()));
     } else if (arg == "--preset") {
-      options.beautify.preset = static_cast<int32_t>(parseFloat(arg, value(), 0, settings::kPresetCount));
+      options.beautify.preset = static_cast<int32_t>(parseWholeOption(arg, value(), 0, settings::kPresetCount));
     } else if (arg == "--polish-step") {
       options.beautify.polishStep = parseRange(arg, value(), settings::kPolishStep);
     } else if (arg == "--polish-factor") {
@@ -178,47 +233,81 @@ Options parse(int argc, char** argv) {
 }
 
 // The engine the options ask for, said on stderr so that a user knows which one ran; null (with the reason
-// said) when it cannot be had, e.g. --engine gl without a GL context.
-std::unique_ptr<lumo::BeautifyEngine> makeEngine(const Options& options) {
+// said) when it cannot be had, e.g. --engine gl without a GL context. Made with the signals held, so that
+// its threads never take one meant to stop the main thread's read.
+std::unique_ptr<lumo::BeautifyEngine> startEngine(const Options& options) {
+  lumo::tools::SignalsHeld held;
   std::string why;
   std::unique_ptr<lumo::BeautifyEngine> engine = lumo::makeEngine(options.engine, &why);
   if (!engine) {
     std::fprintf(stderr, "lumo-beautify: no %s engine: %s\n", lumo::engineKindName(options.engine), why.c_str());
-  } else if (engine->kind() == lumo::EngineKind::Cpu) {
+    return nullptr;
+  }
+  if (engine->kind() == lumo::EngineKind::Cpu) {
     std::fprintf(stderr, "lumo-beautify: engine cpu (%s; %s)\n", lumo::CpuImageFilter::simdTarget(), why.c_str());
   } else {
     std::fprintf(stderr, "lumo-beautify: engine gl (%s)\n", why.c_str());
   }
-  if (engine) engine->applySettings(options.beautify);
+  engine->applySettings(options.beautify);
   return engine;
 }
 
-bool process(lumo::BeautifyEngine& filter, std::vector<uint8_t>& frame, int width, int height,
-             std::vector<uint8_t>& out) {
+// Draws one frame into `out` (packed BGRA). An engine that hands back the very input although the settings
+// enable a pass has not drawn it (the GL engine does so with a 1 x 1 frame): the CPU engine draws that frame
+// instead, said once on stderr. False with the reason when no engine drew it.
+bool process(lumo::BeautifyEngine& filter, std::unique_ptr<lumo::BeautifyEngine>& fallback, const Options& options,
+             std::vector<uint8_t>& frame, int width, int height, std::vector<uint8_t>& out, std::string* why) {
   lumo::PixelBufferRef input;
   if (lumo::PixelBuffer::createWithBytes(width, height, lumo::kPixelFormat32BGRA, frame.data(),
                                          static_cast<size_t>(width) * 4, nullptr, {}, &input) != 0) {
+    *why = "the frame could not be wrapped in a pixel buffer";
     return false;
   }
-  const lumo::PixelBufferRef result = filter.render(input);
-  if (!result) return false;
+  const bool drawsSomething = options.beautify.mask != 0 || options.beautify.preset != 0;
+  lumo::PixelBufferRef result = filter.render(input);
+  if (result && result == input && drawsSomething) {
+    if (!fallback) {
+      std::fprintf(stderr, "lumo-beautify: the engine returned a %dx%d frame undrawn; the CPU engine draws it\n", width,
+                   height);
+      lumo::tools::SignalsHeld held;  // its worker threads leave signals to the main thread
+      fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
+      fallback->applySettings(options.beautify);
+    }
+    result = fallback->render(input);
+  }
+  if (!result || (result == input && drawsSomething)) {
+    *why = "no engine drew it (no GL context?)";
+    return false;
+  }
   out.resize(frame.size());
   lumo::copyPixelsOut(result, out.data(), static_cast<size_t>(width) * 4);
   return true;
 }
 
-std::string withSuffix(const std::string& path, const std::string& suffix, const std::string& extension) {
+// Where the extension starts: a dot in the last part of the path, not its first character (".profile" has
+// none, and "dir.v2/photo" none either). npos without one.
+size_t extensionDot(const std::string& path) {
   const size_t slash = path.find_last_of('/');
+  const size_t start = slash == std::string::npos ? 0 : slash + 1;
   const size_t dot = path.find_last_of('.');
-  const std::string stem = dot != std::string::npos && (slash == std::string::npos || dot > slash)
-                               ? path.substr(0, dot)
-                               : path;
-  return stem + suffix + extension;
+  return dot != std::string::npos && dot > start ? dot : std::string::npos;
+}
+
+std::string withSuffix(const std::string& path, const std::string& suffix, const std::string& extension) {
+  const size_t dot = extensionDot(path);
+  return (dot == std::string::npos ? path : path.substr(0, dot)) + suffix + extension;
 }
 
 std::string extensionOf(const std::string& path) {
-  const size_t dot = path.find_last_of('.');
+  const size_t dot = extensionDot(path);
   return dot == std::string::npos ? ".png" : path.substr(dot);
+}
+
+// IN's name with -beautified, in IN's format when it names one, PNG otherwise.
+std::string defaultOutput(const std::string& input) {
+  const std::string extension = extensionOf(input);
+  const bool known = lumo::tools::formatForPath(extension) != lumo::tools::ImageFormat::Unknown;
+  return withSuffix(input, "-beautified", known ? extension : ".png");
 }
 
 std::string bundledSample() {
@@ -228,6 +317,35 @@ std::string bundledSample() {
   return LUMO_SOURCE_SAMPLE;
 }
 
+// Closes a descriptor on every way out.
+struct Descriptor {
+  int fd;
+  explicit Descriptor(int descriptor) : fd(descriptor) {}
+  ~Descriptor() {
+    if (fd > STDERR_FILENO) ::close(fd);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+};
+
+int failure(const std::string& name, const std::string& error) {
+  std::fprintf(stderr, "lumo-beautify: %s: %s\n", name.c_str(), error.c_str());
+  return kExitFailure;
+}
+
+// Encodes and writes an image to an opened output; the output stays uncommitted.
+bool writeEncoded(OutputFile& output, const std::string& path, const Image& image, std::string* error) {
+  std::vector<uint8_t> encoded;
+  if (!lumo::tools::encodeImage(lumo::tools::formatForPath(path), image, &encoded, error) || !output.open(error)) {
+    return false;
+  }
+  if (!lumo::tools::writeAll(output.fd(), encoded.data(), encoded.size())) {
+    *error = std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
 int runPhoto(Options options) {
   const bool sampleRun = options.input.empty();
   if (sampleRun) {
@@ -235,100 +353,115 @@ int runPhoto(Options options) {
     if (options.output.empty()) options.output = "astronaut-beautified.png";
     options.compare = true;
   }
-  if (options.output.empty()) options.output = withSuffix(options.input, "-beautified", extensionOf(options.input));
+  if (options.input == "-" && options.output.empty()) usageError("a photo read from stdin needs -o OUT");
+  if (options.output.empty()) options.output = defaultOutput(options.input);
   if (lumo::tools::formatForPath(options.output) == lumo::tools::ImageFormat::Unknown) {
     usageError("unsupported output format '" + options.output + "' (use .png, .jpg or .jpeg)");
   }
-  char inputReal[PATH_MAX], outputReal[PATH_MAX];
-  if (::realpath(options.input.c_str(), inputReal) != nullptr &&
-      ::realpath(options.output.c_str(), outputReal) != nullptr && std::strcmp(inputReal, outputReal) == 0) {
-    usageError("refusing to overwrite the input '" + options.input + "'");
-  }
-  Image image;
   std::string error;
-  if (!lumo::tools::readImage(options.input, &image, &error)) {
-    std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.input.c_str(), error.c_str());
-    return kExitFailure;
+  lumo::tools::FileId inputId;
+  const Descriptor in(lumo::tools::openInput(options.input, lumo::tools::InputUse::Photo, &inputId, &error));
+  if (in.fd < 0) return failure(options.input, error);
+
+  // Every output is checked against the input and each other before anything is read or written.
+  OutputFile result, side;
+  const std::string comparePath = withSuffix(options.output, "-compare", extensionOf(options.output));
+  if (!result.resolve(options.output, &error)) return failure(options.output, error);
+  if (result.overwrites(inputId)) {
+    usageError("refusing to overwrite the input '" + options.input + "' with '" + options.output + "'");
   }
-  const std::unique_ptr<lumo::BeautifyEngine> filter = makeEngine(options);
+  if (options.compare) {
+    if (!side.resolve(comparePath, &error)) return failure(comparePath, error);
+    if (side.overwrites(inputId)) {
+      usageError("refusing to overwrite the input '" + options.input + "' with the comparison '" + comparePath + "'");
+    }
+    if (side.sameTarget(result)) {
+      usageError("the comparison '" + comparePath + "' and the result '" + options.output + "' are the same file");
+    }
+  }
+
+  std::vector<uint8_t> data;
+  Image image;
+  if (!lumo::tools::readAll(in.fd, lumo::tools::kMaxImageFileBytes, &data, &error) ||
+      !lumo::tools::decodeImage(data.data(), data.size(), &image, &error)) {
+    return failure(options.input, error);
+  }
+  data = {};
+  const std::unique_ptr<lumo::BeautifyEngine> filter = startEngine(options);
   if (!filter) return kExitFailure;
-  Image result{image.width, image.height, {}};
-  const bool ok = process(*filter, image.bgra, image.width, image.height, result.bgra);
+  std::unique_ptr<lumo::BeautifyEngine> fallback;
+  Image after{image.width, image.height, {}};
+  const bool drawn = process(*filter, fallback, options, image.bgra, image.width, image.height, after.bgra, &error);
   filter->destroy();
-  if (!ok) {
-    std::fprintf(stderr, "lumo-beautify: %s: the frame could not be processed (no GL context?)\n",
-                 options.input.c_str());
-    return kExitFailure;
+  if (fallback) fallback->destroy();
+  if (!drawn) return failure(options.input, "the picture could not be processed: " + error);
+
+  // Both files are written completely before either replaces anything.
+  if (!writeEncoded(result, options.output, after, &error)) return failure(options.output, error);
+  if (options.compare) {
+    Image both{image.width * 2, image.height, std::vector<uint8_t>(image.bgra.size() * 2)};
+    const size_t row = static_cast<size_t>(image.width) * 4;
+    lumo::copyPixelRows(image.bgra.data(), row, both.bgra.data(), 2 * row, image.width, image.height);
+    lumo::copyPixelRows(after.bgra.data(), row, both.bgra.data() + row, 2 * row, image.width, image.height);
+    if (!writeEncoded(side, comparePath, both, &error)) return failure(comparePath, error);
   }
-  if (!lumo::tools::writeImage(options.output, result, &error)) {
-    std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), error.c_str());
-    return kExitFailure;
-  }
+  if (!result.commit(&error)) return failure(options.output, error);
   std::fprintf(stderr, "lumo-beautify: wrote %s (%dx%d)\n", options.output.c_str(), image.width, image.height);
   if (options.compare) {
-    Image side{image.width * 2, image.height, std::vector<uint8_t>(image.bgra.size() * 2)};
-    const size_t row = static_cast<size_t>(image.width) * 4;
-    lumo::copyPixelRows(image.bgra.data(), row, side.bgra.data(), 2 * row, image.width, image.height);
-    lumo::copyPixelRows(result.bgra.data(), row, side.bgra.data() + row, 2 * row, image.width, image.height);
-    const std::string comparePath = withSuffix(options.output, "-compare", extensionOf(options.output));
-    if (!lumo::tools::writeImage(comparePath, side, &error)) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", comparePath.c_str(), error.c_str());
-      return kExitFailure;
-    }
+    if (!side.commit(&error)) return failure(comparePath, error);
     std::fprintf(stderr, "lumo-beautify: wrote %s (before | after)\n", comparePath.c_str());
   }
   return 0;
 }
 
+const char* signalName(int sig) {
+  switch (sig) {
+    case SIGINT: return "SIGINT";
+    case SIGTERM: return "SIGTERM";
+    case SIGHUP: return "SIGHUP";
+    default: return "a signal";
+  }
+}
+
 int runStream(const Options& options) {
-  const int in = options.input == "-" ? STDIN_FILENO : ::open(options.input.c_str(), O_RDONLY | O_CLOEXEC);
-  if (in < 0) {
-    std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.input.c_str(), std::strerror(errno));
-    return kExitFailure;
-  }
-  std::string temporary;
-  int out = STDOUT_FILENO;
-  if (options.output != "-" && lumo::tools::isSpecialFile(options.output)) {
-    out = ::open(options.output.c_str(), O_WRONLY | O_CLOEXEC);  // a device or FIFO: written in place
-    if (out < 0) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
-      return kExitFailure;
-    }
-  } else if (options.output != "-") {
-    temporary = options.output + ".tmp-" + std::to_string(::getpid());
-    out = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (out < 0) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
-      return kExitFailure;
-    }
-  }
-  auto fail = [&](const std::string& message) {
-    if (!message.empty()) std::fprintf(stderr, "lumo-beautify: %s\n", message.c_str());
-    if (!temporary.empty()) {
-      ::close(out);
-      ::unlink(temporary.c_str());
-    }
-    return kExitFailure;
+  // SIGINT, SIGTERM and SIGHUP end the stream after the frame in hand: every frame written is complete, and
+  // a regular output file keeps them. A read waiting for data returns at once (no SA_RESTART).
+  lumo::tools::enableGracefulStop();
+  const volatile std::sig_atomic_t* stop = lumo::tools::stopRequested();
+  // Opening a FIFO waits for its other end; a stop signal meanwhile is a stop, not an error.
+  auto failedToOpen = [&](const std::string& name, const std::string& error) {
+    if (*stop == 0) return failure(name, error);
+    std::fprintf(stderr, "lumo-beautify: interrupted before the first frame (%s)\n", signalName(*stop));
+    return kExitSignalBase + *stop;
   };
+  std::string error;
+  lumo::tools::FileId inputId;
+  const Descriptor in(lumo::tools::openInput(options.input, lumo::tools::InputUse::Stream, &inputId, &error));
+  if (in.fd < 0) return failedToOpen(options.input, error);
+  OutputFile out;
+  if (!out.resolve(options.output, &error)) return failure(options.output, error);
+  if (out.overwrites(inputId)) {
+    usageError("refusing to overwrite the input '" + options.input + "' with '" + options.output + "'");
+  }
+  if (!out.open(&error)) return failedToOpen(options.output, error);
+
   const bool showProgress = options.progress || ::isatty(STDERR_FILENO) != 0;
   const size_t frameBytes = static_cast<size_t>(options.rawWidth) * static_cast<size_t>(options.rawHeight) * 4;
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
-  const std::unique_ptr<lumo::BeautifyEngine> filter = makeEngine(options);
-  if (!filter) return fail("");
+  const std::unique_ptr<lumo::BeautifyEngine> filter = startEngine(options);
+  if (!filter) return kExitFailure;
+  std::unique_ptr<lumo::BeautifyEngine> fallback;
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
-  // Ctrl-C ends the stream after the frame in hand: every frame written is complete, and a regular output
-  // file keeps them. No SA_RESTART, so a read waiting for data returns at once.
-  struct sigaction action {};
-  action.sa_handler = onInterrupt;
-  sigemptyset(&action.sa_mask);
-  ::sigaction(SIGINT, &action, nullptr);
-  ::sigaction(SIGTERM, &action, nullptr);
+  auto fail = [&](const std::string& message) {
+    std::fprintf(stderr, "lumo-beautify: %s\n", message.c_str());
+    return kExitFailure;
+  };
   for (;;) {
-    if (interrupted != 0) break;
+    if (*stop != 0) break;
     size_t got = 0;
-    const lumo::tools::ReadResult read = lumo::tools::readFrame(in, frame.data(), frameBytes, &got, &interrupted);
+    const lumo::tools::ReadResult read = lumo::tools::readFrame(in.fd, frame.data(), frameBytes, &got, stop);
     if (read == lumo::tools::ReadResult::End || read == lumo::tools::ReadResult::Interrupted) break;
     if (read == lumo::tools::ReadResult::Error) {
       status = fail(options.input + ": " + std::strerror(errno));
@@ -340,12 +473,12 @@ int runStream(const Options& options) {
       break;
     }
     const auto begin = std::chrono::steady_clock::now();
-    if (!process(*filter, frame, options.rawWidth, options.rawHeight, result)) {
-      status = fail("frame " + std::to_string(millis.size() + 1) + " could not be processed");
+    if (!process(*filter, fallback, options, frame, options.rawWidth, options.rawHeight, result, &error)) {
+      status = fail("frame " + std::to_string(millis.size() + 1) + " could not be processed: " + error);
       break;
     }
     millis.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count());
-    if (!lumo::tools::writeAll(out, result.data(), result.size())) {
+    if (!lumo::tools::writeAll(out.fd(), result.data(), result.size())) {
       if (errno == EPIPE) break;  // the reader went away: stop quietly
       status = fail(options.output + ": " + std::strerror(errno));
       break;
@@ -356,17 +489,19 @@ int runStream(const Options& options) {
     }
   }
   filter->destroy();
+  if (fallback) fallback->destroy();
   if (showProgress) std::fputc('\n', stderr);
-  if (interrupted != 0 && status == 0) {
-    std::fprintf(stderr, "lumo-beautify: interrupted after %zu complete frames\n", millis.size());
-    status = kExitInterrupted;
+  const bool failed = status != 0;
+  const int stoppedBy = *stop;
+  if (stoppedBy != 0 && !failed) {
+    std::fprintf(stderr, "lumo-beautify: interrupted after %zu complete frames (%s)\n", millis.size(),
+                 signalName(stoppedBy));
+    status = kExitSignalBase + stoppedBy;
   }
-  if (!temporary.empty() && (status == 0 || status == kExitInterrupted)) {
-    if (::fsync(out) != 0 || ::close(out) != 0 || ::rename(temporary.c_str(), options.output.c_str()) != 0) {
-      std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.output.c_str(), std::strerror(errno));
-      ::unlink(temporary.c_str());
-      status = kExitFailure;
-    }
+  if (failed || (stoppedBy != 0 && millis.empty())) {
+    out.discard();  // a failed stream, or one stopped before its first frame: the old file stays as it was
+  } else if (!out.commit(&error)) {
+    status = failure(options.output, error);
   }
   std::vector<double> sorted = millis;
   std::sort(sorted.begin(), sorted.end());
@@ -381,7 +516,16 @@ int runStream(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);  // a closed output pipe shows up as EPIPE and ends the stream quietly
-  const Options options = parse(argc, argv);
-  return options.rawWidth > 0 ? runStream(options) : runPhoto(options);
+  // Before anything is opened: no file may become stdout or stderr, and no temporary may exist unguarded.
+  lumo::tools::ensureStandardDescriptors();
+  lumo::tools::installSignalHandlers();
+  try {
+    const Options options = parse(argc, argv);
+    return options.rawWidth > 0 ? runStream(options) : runPhoto(options);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "lumo-beautify: out of memory\n");
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "lumo-beautify: %s\n", e.what());
+  }
+  return kExitFailure;  // the outputs' destructors have removed their temporaries
 }
