@@ -86,7 +86,8 @@ TEST_F(Tool, RawStreamWritesCompleteFramesThenReportsATruncatedOne) {
   const Outcome full = run("--raw 16x8 - -o - < in.raw > piped.raw");
   EXPECT_EQ(full.status, 1);
   EXPECT_EQ(fs::file_size(dir_ / "piped.raw"), frame * 3) << "the complete frames are written";
-  EXPECT_NE(full.err.find("3 frames"), std::string::npos) << full.err;
+  EXPECT_NE(full.err.find("3 complete frames written before the error"), std::string::npos) << full.err;
+  EXPECT_FALSE(fs::exists(dir_ / "out.raw")) << "a failed stream into a file leaves nothing";
 }
 
 TEST_F(Tool, ClosedOutputPipeEndsQuietly) {

@@ -96,6 +96,9 @@ class OutputFile {
   bool commit(std::string* error);
   // Removes the temporary, if any; a device or descriptor is only closed.
   void discard();
+  // Whether bytes written reach the destination at once (a device, pipe or descriptor), so that a discard
+  // cannot take them back.
+  bool writesInPlace() const { return kind_ != Kind::Replace; }
 
  private:
   enum class Kind { Replace, InPlace, Descriptor };

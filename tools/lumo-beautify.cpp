@@ -449,6 +449,7 @@ int runStream(const Options& options) {
   const size_t frameBytes = static_cast<size_t>(options.rawWidth) * static_cast<size_t>(options.rawHeight) * 4;
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
+  size_t written = 0;
   const std::unique_ptr<lumo::BeautifyEngine> filter = startEngine(options);
   if (!filter) return kExitFailure;
   std::unique_ptr<lumo::BeautifyEngine> fallback;
@@ -483,6 +484,7 @@ int runStream(const Options& options) {
       status = fail(options.output + ": " + std::strerror(errno));
       break;
     }
+    ++written;
     if (showProgress && millis.size() % 10 == 0) {
       const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
       std::fprintf(stderr, "\rlumo-beautify: %zu frames, %.1f fps", millis.size(), millis.size() / seconds);
@@ -503,13 +505,22 @@ int runStream(const Options& options) {
   } else if (!out.commit(&error)) {
     status = failure(options.output, error);
   }
+  if (failed) {
+    // Timings would read as a success; what the reader already has is worth saying.
+    if (out.writesInPlace()) {
+      std::fprintf(stderr, "lumo-beautify: %zu complete frame%s written before the error\n", written,
+                   written == 1 ? "" : "s");
+    }
+    return status;
+  }
   std::vector<double> sorted = millis;
   std::sort(sorted.begin(), sorted.end());
   double mean = 0;
   for (double m : millis) mean += m;
   mean = millis.empty() ? 0 : mean / static_cast<double>(millis.size());
   const double p95 = sorted.empty() ? 0 : sorted[std::min(sorted.size() - 1, sorted.size() * 95 / 100)];
-  std::fprintf(stderr, "lumo-beautify: %zu frames, mean %.2f ms, p95 %.2f ms per frame\n", millis.size(), mean, p95);
+  std::fprintf(stderr, "lumo-beautify: %zu frame%s, mean %.2f ms, p95 %.2f ms per frame\n", millis.size(),
+               millis.size() == 1 ? "" : "s", mean, p95);
   return status;
 }
 
