@@ -178,6 +178,9 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   applyWantedSettings();
 
   if ((m_nEnableBeautifying < 1 && !m_pCustomizedFilter) || !pixelBuffer) return pixelBuffer;
+  // The texture cache maps BGRA only; a frame of another format comes back undrawn (hosts hand such
+  // frames to the CPU engine).
+  if (pixelBuffer->pixelFormat() != kPixelFormat32BGRA) return pixelBuffer;
 
   m_nCurrentFrameIndex = 0;
   ContextGuard guard(m_pGLContext.get());

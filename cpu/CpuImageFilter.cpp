@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "CpuFormats.h"
 #include "CpuKernels.h"
 #include "FramePlan.h"
 #include "ThreadPool.h"
@@ -44,6 +45,10 @@ void copyPreset(bool inForce, const PresetValues& preset, bool* flag, float matr
 struct CpuImageFilter::Scratch {
   std::vector<uint32_t> a;
   std::vector<uint32_t> b;
+  // Frames of other formats: the input converted to BGRA, and the output before its conversion back.
+  std::vector<uint32_t> input;
+  std::vector<uint32_t> output;
+  std::vector<float> importRows;  // per worker
   std::vector<uint32_t> rows;
   std::vector<float> floatRows;
   std::vector<int> ringRows;
@@ -51,6 +56,12 @@ struct CpuImageFilter::Scratch {
   int pad = 0;
   size_t rowLength = 0;
   cpu::Tap blurTaps[3];
+};
+
+struct CpuImageFilter::Conversion {
+  cpu::Planes source;
+  cpu::Planes target;
+  cpu::Image input;
 };
 
 CpuImageFilter::CpuImageFilter() = default;
@@ -97,26 +108,49 @@ int32_t CpuImageFilter::doSetCustomizedFilter(int32_t index) {
 
 const char* CpuImageFilter::simdTarget() { return cpu::simdTarget(); }
 
-bool CpuImageFilter::prepare(int32_t width, int32_t height) {
-  if (width == width_ && height == height_ && outputs_[0] && outputs_[1]) return true;
+bool CpuImageFilter::prepare(int32_t width, int32_t height, uint32_t format) {
+  if (width == width_ && height == height_ && format == format_ && outputs_[0] && outputs_[1]) return true;
+  width_ = 0;  // until everything below is in place
   for (PixelBufferRef& output : outputs_) {
     output.reset();  // a result the host still holds stays with the host
-    if (PixelBuffer::create(width, height, kPixelFormat32BGRA, {}, &output) != kPixelBufferSuccess) return false;
+    if (PixelBuffer::create(width, height, format, {}, &output) != kPixelBufferSuccess) return false;
   }
   const size_t pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
   scratch_->a.assign(pixels, 0);
   scratch_->b.assign(pixels, 0);
+  const bool converts = format != kPixelFormat32BGRA;
+  scratch_->input.assign(converts ? pixels : 0, 0);
+  scratch_->output.assign(converts ? pixels : 0, 0);
+  scratch_->importRows.assign(converts ? cpu::importScratchFloats(width) * static_cast<size_t>(pool_->size()) : 0, 0);
   width_ = width;
   height_ = height;
+  format_ = format;
   return true;
 }
+
+namespace {
+
+cpu::Planes planesOf(const PixelBuffer& buffer) {
+  cpu::Planes planes;
+  planes.format = buffer.pixelFormat();
+  planes.width = buffer.width();
+  planes.height = buffer.height();
+  for (int32_t plane = 0; plane < buffer.planeCount(); ++plane) {
+    planes.data[plane] = static_cast<uint8_t*>(buffer.baseAddressOfPlane(plane));
+    planes.stride[plane] = buffer.bytesPerRowOfPlane(plane);
+  }
+  planes.colorimetry = buffer.colorimetry();
+  return planes;
+}
+
+}  // namespace
 
 PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
   if (!created_) return nullptr;
   applyWantedSettings();
   const FramePlan plan = FramePlan::make(m_nEnableBeautifying, presetInForce_);
   if (!pixelBuffer || !plan.any()) return pixelBuffer;
-  if (!prepare(pixelBuffer->width(), pixelBuffer->height())) return pixelBuffer;
+  if (!prepare(pixelBuffer->width(), pixelBuffer->height(), pixelBuffer->pixelFormat())) return pixelBuffer;
 
   PixelBufferRef output = outputs_[nextOutput_];
   nextOutput_ = 1 - nextOutput_;
@@ -125,16 +159,33 @@ PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
     pixelBuffer->unlockBaseAddress(kPixelBufferLockReadOnly);
     return pixelBuffer;
   }
-  const cpu::ConstImage input{static_cast<const uint8_t*>(pixelBuffer->baseAddress()), pixelBuffer->bytesPerRow(),
-                              width_, height_};
-  const cpu::Image out{static_cast<uint8_t*>(output->baseAddress()), output->bytesPerRow(), width_, height_};
-  runGraph(plan, input, out);
+  output->setColorimetry(pixelBuffer->colorimetry());
+  if (format_ == kPixelFormat32BGRA) {
+    const cpu::ConstImage input{static_cast<const uint8_t*>(pixelBuffer->baseAddress()), pixelBuffer->bytesPerRow(),
+                                width_, height_};
+    const cpu::Image out{static_cast<uint8_t*>(output->baseAddress()), output->bytesPerRow(), width_, height_};
+    runGraph(plan, input, out, nullptr);
+  } else {
+    // The graph reads and writes BGRA scratch; the conversions run inside its first and last stages.
+    const size_t tight = static_cast<size_t>(width_) * 4;
+    const cpu::Image input{reinterpret_cast<uint8_t*>(scratch_->input.data()), tight, width_, height_};
+    const cpu::Image out{reinterpret_cast<uint8_t*>(scratch_->output.data()), tight, width_, height_};
+    const Conversion conversion{planesOf(*pixelBuffer), planesOf(*output), input};
+    runGraph(plan, input, out, &conversion);
+  }
   output->unlockBaseAddress(0);
   pixelBuffer->unlockBaseAddress(kPixelBufferLockReadOnly);
   return output;
 }
 
-void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output) {
+void CpuImageFilter::importBand(const Conversion* conversion, int worker, int y0, int y1) {
+  if (conversion == nullptr) return;
+  float* rows = scratch_->importRows.data() + cpu::importScratchFloats(width_) * static_cast<size_t>(worker);
+  cpu::importRows(conversion->source, conversion->input, rows, y0, y1);
+}
+
+void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output,
+                              const Conversion* conversion) {
   const size_t tight = static_cast<size_t>(width_) * 4;
   const cpu::Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width_, height_};
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
@@ -146,7 +197,28 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   const size_t workers = static_cast<size_t>(pool_->size());
   if (scratch_->rows.size() < scratch_->rowLength * workers) scratch_->rows.assign(scratch_->rowLength * workers, 0);
 
-  const cpu::ConstImage skin = plan.skinDetect ? runSkinStages(plan, input) : cpu::ConstImage{};
+  // The input's conversion runs in the first stage's bands when that stage reads only its own rows; a
+  // sharpen pass alone reads its neighbours' rows, so it gets the converted frame first.
+  if (conversion != nullptr && !plan.skinDetect && !plan.whiten && !(!plan.sharpen && plan.preset)) {
+    pool_->parallelFor(height_, [&](int worker, int y0, int y1) { importBand(conversion, worker, y0, y1); });
+    conversion = nullptr;
+  }
+  const Conversion* importing = conversion;
+  const cpu::ConstImage skin = plan.skinDetect ? runSkinStages(plan, input, importing) : cpu::ConstImage{};
+  if (plan.skinDetect) importing = nullptr;
+  // The last stage converts its bands back as it finishes them: pairs of rows, for 4:2:0 chroma.
+  auto lastStage = [&](auto&& stage) {
+    if (conversion == nullptr) {
+      pool_->parallelFor(height_, [&](int worker, int y0, int y1) { stage(worker, y0, y1); });
+      return;
+    }
+    pool_->parallelFor((height_ + 1) / 2, [&](int worker, int p0, int p1) {
+      const int y0 = 2 * p0;
+      const int y1 = std::min(2 * p1, height_);
+      stage(worker, y0, y1);
+      cpu::exportRows(output, conversion->target, y0, y1);
+    });
+  };
   cpu::ConstImage current = input;
   if (plan.skinDetect || plan.whiten || (!plan.sharpen && plan.preset)) {
     // The per-pixel passes fused; before a sharpen pass into whichever working image the skin layer is not in.
@@ -163,7 +235,15 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     tail.whitenFactor = whiten_factor_.load(std::memory_order_relaxed);
     tail.pinkCurve = pinkWhitenCurve().data();
     copyPreset(!plan.sharpen && plan.preset, preset_, &tail.preset, tail.presetMatrix, tail.presetOffset);
-    pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::tailRows(tail, y0, y1); });
+    auto rows = [&](int worker, int y0, int y1) {
+      importBand(importing, worker, y0, y1);
+      cpu::tailRows(tail, y0, y1);
+    };
+    if (plan.sharpen) {
+      pool_->parallelFor(height_, rows);
+    } else {
+      lastStage(rows);
+    }
     current = tail.out;
   }
   if (plan.sharpen) {
@@ -172,16 +252,20 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     job.out = output;
     job.sharpness = sharppen_factor_.load(std::memory_order_relaxed);
     copyPreset(plan.preset, preset_, &job.preset, job.presetMatrix, job.presetOffset);
-    pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::sharpenRows(job, y0, y1); });
+    lastStage([&](int, int y0, int y1) { cpu::sharpenRows(job, y0, y1); });
   }
 }
 
-cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::ConstImage& input) {
+cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::ConstImage& input,
+                                              const Conversion* conversion) {
   const size_t tight = static_cast<size_t>(width_) * 4;
   const cpu::Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width_, height_};
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
   const cpu::SkinJob skinJob{input, a};
-  pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::skinDetectRows(skinJob, y0, y1); });
+  pool_->parallelFor(height_, [&](int worker, int y0, int y1) {
+    importBand(conversion, worker, y0, y1);
+    cpu::skinDetectRows(skinJob, y0, y1);
+  });
   if (plan.polish) runBilateral(a, b);
   if (!plan.detailLayer) return a;
   runDetailLayer(input, a, b);

@@ -43,11 +43,16 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
 
  private:
   struct Scratch;
-  bool prepare(int32_t width, int32_t height);
-  void runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output);
+  // A frame of another format than BGRA: where it comes from, where it goes, and the BGRA scratch the
+  // graph reads it from.
+  struct Conversion;
+  bool prepare(int32_t width, int32_t height, uint32_t format);
+  void runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output,
+                const Conversion* conversion);
+  void importBand(const Conversion* conversion, int worker, int y0, int y1);
   // The skin-gated stages before the fused tail; returns the layer the tail reads (smoothed skin, or the
-  // blurred detail layer).
-  cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input);
+  // blurred detail layer). The first of them converts the input when `conversion` is given.
+  cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input, const Conversion* conversion);
   void runBilateral(const cpu::Image& a, const cpu::Image& b);
   void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b);
 
@@ -57,6 +62,7 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   int32_t nextOutput_ = 0;
   int32_t width_ = 0;
   int32_t height_ = 0;
+  uint32_t format_ = kPixelFormat32BGRA;
   bool presetInForce_ = false;
   PresetValues preset_{};
   bool created_ = false;

@@ -1,5 +1,6 @@
 #include "PixelBuffer.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,29 +10,103 @@ namespace {
 
 std::atomic<uint64_t> nextIdentifier{1};
 
+struct FormatName {
+  uint32_t format;
+  const char* name;
+};
+constexpr FormatName kFormatNames[] = {
+    {kPixelFormat32BGRA, "bgra"}, {kPixelFormat32RGBA, "rgba"}, {kPixelFormat32BGRX, "bgrx"},
+    {kPixelFormat32RGBX, "rgbx"}, {kPixelFormatNV12, "nv12"},   {kPixelFormatI420, "i420"},
+};
+
 int32_t validate(int32_t width, int32_t height, uint32_t pixelFormat, const PixelBufferRef* out) {
   if (out == nullptr) return kPixelBufferErrorInvalidArgument;
   if (width < 1 || height < 1 || width > kPixelBufferMaxDimension || height > kPixelBufferMaxDimension) {
     return kPixelBufferErrorInvalidSize;
   }
-  if (pixelFormat != kPixelFormat32BGRA) return kPixelBufferErrorUnsupportedFormat;
+  if (pixelFormatPlaneCount(pixelFormat) == 0) return kPixelBufferErrorUnsupportedFormat;
   return kPixelBufferSuccess;
 }
 
 }  // namespace
 
-PixelBuffer::PixelBuffer(Token, int32_t width, int32_t height, size_t bytesPerRow, void* bytes, ReleaseCallback release,
-                         const PixelBufferAttributes& attributes)
+int32_t pixelFormatPlaneCount(uint32_t pixelFormat) {
+  switch (pixelFormat) {
+    case kPixelFormat32BGRA:
+    case kPixelFormat32RGBA:
+    case kPixelFormat32BGRX:
+    case kPixelFormat32RGBX:
+      return 1;
+    case kPixelFormatNV12:
+      return 2;
+    case kPixelFormatI420:
+      return 3;
+    default:
+      return 0;
+  }
+}
+
+bool pixelFormatIsYuv(uint32_t pixelFormat) {
+  return pixelFormat == kPixelFormatNV12 || pixelFormat == kPixelFormatI420;
+}
+
+PixelPlaneGeometry pixelFormatPlane(uint32_t pixelFormat, int32_t width, int32_t height, int32_t plane) {
+  const int32_t planes = pixelFormatPlaneCount(pixelFormat);
+  if (plane < 0 || plane >= planes) return {};
+  if (planes == 1) return {width, height, 4};
+  if (plane == 0) return {width, height, 1};
+  return {(width + 1) / 2, (height + 1) / 2, pixelFormat == kPixelFormatNV12 ? 2 : 1};
+}
+
+size_t pixelFormatFrameBytes(uint32_t pixelFormat, int32_t width, int32_t height) {
+  size_t bytes = 0;
+  for (int32_t plane = 0; plane < pixelFormatPlaneCount(pixelFormat); ++plane) {
+    const PixelPlaneGeometry geometry = pixelFormatPlane(pixelFormat, width, height, plane);
+    bytes += geometry.rowBytes() * static_cast<size_t>(geometry.height);
+  }
+  return bytes;
+}
+
+const char* pixelFormatName(uint32_t pixelFormat) {
+  for (const FormatName& entry : kFormatNames) {
+    if (entry.format == pixelFormat) return entry.name;
+  }
+  return nullptr;
+}
+
+bool parsePixelFormat(const std::string& name, uint32_t* pixelFormat) {
+  std::string lower = name;
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (const FormatName& entry : kFormatNames) {
+    if (lower == entry.name) {
+      *pixelFormat = entry.format;
+      return true;
+    }
+  }
+  return false;
+}
+
+YuvColorimetry resolveColorimetry(YuvColorimetry colorimetry, int32_t height) {
+  if (colorimetry.matrix == YuvMatrix::Auto) colorimetry.matrix = height > 576 ? YuvMatrix::Bt709 : YuvMatrix::Bt601;
+  if (colorimetry.range == YuvRange::Auto) colorimetry.range = YuvRange::Limited;
+  return colorimetry;
+}
+
+PixelBuffer::PixelBuffer(Token, int32_t width, int32_t height, uint32_t pixelFormat, const PixelBufferPlane* planes,
+                         ReleaseCallback release, const PixelBufferAttributes& attributes)
     : width_(width),
       height_(height),
-      bytesPerRow_(bytesPerRow),
-      bytes_(bytes),
+      pixelFormat_(pixelFormat),
+      planeCount_(pixelFormatPlaneCount(pixelFormat)),
+      colorimetry_(resolveColorimetry(attributes.colorimetry, height)),
       release_(std::move(release)),
       attributes_(attributes),
-      identifier_(nextIdentifier.fetch_add(1, std::memory_order_relaxed)) {}
+      identifier_(nextIdentifier.fetch_add(1, std::memory_order_relaxed)) {
+  for (int32_t plane = 0; plane < planeCount_; ++plane) planes_[plane] = planes[plane];
+}
 
 PixelBuffer::~PixelBuffer() {
-  if (release_) release_(bytes_);
+  if (release_) release_(planes_[0].bytes);
 }
 
 int32_t PixelBuffer::create(int32_t width, int32_t height, uint32_t pixelFormat,
@@ -41,24 +116,36 @@ int32_t PixelBuffer::create(int32_t width, int32_t height, uint32_t pixelFormat,
     if (out != nullptr) out->reset();
     return status;
   }
-  const size_t bytesPerRow = static_cast<size_t>(width) * 4;
-  // Zeroed, 64-byte aligned rows: a fresh buffer reads as transparent black, like a new GL texture.
-  void* bytes = std::aligned_alloc(64, (bytesPerRow * static_cast<size_t>(height) + 63) / 64 * 64);
+  // One allocation; each plane's rows 64-byte aligned (rows rounded up to 64 bytes for planar formats, so
+  // that every row starts aligned; packed rows stay tight, as hosts expect width * 4).
+  const int32_t count = pixelFormatPlaneCount(pixelFormat);
+  PixelBufferPlane planes[kPixelBufferMaxPlanes];
+  size_t offsets[kPixelBufferMaxPlanes] = {};
+  size_t total = 0;
+  for (int32_t plane = 0; plane < count; ++plane) {
+    const PixelPlaneGeometry geometry = pixelFormatPlane(pixelFormat, width, height, plane);
+    planes[plane].bytesPerRow = count == 1 ? geometry.rowBytes() : (geometry.rowBytes() + 63) / 64 * 64;
+    offsets[plane] = total;
+    total += (planes[plane].bytesPerRow * static_cast<size_t>(geometry.height) + 63) / 64 * 64;
+  }
+  // Zeroed: a fresh buffer reads as transparent black, like a new GL texture.
+  auto* bytes = static_cast<uint8_t*>(std::aligned_alloc(64, total));
   if (bytes == nullptr) {
     out->reset();
     return kPixelBufferErrorAllocationFailed;
   }
-  std::memset(bytes, 0, bytesPerRow * static_cast<size_t>(height));
+  std::memset(bytes, 0, total);
+  for (int32_t plane = 0; plane < count; ++plane) planes[plane].bytes = bytes + offsets[plane];
   const int32_t made = make(
-      width, height, bytesPerRow, bytes, [](void* memory) { std::free(memory); }, attributes, out);
+      width, height, pixelFormat, planes, [](void* memory) { std::free(memory); }, attributes, out);
   if (made != kPixelBufferSuccess) std::free(bytes);
   return made;
 }
 
-int32_t PixelBuffer::make(int32_t width, int32_t height, size_t bytesPerRow, void* bytes, ReleaseCallback release,
-                          const PixelBufferAttributes& attributes, PixelBufferRef* out) {
+int32_t PixelBuffer::make(int32_t width, int32_t height, uint32_t pixelFormat, const PixelBufferPlane* planes,
+                          ReleaseCallback release, const PixelBufferAttributes& attributes, PixelBufferRef* out) {
   try {
-    *out = std::make_shared<PixelBuffer>(Token{}, width, height, bytesPerRow, bytes, std::move(release), attributes);
+    *out = std::make_shared<PixelBuffer>(Token{}, width, height, pixelFormat, planes, std::move(release), attributes);
   } catch (const std::bad_alloc&) {
     out->reset();
     return kPixelBufferErrorAllocationFailed;
@@ -69,20 +156,37 @@ int32_t PixelBuffer::make(int32_t width, int32_t height, size_t bytesPerRow, voi
 int32_t PixelBuffer::createWithBytes(int32_t width, int32_t height, uint32_t pixelFormat, void* bytes,
                                      size_t bytesPerRow, ReleaseCallback release,
                                      const PixelBufferAttributes& attributes, PixelBufferRef* out) {
+  if (out != nullptr && pixelFormatPlaneCount(pixelFormat) > 1) {
+    out->reset();
+    return kPixelBufferErrorInvalidArgument;  // planar formats go through createWithPlanes
+  }
+  const PixelBufferPlane plane{bytes, bytesPerRow};
+  return createWithPlanes(width, height, pixelFormat, &plane, 1, std::move(release), attributes, out);
+}
+
+int32_t PixelBuffer::createWithPlanes(int32_t width, int32_t height, uint32_t pixelFormat,
+                                      const PixelBufferPlane* planes, int32_t planeCount, ReleaseCallback release,
+                                      const PixelBufferAttributes& attributes, PixelBufferRef* out) {
   const int32_t status = validate(width, height, pixelFormat, out);
   if (status != kPixelBufferSuccess) {
     if (out != nullptr) out->reset();
     return status;
   }
-  if (bytes == nullptr) {
+  if (planes == nullptr || planeCount != pixelFormatPlaneCount(pixelFormat)) {
     out->reset();
     return kPixelBufferErrorInvalidArgument;
   }
-  if (bytesPerRow < static_cast<size_t>(width) * 4) {
-    out->reset();
-    return kPixelBufferErrorInvalidStride;
+  for (int32_t plane = 0; plane < planeCount; ++plane) {
+    if (planes[plane].bytes == nullptr) {
+      out->reset();
+      return kPixelBufferErrorInvalidArgument;
+    }
+    if (planes[plane].bytesPerRow < pixelFormatPlane(pixelFormat, width, height, plane).rowBytes()) {
+      out->reset();
+      return kPixelBufferErrorInvalidStride;
+    }
   }
-  return make(width, height, bytesPerRow, bytes, std::move(release), attributes, out);
+  return make(width, height, pixelFormat, planes, std::move(release), attributes, out);
 }
 
 int32_t PixelBuffer::lockBaseAddress(uint32_t /*flags*/) {
