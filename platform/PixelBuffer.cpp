@@ -35,14 +35,10 @@ int32_t pixelFormatPlaneCount(uint32_t pixelFormat) {
     case kPixelFormat32BGRA:
     case kPixelFormat32RGBA:
     case kPixelFormat32BGRX:
-    case kPixelFormat32RGBX:
-      return 1;
-    case kPixelFormatNV12:
-      return 2;
-    case kPixelFormatI420:
-      return 3;
-    default:
-      return 0;
+    case kPixelFormat32RGBX: return 1;
+    case kPixelFormatNV12: return 2;
+    case kPixelFormatI420: return 3;
+    default: return 0;
   }
 }
 

@@ -130,7 +130,9 @@ class LUMO_EXPORT PixelBuffer {
   uint32_t pixelFormat() const { return pixelFormat_; }
   int32_t planeCount() const { return planeCount_; }
   // Plane geometry and memory; plane 0 is what bytesPerRow() and baseAddress() give.
-  PixelPlaneGeometry planeGeometry(int32_t plane) const { return pixelFormatPlane(pixelFormat_, width_, height_, plane); }
+  PixelPlaneGeometry planeGeometry(int32_t plane) const {
+    return pixelFormatPlane(pixelFormat_, width_, height_, plane);
+  }
   size_t bytesPerRowOfPlane(int32_t plane) const { return planes_[plane].bytesPerRow; }
   void* baseAddressOfPlane(int32_t plane) const { return planes_[plane].bytes; }
   // Resolved (never Auto). An engine's output takes its input's.

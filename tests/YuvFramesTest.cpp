@@ -1,0 +1,265 @@
+// Frames of other formats than BGRA through the CPU engine: YUV 4:2:0 (NV12, I420) against a reference
+// converter (FFmpeg), the packed orders against BGRA, odd sizes and padded host planes.
+#include <gtest/gtest.h>
+
+#include <lumo/lumo.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "support/GlHarness.h"
+
+namespace lumo::test {
+namespace {
+
+namespace fs = std::filesystem;
+using reference::Frame;
+
+// A frame's planes, tightly packed one after another (a raw stream's layout).
+using Raw = std::vector<uint8_t>;
+
+PixelBufferRef wrap(Raw& raw, uint32_t format, int width, int height, YuvColorimetry colorimetry = {}) {
+  PixelBufferPlane planes[kPixelBufferMaxPlanes];
+  size_t offset = 0;
+  for (int32_t p = 0; p < pixelFormatPlaneCount(format); ++p) {
+    const PixelPlaneGeometry g = pixelFormatPlane(format, width, height, p);
+    planes[p] = {raw.data() + offset, g.rowBytes()};
+    offset += g.rowBytes() * static_cast<size_t>(g.height);
+  }
+  PixelBufferAttributes attributes;
+  attributes.colorimetry = colorimetry;
+  PixelBufferRef buffer;
+  EXPECT_EQ(PixelBuffer::createWithPlanes(width, height, format, planes, pixelFormatPlaneCount(format), nullptr,
+                                          attributes, &buffer),
+            kPixelBufferSuccess);
+  return buffer;
+}
+
+Raw unwrap(const PixelBufferRef& buffer) {
+  Raw raw;
+  buffer->lockBaseAddress(kPixelBufferLockReadOnly);
+  for (int32_t p = 0; p < buffer->planeCount(); ++p) {
+    const PixelPlaneGeometry g = buffer->planeGeometry(p);
+    const auto* bytes = static_cast<const uint8_t*>(buffer->baseAddressOfPlane(p));
+    for (int32_t y = 0; y < g.height; ++y) {
+      const uint8_t* row = bytes + buffer->bytesPerRowOfPlane(p) * static_cast<size_t>(y);
+      raw.insert(raw.end(), row, row + g.rowBytes());
+    }
+  }
+  buffer->unlockBaseAddress(kPixelBufferLockReadOnly);
+  return raw;
+}
+
+Raw render(BeautifyEngine& engine, Raw raw, uint32_t format, int width, int height, YuvColorimetry colorimetry = {}) {
+  const PixelBufferRef in = wrap(raw, format, width, height, colorimetry);
+  const PixelBufferRef out = engine.render(in);
+  EXPECT_NE(out, nullptr);
+  EXPECT_EQ(out->pixelFormat(), format);
+  EXPECT_EQ(out->colorimetry(), in->colorimetry());
+  return unwrap(out);
+}
+
+std::unique_ptr<BeautifyEngine> cpuEngine(int mask = BeautifySettings::kDefaultMask) {
+  std::unique_ptr<BeautifyEngine> engine = makeEngine(EngineKind::Cpu);
+  engine->enableBeautifying(static_cast<uintptr_t>(mask));
+  return engine;
+}
+
+// FFmpeg's converter between packed BGRA and a YUV layout, in a scratch folder.
+class Ffmpeg {
+ public:
+  Ffmpeg() : dir_(fs::temp_directory_path() / ("lumo-yuv-" + std::to_string(::getpid()))) {
+    fs::create_directories(dir_);
+  }
+  ~Ffmpeg() { fs::remove_all(dir_); }
+  static bool available() { return std::system("ffmpeg -hide_banner -version >/dev/null 2>&1") == 0; }
+
+  Raw convert(const Raw& from, const char* fromFormat, const char* toFormat, int width, int height, const char* matrix,
+              const char* range) {
+    {
+      std::ofstream(dir_ / "in.raw", std::ios::binary)
+          .write(reinterpret_cast<const char*>(from.data()), static_cast<std::streamsize>(from.size()));
+    }
+    const std::string size = std::to_string(width) + "x" + std::to_string(height);
+    // Accurate rounding and no dithering, so that the reference is the plain matrix.
+    const std::string command = "cd '" + dir_.string() + "' && ffmpeg -v error -y -f rawvideo -pix_fmt " + fromFormat +
+                                " -s " + size + " -i in.raw -vf scale=out_color_matrix=" + matrix +
+                                ":out_range=" + range + ":flags=accurate_rnd+full_chroma_int -pix_fmt " + toFormat +
+                                " -f rawvideo out.raw";
+    EXPECT_EQ(std::system(command.c_str()), 0) << command;
+    std::ifstream file(dir_ / "out.raw", std::ios::binary);
+    return Raw(std::istreambuf_iterator<char>(file), {});
+  }
+
+ private:
+  fs::path dir_;
+};
+
+struct Agreement {
+  double within2 = 0;  // share of samples at most 2 levels apart
+  double meanDifference = 0;
+  int maxDifference = 0;
+};
+
+Agreement agree(const Raw& a, const Raw& b, size_t begin, size_t end) {
+  Agreement result;
+  size_t close = 0;
+  double sum = 0;
+  for (size_t i = begin; i < end; ++i) {
+    const int d = std::abs(static_cast<int>(a[i]) - static_cast<int>(b[i]));
+    close += d <= 2 ? 1 : 0;
+    sum += d;
+    result.maxDifference = std::max(result.maxDifference, d);
+  }
+  result.within2 = static_cast<double>(close) / static_cast<double>(end - begin);
+  result.meanDifference = sum / static_cast<double>(end - begin);
+  return result;
+}
+
+// The portrait converted to YUV by FFmpeg and beautified as YUV matches the portrait beautified as BGRA and
+// then converted the same way, luma and chroma alike, for two matrices and both ranges.
+TEST(YuvFrames, AgreeWithTheBgraPathThroughAReferenceConverter) {
+  if (!Ffmpeg::available()) GTEST_SKIP() << "ffmpeg is not installed";
+  const Frame sample = loadSample();
+  const int w = sample.width;
+  const int h = sample.height;
+  struct Colour {
+    YuvColorimetry colorimetry;
+    const char* matrix;
+    const char* range;
+  };
+  const Colour colours[] = {{{YuvMatrix::Bt709, YuvRange::Limited}, "bt709", "tv"},
+                            {{YuvMatrix::Bt601, YuvRange::Full}, "bt601", "pc"}};
+  Ffmpeg ffmpeg;
+  for (const Colour& colour : colours) {
+    SCOPED_TRACE(colour.matrix);
+    const std::unique_ptr<BeautifyEngine> engine = cpuEngine();
+    const Raw bgraOut = render(*engine, sample.bgra, kPixelFormat32BGRA, w, h);
+    const Raw expected = ffmpeg.convert(bgraOut, "bgra", "nv12", w, h, colour.matrix, colour.range);
+    const Raw nv12In = ffmpeg.convert(sample.bgra, "bgra", "nv12", w, h, colour.matrix, colour.range);
+    ASSERT_EQ(nv12In.size(), pixelFormatFrameBytes(kPixelFormatNV12, w, h));
+    const Raw nv12Out = render(*engine, nv12In, kPixelFormatNV12, w, h, colour.colorimetry);
+    const size_t lumaBytes = static_cast<size_t>(w) * static_cast<size_t>(h);
+    const Agreement luma = agree(nv12Out, expected, 0, lumaBytes);
+    const Agreement chroma = agree(nv12Out, expected, lumaBytes, expected.size());
+    EXPECT_GE(luma.within2, 0.97) << "mean " << luma.meanDifference << " max " << luma.maxDifference;
+    EXPECT_LE(luma.meanDifference, 1.0);
+    EXPECT_GE(chroma.within2, 0.97) << "mean " << chroma.meanDifference << " max " << chroma.maxDifference;
+    EXPECT_LE(chroma.meanDifference, 1.0);
+    // The input really was beautified, not handed back.
+    EXPECT_LT(agree(nv12Out, nv12In, 0, lumaBytes).within2, 0.9);
+  }
+}
+
+// Deinterleaves NV12's chroma plane into I420's two planes.
+Raw nv12ToI420(const Raw& nv12, int width, int height) {
+  const size_t luma = static_cast<size_t>(width) * static_cast<size_t>(height);
+  const size_t chroma = static_cast<size_t>((width + 1) / 2) * static_cast<size_t>((height + 1) / 2);
+  Raw i420(nv12.begin(), nv12.begin() + static_cast<std::ptrdiff_t>(luma));
+  i420.resize(luma + 2 * chroma);
+  for (size_t i = 0; i < chroma; ++i) {
+    i420[luma + i] = nv12[luma + 2 * i];
+    i420[luma + chroma + i] = nv12[luma + 2 * i + 1];
+  }
+  return i420;
+}
+
+// Odd sizes round the chroma planes up; NV12 and I420 carry the same samples and give the same planes.
+TEST(YuvFrames, Nv12AndI420GiveTheSamePlanesAtOddSizes) {
+  for (const auto& size : {std::pair<int, int>{512, 512}, {33, 17}, {1, 1}, {7, 2}}) {
+    const int w = size.first;
+    const int h = size.second;
+    SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
+    Raw nv12(pixelFormatFrameBytes(kPixelFormatNV12, w, h));
+    const Frame sample = loadSample();
+    for (size_t i = 0; i < nv12.size(); ++i) nv12[i] = sample.bgra[(i * 7) % sample.bgra.size()];
+    const std::unique_ptr<BeautifyEngine> engine = cpuEngine(15);
+    const Raw fromNv12 = render(*engine, nv12, kPixelFormatNV12, w, h);
+    const Raw fromI420 = render(*engine, nv12ToI420(nv12, w, h), kPixelFormatI420, w, h);
+    EXPECT_EQ(nv12ToI420(fromNv12, w, h), fromI420);
+  }
+}
+
+// Host planes with padded rows, each plane in its own allocation, give what tight planes give; the padding
+// is left alone.
+TEST(YuvFrames, PaddedHostPlanesGiveWhatTightPlanesGive) {
+  const int w = 45;
+  const int h = 31;
+  const Frame sample = loadSample();
+  Raw tight(pixelFormatFrameBytes(kPixelFormatI420, w, h));
+  for (size_t i = 0; i < tight.size(); ++i) tight[i] = sample.bgra[(i * 13) % sample.bgra.size()];
+  const std::unique_ptr<BeautifyEngine> engine = cpuEngine(7);
+  const Raw expected = render(*engine, tight, kPixelFormatI420, w, h);
+
+  const size_t strides[3] = {64, 40, 48};
+  std::vector<Raw> planes;
+  PixelBufferPlane described[3];
+  size_t offset = 0;
+  for (int p = 0; p < 3; ++p) {
+    const PixelPlaneGeometry g = pixelFormatPlane(kPixelFormatI420, w, h, p);
+    planes.emplace_back(strides[p] * static_cast<size_t>(g.height), uint8_t{0xEE});
+    for (int y = 0; y < g.height; ++y) {
+      std::copy_n(tight.begin() + static_cast<std::ptrdiff_t>(offset + g.rowBytes() * static_cast<size_t>(y)),
+                  g.rowBytes(), planes[p].begin() + static_cast<std::ptrdiff_t>(strides[p] * static_cast<size_t>(y)));
+    }
+    offset += g.rowBytes() * static_cast<size_t>(g.height);
+    described[p] = {planes[p].data(), strides[p]};
+  }
+  PixelBufferRef padded;
+  ASSERT_EQ(PixelBuffer::createWithPlanes(w, h, kPixelFormatI420, described, 3, nullptr, {}, &padded),
+            kPixelBufferSuccess);
+  EXPECT_EQ(unwrap(engine->render(padded)), expected);
+  EXPECT_EQ(planes[1][static_cast<size_t>((w + 1) / 2)], 0xEE) << "the padding is the host's";
+}
+
+// RGBA, BGRx and RGBx are BGRA in another order: the same picture, the fourth byte opaque where unused.
+TEST(YuvFrames, PackedOrdersGiveTheBgraPicture) {
+  const Frame sample = loadSample();
+  const int w = sample.width;
+  const int h = sample.height;
+  const std::unique_ptr<BeautifyEngine> engine = cpuEngine(15);
+  const Raw bgra = render(*engine, sample.bgra, kPixelFormat32BGRA, w, h);
+  auto reorder = [](const Raw& in, bool swap, bool opaque) {
+    Raw out(in);
+    for (size_t i = 0; i < out.size(); i += 4) {
+      if (swap) std::swap(out[i], out[i + 2]);
+      if (opaque) out[i + 3] = 255;
+    }
+    return out;
+  };
+  EXPECT_EQ(render(*engine, reorder(sample.bgra, true, false), kPixelFormat32RGBA, w, h), reorder(bgra, true, false));
+  EXPECT_EQ(render(*engine, sample.bgra, kPixelFormat32BGRX, w, h), reorder(bgra, false, true));
+  EXPECT_EQ(render(*engine, reorder(sample.bgra, true, false), kPixelFormat32RGBX, w, h), reorder(bgra, true, true));
+}
+
+// With nothing enabled the very buffer comes back; the format's frame sizes and names are what hosts expect.
+TEST(YuvFrames, NothingEnabledHandsTheBufferBackAndFormatsDescribeThemselves) {
+  Raw raw(pixelFormatFrameBytes(kPixelFormatNV12, 9, 5), 77);
+  const PixelBufferRef in = wrap(raw, kPixelFormatNV12, 9, 5);
+  const std::unique_ptr<BeautifyEngine> engine = cpuEngine(0);
+  EXPECT_EQ(engine->render(in), in);
+  EXPECT_EQ(raw.size(), 9u * 5u + 10u * 3u);
+  EXPECT_EQ(pixelFormatFrameBytes(kPixelFormatI420, 9, 5), 9u * 5u + 2u * 5u * 3u);
+  uint32_t format = 0;
+  EXPECT_TRUE(parsePixelFormat("NV12", &format));
+  EXPECT_EQ(format, kPixelFormatNV12);
+  EXPECT_FALSE(parsePixelFormat("yuy2", &format));
+  // Unset colorimetry resolves as GStreamer's caps do.
+  EXPECT_EQ(in->colorimetry(), (YuvColorimetry{YuvMatrix::Bt601, YuvRange::Limited}));
+  EXPECT_EQ(resolveColorimetry({}, 720), (YuvColorimetry{YuvMatrix::Bt709, YuvRange::Limited}));
+  PixelBufferRef refused;
+  EXPECT_EQ(PixelBuffer::createWithBytes(9, 5, kPixelFormatNV12, raw.data(), 9, nullptr, {}, &refused),
+            kPixelBufferErrorInvalidArgument);
+  PixelBufferPlane shortRows[2] = {{raw.data(), 9}, {raw.data(), 9}};
+  EXPECT_EQ(PixelBuffer::createWithPlanes(9, 5, kPixelFormatNV12, shortRows, 2, nullptr, {}, &refused),
+            kPixelBufferErrorInvalidStride);
+}
+
+}  // namespace
+}  // namespace lumo::test
