@@ -1,10 +1,12 @@
-// lumobeautify: the beautify filter chain as a GStreamer video filter on packed BGRA frames.
+// lumobeautify: the beautify filter chain as a GStreamer video filter on YUV 4:2:0 and packed RGB frames,
+// each frame out in the format it came in.
 #include <gst/gst.h>
 #include <gst/video/gstvideofilter.h>
 #include <gst/video/video.h>
 
 #include <lumo/lumo.h>
 
+#include <cstring>
 #include <memory>
 #include <new>
 #include <string>
@@ -194,12 +196,71 @@ void beforeTransform(GstBaseTransform* transform, GstBuffer* buffer) {
   gst_base_transform_set_passthrough(transform, passthrough ? TRUE : FALSE);
 }
 
+#define LUMO_GST_FORMATS "{ NV12, I420, BGRA, RGBA, BGRx, RGBx }"
+
+uint32_t pixelFormatOf(GstVideoFormat format) {
+  switch (format) {
+    case GST_VIDEO_FORMAT_NV12: return lumo::kPixelFormatNV12;
+    case GST_VIDEO_FORMAT_I420: return lumo::kPixelFormatI420;
+    case GST_VIDEO_FORMAT_BGRA: return lumo::kPixelFormat32BGRA;
+    case GST_VIDEO_FORMAT_RGBA: return lumo::kPixelFormat32RGBA;
+    case GST_VIDEO_FORMAT_BGRx: return lumo::kPixelFormat32BGRX;
+    case GST_VIDEO_FORMAT_RGBx: return lumo::kPixelFormat32RGBX;
+    default: return 0;
+  }
+}
+
+// The caps' colorimetry (GStreamer has filled in its defaults where the caps gave none). The library knows
+// BT.601 and BT.709: FCC is BT.601's matrix in all but rounding, and the rarer ones are drawn as BT.709.
+lumo::YuvColorimetry colorimetryOf(const GstVideoInfo& info) {
+  lumo::YuvColorimetry colorimetry;
+  const GstVideoColorMatrix matrix = info.colorimetry.matrix;
+  colorimetry.matrix = matrix == GST_VIDEO_COLOR_MATRIX_BT601 || matrix == GST_VIDEO_COLOR_MATRIX_FCC
+                           ? lumo::YuvMatrix::Bt601
+                           : lumo::YuvMatrix::Bt709;
+  colorimetry.range =
+      info.colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255 ? lumo::YuvRange::Full : lumo::YuvRange::Limited;
+  return colorimetry;
+}
+
+// Wraps the frame's planes (with the strides and offsets of its video meta) without a copy.
+int32_t wrapFrame(GstVideoFrame* frame, lumo::PixelBufferRef* out) {
+  const uint32_t format = pixelFormatOf(GST_VIDEO_FRAME_FORMAT(frame));
+  lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
+  const int32_t count = lumo::pixelFormatPlaneCount(format);
+  for (int32_t plane = 0; plane < count; ++plane) {
+    planes[plane] = {GST_VIDEO_FRAME_PLANE_DATA(frame, plane),
+                     static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(frame, plane))};
+  }
+  lumo::PixelBufferAttributes attributes;
+  attributes.colorimetry = colorimetryOf(frame->info);
+  return lumo::PixelBuffer::createWithPlanes(GST_VIDEO_FRAME_WIDTH(frame), GST_VIDEO_FRAME_HEIGHT(frame), format,
+                                             planes, count, nullptr, attributes, out);
+}
+
+// Copies every plane of `result` into the frame's planes, row by row (the strides may differ).
+void copyPlanes(const lumo::PixelBufferRef& result, GstVideoFrame* frame) {
+  result->lockBaseAddress(lumo::kPixelBufferLockReadOnly);
+  for (int32_t plane = 0; plane < result->planeCount(); ++plane) {
+    const lumo::PixelPlaneGeometry geometry = result->planeGeometry(plane);
+    const auto* from = static_cast<const uint8_t*>(result->baseAddressOfPlane(plane));
+    auto* to = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(frame, plane));
+    const size_t fromStride = result->bytesPerRowOfPlane(plane);
+    const auto toStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(frame, plane));
+    for (int32_t y = 0; y < geometry.height; ++y) {
+      std::memcpy(to + toStride * static_cast<size_t>(y), from + fromStride * static_cast<size_t>(y),
+                  geometry.rowBytes());
+    }
+  }
+  result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
+}
+
 // Renders one frame into `out`; false when the engine handed the input back undrawn.
-bool renderInto(lumo::BeautifyEngine& engine, const lumo::PixelBufferRef& input, uint8_t* out, size_t outStride) {
+bool renderInto(lumo::BeautifyEngine& engine, const lumo::PixelBufferRef& input, GstVideoFrame* out) {
   return withCallerContext([&] {
     const lumo::PixelBufferRef result = engine.render(input);
     if (!result || result == input) return false;
-    lumo::copyPixelsOut(result, out, outStride);
+    copyPlanes(result, out);
     return true;
   });
 }
@@ -220,33 +281,31 @@ GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, Gst
 
   const int width = GST_VIDEO_FRAME_WIDTH(in);
   const int height = GST_VIDEO_FRAME_HEIGHT(in);
-  const auto inStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(in, 0));
-  const auto outStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(out, 0));
-  auto* outData = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(out, 0));
+  const char* formatName = gst_video_format_to_string(GST_VIDEO_FRAME_FORMAT(in));
 
   // The frame's memory is wrapped, not copied; the texture cache reuses the texture of the last frame.
   lumo::PixelBufferRef input;
-  const int32_t wrapped = lumo::PixelBuffer::createWithBytes(
-      width, height, lumo::kPixelFormat32BGRA, GST_VIDEO_FRAME_PLANE_DATA(in, 0), inStride, nullptr, {}, &input);
+  const int32_t wrapped = wrapFrame(in, &input);
   if (wrapped != lumo::kPixelBufferSuccess) {
     GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify cannot process a %d x %d frame", width, height),
                       ("wrapping the frame failed with status %d", wrapped));
     return GST_FLOW_ERROR;
   }
-  if (renderInto(*filter, input, outData, outStride)) return GST_FLOW_OK;
+  if (renderInto(*filter, input, out)) return GST_FLOW_OK;
   // Not in passthrough, so a pass was due: the GL engine could not draw this frame (larger than the GPU's
-  // texture limit, a first frame of 1 x 1, a lost context). The CPU engine draws the same picture.
+  // texture limit, a first frame of 1 x 1, a lost context, a format it does not map). The CPU engine draws
+  // the same picture.
   if (filter->kind() == lumo::EngineKind::Gl) {
     if (!element->state.fallback) {
       element->state.fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
       GST_ELEMENT_WARNING(element, STREAM, FAILED,
-                          ("lumobeautify: the GL engine could not draw a %d x %d frame; the CPU engine draws "
+                          ("lumobeautify: the GL engine could not draw a %d x %d %s frame; the CPU engine draws "
                            "such frames",
-                           width, height),
+                           width, height, formatName),
                           (nullptr));
     }
     element->state.fallback->applySettings(settings.beautify);
-    if (renderInto(*element->state.fallback, input, outData, outStride)) return GST_FLOW_OK;
+    if (renderInto(*element->state.fallback, input, out)) return GST_FLOW_OK;
   }
   GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify could not process a %d x %d frame", width, height),
                     ("the engine drew nothing"));
@@ -294,7 +353,8 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
       objectClass, kPropSkinWhiten,
       floatSpec("skin-whiten", "Skin whiten", "Pink whiten strength on skin", BeautifySettings::kSkinWhiten));
 
-  GstCaps* caps = gst_caps_from_string(GST_VIDEO_CAPS_MAKE("BGRA"));
+  // Output format = input format: GstVideoFilter's caps transform keeps the format.
+  GstCaps* caps = gst_caps_from_string(GST_VIDEO_CAPS_MAKE(LUMO_GST_FORMATS));
   gst_element_class_add_pad_template(elementClass, gst_pad_template_new("sink", GST_PAD_SINK, GST_PAD_ALWAYS, caps));
   gst_element_class_add_pad_template(elementClass, gst_pad_template_new("src", GST_PAD_SRC, GST_PAD_ALWAYS, caps));
   gst_caps_unref(caps);

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "support/GlHarness.h"
 
@@ -223,12 +224,130 @@ TEST(LumoBeautifyElement, PropertiesHaveTheDefaultsAndRanges) {
   gst_object_unref(element);
 }
 
-TEST(LumoBeautifyElement, RefusesCapsOtherThanBgra) {
+TEST(LumoBeautifyElement, RefusesFormatsItDoesNotTake) {
   GstHarness* harness = newHarness();
-  gst_harness_set_src_caps_str(harness, "video/x-raw,format=I420,width=64,height=48,framerate=30/1");
-  EXPECT_EQ(gst_harness_push(harness, gst_buffer_new_allocate(nullptr, 64 * 48 * 3 / 2, nullptr)),
-            GST_FLOW_NOT_NEGOTIATED);
+  gst_harness_set_src_caps_str(harness, "video/x-raw,format=YUY2,width=64,height=48,framerate=30/1");
+  EXPECT_EQ(gst_harness_push(harness, gst_buffer_new_allocate(nullptr, 64 * 48 * 2, nullptr)), GST_FLOW_NOT_NEGOTIATED);
   gst_harness_teardown(harness);
+}
+
+// Tight planes of a YUV frame (the portrait's bytes, so that it has skin-like values and edges).
+std::vector<uint8_t> yuvPlanes(uint32_t format, int width, int height) {
+  static const reference::Frame sample = loadSample();
+  std::vector<uint8_t> raw(pixelFormatFrameBytes(format, width, height));
+  for (size_t i = 0; i < raw.size(); ++i) raw[i] = sample.bgra[(i * 5) % sample.bgra.size()];
+  return raw;
+}
+
+// What the CPU engine returns for tight planes with that colorimetry, as tight planes.
+std::vector<uint8_t> libraryPlanes(std::vector<uint8_t> raw, uint32_t format, int width, int height,
+                                   YuvColorimetry colorimetry) {
+  PixelBufferPlane planes[kPixelBufferMaxPlanes];
+  size_t offset = 0;
+  for (int p = 0; p < pixelFormatPlaneCount(format); ++p) {
+    const PixelPlaneGeometry g = pixelFormatPlane(format, width, height, p);
+    planes[p] = {raw.data() + offset, g.rowBytes()};
+    offset += g.rowBytes() * static_cast<size_t>(g.height);
+  }
+  PixelBufferAttributes attributes;
+  attributes.colorimetry = colorimetry;
+  PixelBufferRef in;
+  EXPECT_EQ(PixelBuffer::createWithPlanes(width, height, format, planes, pixelFormatPlaneCount(format), nullptr,
+                                          attributes, &in),
+            kPixelBufferSuccess);
+  const std::unique_ptr<BeautifyEngine> engine = makeEngine(EngineKind::Cpu);
+  engine->applySettings(BeautifySettings{});  // the element's defaults
+  const PixelBufferRef out = engine->render(in);
+  std::vector<uint8_t> result;
+  for (int p = 0; p < out->planeCount(); ++p) {
+    const PixelPlaneGeometry g = out->planeGeometry(p);
+    const auto* bytes = static_cast<const uint8_t*>(out->baseAddressOfPlane(p));
+    for (int y = 0; y < g.height; ++y) {
+      const uint8_t* row = bytes + out->bytesPerRowOfPlane(p) * static_cast<size_t>(y);
+      result.insert(result.end(), row, row + g.rowBytes());
+    }
+  }
+  return result;
+}
+
+// YUV frames go through as they are, planes at padded strides and offsets from a video meta, with the
+// caps' colorimetry (or GStreamer's default for the size), and come out in the same format.
+TEST(LumoBeautifyElement, TakesYuvFramesWithTheirPlanesAndColorimetry) {
+  struct Case {
+    const char* format;
+    uint32_t pixelFormat;
+    int width, height;
+    const char* colorimetry;  // in the caps, or none
+    YuvColorimetry expected;
+  };
+  const Case cases[] = {
+      {"NV12", kPixelFormatNV12, 64, 48, "bt709", {YuvMatrix::Bt709, YuvRange::Limited}},
+      {"I420", kPixelFormatI420, 45, 31, nullptr, {YuvMatrix::Bt601, YuvRange::Limited}},
+      {"NV12", kPixelFormatNV12, 33, 17, "1:3:5:1", {YuvMatrix::Bt709, YuvRange::Full}},
+  };
+  // The GL engine hands YUV frames to the CPU engine: the same planes either way.
+  for (const char* engine : {"cpu", "gl"})
+    for (const Case& c : cases) {
+      SCOPED_TRACE(std::string(engine) + " " + c.format + " " + std::to_string(c.width) + "x" +
+                   std::to_string(c.height));
+      GstHarness* harness = newHarness(engine);
+      std::string caps = std::string("video/x-raw,format=") + c.format + ",width=" + std::to_string(c.width) +
+                         ",height=" + std::to_string(c.height) + ",framerate=30/1";
+      if (c.colorimetry != nullptr) caps += std::string(",colorimetry=") + c.colorimetry;
+      gst_harness_set_caps_str(harness, caps.c_str(), caps.c_str());
+
+      const std::vector<uint8_t> tight = yuvPlanes(c.pixelFormat, c.width, c.height);
+      // Each plane 24 bytes wider than its row, and 8 bytes between planes.
+      gsize offsets[GST_VIDEO_MAX_PLANES] = {};
+      gint strides[GST_VIDEO_MAX_PLANES] = {};
+      size_t total = 0;
+      const int planes = pixelFormatPlaneCount(c.pixelFormat);
+      for (int p = 0; p < planes; ++p) {
+        const PixelPlaneGeometry g = pixelFormatPlane(c.pixelFormat, c.width, c.height, p);
+        offsets[p] = total;
+        strides[p] = static_cast<gint>(g.rowBytes() + 24);
+        total += static_cast<size_t>(strides[p]) * static_cast<size_t>(g.height) + 8;
+      }
+      GstBuffer* buffer = gst_buffer_new_allocate(nullptr, total, nullptr);
+      GstMapInfo map;
+      gst_buffer_map(buffer, &map, GST_MAP_WRITE);
+      std::memset(map.data, 0xA5, map.size);
+      size_t from = 0;
+      for (int p = 0; p < planes; ++p) {
+        const PixelPlaneGeometry g = pixelFormatPlane(c.pixelFormat, c.width, c.height, p);
+        for (int y = 0; y < g.height; ++y, from += g.rowBytes()) {
+          std::memcpy(map.data + offsets[p] + static_cast<size_t>(strides[p]) * y, tight.data() + from, g.rowBytes());
+        }
+      }
+      gst_buffer_unmap(buffer, &map);
+      gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, gst_video_format_from_string(c.format),
+                                     static_cast<guint>(c.width), static_cast<guint>(c.height),
+                                     static_cast<guint>(planes), offsets, strides);
+
+      GstBuffer* out = gst_harness_push_and_pull(harness, buffer);
+      ASSERT_NE(out, nullptr);
+      GstCaps* outCaps = gst_pad_get_current_caps(harness->sinkpad);
+      GstVideoInfo info;
+      ASSERT_TRUE(gst_video_info_from_caps(&info, outCaps));
+      gst_caps_unref(outCaps);
+      EXPECT_EQ(GST_VIDEO_INFO_FORMAT(&info), gst_video_format_from_string(c.format));
+      GstVideoFrame frame;
+      ASSERT_TRUE(gst_video_frame_map(&frame, &info, out, GST_MAP_READ));
+      std::vector<uint8_t> got;
+      for (int p = 0; p < planes; ++p) {
+        const PixelPlaneGeometry g = pixelFormatPlane(c.pixelFormat, c.width, c.height, p);
+        const auto* data = static_cast<const uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(&frame, p));
+        for (int y = 0; y < g.height; ++y) {
+          const uint8_t* row = data + GST_VIDEO_FRAME_PLANE_STRIDE(&frame, p) * y;
+          got.insert(got.end(), row, row + g.rowBytes());
+        }
+      }
+      gst_video_frame_unmap(&frame);
+      gst_buffer_unref(out);
+      EXPECT_EQ(got, libraryPlanes(tight, c.pixelFormat, c.width, c.height, c.expected));
+      EXPECT_NE(got, tight);
+      gst_harness_teardown(harness);
+    }
 }
 
 int maxTextureSize() {
@@ -256,7 +375,7 @@ TEST(LumoBeautifyElement, FramesTheGpuCannotDrawAreDrawnByTheCpuEngineWithAWarni
   ASSERT_NE(message, nullptr);
   GError* error = nullptr;
   gst_message_parse_warning(message, &error, nullptr);
-  EXPECT_NE(std::string(error->message).find("the GL engine could not draw a 1 x 1 frame"), std::string::npos)
+  EXPECT_NE(std::string(error->message).find("the GL engine could not draw a 1 x 1 BGRA frame"), std::string::npos)
       << error->message;
   g_error_free(error);
   gst_message_unref(message);
