@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -88,6 +89,35 @@ TEST_F(Tool, RawStreamWritesCompleteFramesThenReportsATruncatedOne) {
   EXPECT_EQ(fs::file_size(dir_ / "piped.raw"), frame * 3) << "the complete frames are written";
   EXPECT_NE(full.err.find("3 complete frames written before the error"), std::string::npos) << full.err;
   EXPECT_FALSE(fs::exists(dir_ / "out.raw")) << "a failed stream into a file leaves nothing";
+}
+
+// YUV streams: frames of the format's size (chroma rounded up at odd sizes) come out in the same format, the
+// matrix and range given travel with them, and options that do not fit are usage errors.
+TEST_F(Tool, RawYuvStreamsKeepTheirFormatAndColorimetry) {
+  const size_t frame = 33 * 17 + 2 * (17 * 9);  // NV12 or I420 at 33 x 17
+  std::string data;
+  for (size_t i = 0; i < 3 * frame; ++i) data += static_cast<char>(40 + (i * 37) % 180);
+  std::ofstream(dir_ / "in.yuv", std::ios::binary) << data;
+  auto output = [&](const std::string& options, const std::string& name) {
+    const Outcome r = run("--raw 33x17 " + options + " in.yuv -o " + name);
+    EXPECT_EQ(r.status, 0) << options << ": " << r.err;
+    std::ifstream file(dir_ / name, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  const std::string nv12 = output("--format nv12", "nv12.yuv");
+  EXPECT_EQ(nv12.size(), data.size());
+  EXPECT_NE(nv12, data);
+  EXPECT_NE(output("--format nv12 --matrix bt709 --range full", "709.yuv"), nv12);
+  EXPECT_EQ(output("--format nv12 --matrix bt601 --range limited", "601.yuv"), nv12) << "the default for 17 rows";
+  EXPECT_EQ(output("--format I420", "i420.yuv").size(), data.size());
+
+  for (const char* bad : {"--raw 33x17 --format yuy2 in.yuv -o x", "--format nv12 in.yuv -o x.png",
+                          "--raw 33x17 --matrix bt709 in.yuv -o x", "--raw 33x17 --format nv12 --range tvv in.yuv -o x",
+                          "--raw 33x17 --format nv12 --matrix bt2020 in.yuv -o x"}) {
+    const Outcome r = run(bad);
+    EXPECT_EQ(r.status, 2) << bad << ": " << r.err;
+    EXPECT_FALSE(fs::exists(dir_ / "x")) << bad;
+  }
 }
 
 TEST_F(Tool, ClosedOutputPipeEndsQuietly) {

@@ -1,4 +1,5 @@
-// lumo-beautify: beautify a photo, or a live raw BGRA stream piped from and to FFmpeg or GStreamer.
+// lumo-beautify: beautify a photo, or a live raw video stream (BGRA, RGBA, NV12, I420...) piped from and to
+// FFmpeg or GStreamer.
 #include <lumo/lumo.h>
 
 #include <algorithm>
@@ -38,6 +39,8 @@ struct Options {
   bool progress = false;
   int rawWidth = 0;
   int rawHeight = 0;
+  uint32_t rawFormat = lumo::kPixelFormat32BGRA;
+  lumo::YuvColorimetry colorimetry;  // of YUV frames; unset parts follow the frame height
   lumo::BeautifySettings beautify;
   lumo::EngineKind engine = lumo::EngineKind::Auto;
 };
@@ -47,13 +50,16 @@ void printHelp() {
       "Usage: lumo-beautify [OPTIONS] [IN] [-o OUT]\n"
       "       lumo-beautify --raw WIDTHxHEIGHT [OPTIONS] IN|- -o OUT|-\n"
       "\n"
-      "Beautifies a portrait photo (PNG or JPEG, the format follows the file name), or a stream of packed\n"
-      "BGRA frames. With no IN, beautifies the bundled sample portrait into the current folder.\n"
+      "Beautifies a portrait photo (PNG or JPEG, the format follows the file name), or a stream of raw\n"
+      "frames. With no IN, beautifies the bundled sample portrait into the current folder.\n"
       "\n"
       "  -o, --output FILE       where to write (default: IN's name with -beautified)\n"
       "      --compare           also write a side-by-side before/after image (FILE-compare)\n"
-      "      --raw WxH           stream mode: raw BGRA frames of W x H from IN (- for stdin) to OUT (- for\n"
-      "                          stdout), one frame at a time\n"
+      "      --raw WxH           stream mode: raw frames of W x H from IN (- for stdin) to OUT (- for\n"
+      "                          stdout), one frame at a time, each out in the format it came in\n"
+      "      --format F          the raw frames' layout: bgra, rgba, bgrx, rgbx, nv12 or i420 (default: bgra)\n"
+      "      --matrix M          YUV matrix: bt601 or bt709 (default: bt709 above 576 rows, else bt601)\n"
+      "      --range R           YUV range: limited (16..235) or full (0..255) (default: limited)\n"
       "      --progress          show frames and fps on stderr (default: when stderr is a terminal)\n"
       "      --mask LIST|N       passes to run: names polish,whiten,skin-whiten,sharpen or a number\n"
       "                          (default: polish,whiten,skin-whiten = 7; 0 = none)\n"
@@ -177,6 +183,7 @@ void parseRawSize(const char* text, int* width, int* height) {
 
 Options parse(int argc, char** argv) {
   Options options;
+  bool formatGiven = false;
   std::vector<std::string> positional;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -199,6 +206,30 @@ Options parse(int argc, char** argv) {
       options.progress = true;
     } else if (arg == "--raw") {
       parseRawSize(value(), &options.rawWidth, &options.rawHeight);
+    } else if (arg == "--format") {
+      const char* name = value();
+      if (!lumo::parsePixelFormat(name, &options.rawFormat)) {
+        usageError(std::string("option --format wants bgra, rgba, bgrx, rgbx, nv12 or i420, got '") + name + "'");
+      }
+      formatGiven = true;
+    } else if (arg == "--matrix") {
+      const std::string name = value();
+      if (name == "bt601") {
+        options.colorimetry.matrix = lumo::YuvMatrix::Bt601;
+      } else if (name == "bt709") {
+        options.colorimetry.matrix = lumo::YuvMatrix::Bt709;
+      } else {
+        usageError("option --matrix wants bt601 or bt709, got '" + name + "'");
+      }
+    } else if (arg == "--range") {
+      const std::string name = value();
+      if (name == "limited" || name == "tv") {
+        options.colorimetry.range = lumo::YuvRange::Limited;
+      } else if (name == "full" || name == "pc") {
+        options.colorimetry.range = lumo::YuvRange::Full;
+      } else {
+        usageError("option --range wants limited or full, got '" + name + "'");
+      }
     } else if (arg == "--engine") {
       const char* name = value();
       if (!lumo::parseEngineKind(name, &options.engine)) {
@@ -226,6 +257,11 @@ Options parse(int argc, char** argv) {
   }
   if (positional.size() > 1) usageError("one input at a time");
   if (!positional.empty()) options.input = positional[0];
+  if (formatGiven && options.rawWidth == 0) usageError("--format describes raw frames: use it with --raw");
+  const bool colorimetryGiven = options.colorimetry != lumo::YuvColorimetry{};
+  if (colorimetryGiven && !lumo::pixelFormatIsYuv(options.rawFormat)) {
+    usageError("--matrix and --range describe YUV frames: use them with --raw and --format nv12 or i420");
+  }
   if (options.rawWidth > 0 && (options.input.empty() || options.output.empty())) {
     usageError("--raw needs an input (- for stdin) and -o OUT (- for stdout)");
   }
@@ -252,14 +288,47 @@ std::unique_ptr<lumo::BeautifyEngine> startEngine(const Options& options) {
   return engine;
 }
 
-// Draws one frame into `out` (packed BGRA). An engine that hands back the very input although the settings
+// Wraps a frame of tightly packed planes (a raw stream's layout, or a decoded photo's BGRA) without a copy.
+lumo::PixelBufferRef wrapFrame(std::vector<uint8_t>& frame, uint32_t format, int width, int height,
+                               lumo::YuvColorimetry colorimetry) {
+  lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
+  size_t offset = 0;
+  for (int32_t plane = 0; plane < lumo::pixelFormatPlaneCount(format); ++plane) {
+    const lumo::PixelPlaneGeometry geometry = lumo::pixelFormatPlane(format, width, height, plane);
+    planes[plane] = {frame.data() + offset, geometry.rowBytes()};
+    offset += geometry.rowBytes() * static_cast<size_t>(geometry.height);
+  }
+  lumo::PixelBufferAttributes attributes;
+  attributes.colorimetry = colorimetry;
+  lumo::PixelBufferRef buffer;
+  lumo::PixelBuffer::createWithPlanes(width, height, format, planes, lumo::pixelFormatPlaneCount(format), nullptr,
+                                      attributes, &buffer);
+  return buffer;
+}
+
+// Copies a result's planes into `out`, tightly packed.
+void copyFrameOut(const lumo::PixelBufferRef& result, std::vector<uint8_t>& out) {
+  out.resize(lumo::pixelFormatFrameBytes(result->pixelFormat(), result->width(), result->height()));
+  result->lockBaseAddress(lumo::kPixelBufferLockReadOnly);
+  uint8_t* to = out.data();
+  for (int32_t plane = 0; plane < result->planeCount(); ++plane) {
+    const lumo::PixelPlaneGeometry geometry = result->planeGeometry(plane);
+    const auto* from = static_cast<const uint8_t*>(result->baseAddressOfPlane(plane));
+    for (int32_t y = 0; y < geometry.height; ++y, to += geometry.rowBytes()) {
+      std::memcpy(to, from + result->bytesPerRowOfPlane(plane) * static_cast<size_t>(y), geometry.rowBytes());
+    }
+  }
+  result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
+}
+
+// Draws one frame into `out` (the same layout). An engine that hands back the very input although the settings
 // enable a pass has not drawn it (the GL engine does so with a 1 x 1 frame): the CPU engine draws that frame
 // instead, said once on stderr. False with the reason when no engine drew it.
 bool process(lumo::BeautifyEngine& filter, std::unique_ptr<lumo::BeautifyEngine>& fallback, const Options& options,
-             std::vector<uint8_t>& frame, int width, int height, std::vector<uint8_t>& out, std::string* why) {
-  lumo::PixelBufferRef input;
-  if (lumo::PixelBuffer::createWithBytes(width, height, lumo::kPixelFormat32BGRA, frame.data(),
-                                         static_cast<size_t>(width) * 4, nullptr, {}, &input) != 0) {
+             std::vector<uint8_t>& frame, uint32_t format, int width, int height, std::vector<uint8_t>& out,
+             std::string* why) {
+  const lumo::PixelBufferRef input = wrapFrame(frame, format, width, height, options.colorimetry);
+  if (!input) {
     *why = "the frame could not be wrapped in a pixel buffer";
     return false;
   }
@@ -267,8 +336,8 @@ bool process(lumo::BeautifyEngine& filter, std::unique_ptr<lumo::BeautifyEngine>
   lumo::PixelBufferRef result = filter.render(input);
   if (result && result == input && drawsSomething) {
     if (!fallback) {
-      std::fprintf(stderr, "lumo-beautify: the engine returned a %dx%d frame undrawn; the CPU engine draws it\n", width,
-                   height);
+      std::fprintf(stderr, "lumo-beautify: the engine returned a %dx%d %s frame undrawn; the CPU engine draws it\n",
+                   width, height, lumo::pixelFormatName(format));
       lumo::tools::SignalsHeld held;  // its worker threads leave signals to the main thread
       fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
       fallback->applySettings(options.beautify);
@@ -279,8 +348,7 @@ bool process(lumo::BeautifyEngine& filter, std::unique_ptr<lumo::BeautifyEngine>
     *why = "no engine drew it (no GL context?)";
     return false;
   }
-  out.resize(frame.size());
-  lumo::copyPixelsOut(result, out.data(), static_cast<size_t>(width) * 4);
+  copyFrameOut(result, out);
   return true;
 }
 
@@ -391,7 +459,8 @@ int runPhoto(Options options) {
   if (!filter) return kExitFailure;
   std::unique_ptr<lumo::BeautifyEngine> fallback;
   Image after{image.width, image.height, {}};
-  const bool drawn = process(*filter, fallback, options, image.bgra, image.width, image.height, after.bgra, &error);
+  const bool drawn = process(*filter, fallback, options, image.bgra, lumo::kPixelFormat32BGRA, image.width,
+                             image.height, after.bgra, &error);
   filter->destroy();
   if (fallback) fallback->destroy();
   if (!drawn) return failure(options.input, "the picture could not be processed: " + error);
@@ -446,7 +515,7 @@ int runStream(const Options& options) {
   if (!out.open(&error)) return failedToOpen(options.output, error);
 
   const bool showProgress = options.progress || ::isatty(STDERR_FILENO) != 0;
-  const size_t frameBytes = static_cast<size_t>(options.rawWidth) * static_cast<size_t>(options.rawHeight) * 4;
+  const size_t frameBytes = lumo::pixelFormatFrameBytes(options.rawFormat, options.rawWidth, options.rawHeight);
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
   size_t written = 0;
@@ -474,7 +543,8 @@ int runStream(const Options& options) {
       break;
     }
     const auto begin = std::chrono::steady_clock::now();
-    if (!process(*filter, fallback, options, frame, options.rawWidth, options.rawHeight, result, &error)) {
+    if (!process(*filter, fallback, options, frame, options.rawFormat, options.rawWidth, options.rawHeight, result,
+                 &error)) {
       status = fail("frame " + std::to_string(millis.size() + 1) + " could not be processed: " + error);
       break;
     }

@@ -18,12 +18,16 @@ for nick in polish whiten skin-whiten sharpen; do
 done
 
 frames=60 width=640 height=480
-gst-launch-1.0 -q videotestsrc num-buffers=$frames \
-  ! video/x-raw,format=BGRA,width=$width,height=$height ! lumobeautify mask=polish+whiten \
-  ! filesink location="$work/out.bgra"
-gst-launch-1.0 -q videotestsrc num-buffers=$frames \
-  ! video/x-raw,format=BGRA,width=$width,height=$height ! filesink location="$work/in.bgra"
-size=$(stat -c %s "$work/out.bgra")
-[ "$size" -eq $((frames * width * height * 4)) ] || fail "out.bgra holds $size bytes, not $frames frames"
-cmp -s "$work/in.bgra" "$work/out.bgra" && fail "lumobeautify passed the frames through unchanged"
-echo "gst_tools_test: gst-inspect lists the properties; $frames frames of ${width}x${height} through gst-launch"
+# Each format straight from the source into the element and out, with no conversion element.
+for format in BGRA NV12 I420 RGBx; do
+  case $format in NV12 | I420) bytes=$((width * height * 3 / 2)) ;; *) bytes=$((width * height * 4)) ;; esac
+  gst-launch-1.0 -q videotestsrc num-buffers=$frames \
+    ! video/x-raw,format=$format,width=$width,height=$height ! lumobeautify mask=polish+whiten \
+    ! video/x-raw,format=$format ! filesink location="$work/out.$format"
+  gst-launch-1.0 -q videotestsrc num-buffers=$frames \
+    ! video/x-raw,format=$format,width=$width,height=$height ! filesink location="$work/in.$format"
+  size=$(stat -c %s "$work/out.$format")
+  [ "$size" -eq $((frames * bytes)) ] || fail "out.$format holds $size bytes, not $frames frames"
+  cmp -s "$work/in.$format" "$work/out.$format" && fail "lumobeautify passed the $format frames through unchanged"
+done
+echo "gst_tools_test: gst-inspect lists the properties; $frames frames of ${width}x${height} in BGRA, NV12, I420 and RGBx through gst-launch"

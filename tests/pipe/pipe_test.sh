@@ -1,10 +1,17 @@
 #!/usr/bin/env bash
 # lumo-beautify inside real FFmpeg and GStreamer pipes, as the README shows them.
-# Usage: pipe_test.sh ffmpeg|gstreamer TOOL SAMPLE WORKDIR
+# Usage: pipe_test.sh ffmpeg|gstreamer[-FORMAT] TOOL SAMPLE WORKDIR   (FORMAT: bgra, the default, nv12 or i420)
 set -euo pipefail
 leg=$1 tool=$2 sample=$3 work=$4
 width=640 height=360 frames=60
-frame_bytes=$((width * height * 4))
+format=bgra
+case $leg in *-*) format=${leg#*-} leg=${leg%%-*} ;; esac
+case $format in
+  bgra) frame_bytes=$((width * height * 4)) ffmpeg_format=bgra gst_format=BGRA ;;
+  nv12) frame_bytes=$((width * height * 3 / 2)) ffmpeg_format=nv12 gst_format=NV12 ;;
+  i420) frame_bytes=$((width * height * 3 / 2)) ffmpeg_format=yuv420p gst_format=I420 ;;
+  *) echo "pipe_test: unknown format $format" >&2; exit 1 ;;
+esac
 rm -rf "$work" && mkdir -p "$work" && cd "$work"
 
 fail() { echo "pipe_test($leg): $*" >&2; exit 1; }
@@ -13,7 +20,7 @@ fail() { echo "pipe_test($leg): $*" >&2; exit 1; }
 changed_frames() {
   local md5=()
   for file in "$1" "$2"; do
-    ffmpeg -v error -f rawvideo -pix_fmt bgra -s ${width}x${height} -i "$file" -f framemd5 - \
+    ffmpeg -v error -f rawvideo -pix_fmt $ffmpeg_format -s ${width}x${height} -i "$file" -f framemd5 - \
       | grep -v '^#' | awk -F, '{ print $NF }' > "$file.md5"
   done
   paste -d' ' "$1.md5" "$2.md5" | awk '$1 != $2' | wc -l
@@ -35,22 +42,22 @@ case $leg in
       -filter_complex "[1:v]scale=300:300[p];[0:v][p]overlay=x='mod(n*5,340)':y=30" \
       -frames:v $frames -c:v libx264 -pix_fmt yuv420p in.mp4
     # The README recipe, with tees to see what went in and came out of the tool.
-    ffmpeg -v error -i in.mp4 -f rawvideo -pix_fmt bgra - | tee in.bgra \
-      | "$tool" --raw ${width}x${height} - -o - | tee out.bgra \
-      | ffmpeg -v error -y -f rawvideo -pix_fmt bgra -s ${width}x${height} -r 30 -i - out.mp4
+    ffmpeg -v error -i in.mp4 -f rawvideo -pix_fmt $ffmpeg_format - | tee in.raw \
+      | "$tool" --raw ${width}x${height} --format $format - -o - | tee out.raw \
+      | ffmpeg -v error -y -f rawvideo -pix_fmt $ffmpeg_format -s ${width}x${height} -r 30 -i - out.mp4
     count=$(ffprobe -v error -count_frames -select_streams v:0 -show_entries stream=nb_read_frames \
       -of csv=p=0 out.mp4)
     [ "$count" -eq $frames ] || fail "out.mp4 has $count frames, not $frames"
-    check_raw in.bgra out.bgra
+    check_raw in.raw out.raw
     ;;
   gstreamer)
-    caps="video/x-raw,format=BGRA,width=${width},height=${height},framerate=30/1"
-    gst-launch-1.0 -q videotestsrc num-buffers=$frames pattern=smpte ! "$caps" ! fdsink fd=1 | tee in.bgra \
-      | "$tool" --raw ${width}x${height} - -o - \
-      | gst-launch-1.0 -q fdsrc fd=0 ! rawvideoparse format=bgra width=$width height=$height framerate=30/1 \
-        ! filesink location=out.bgra
-    check_raw in.bgra out.bgra
+    caps="video/x-raw,format=$gst_format,width=${width},height=${height},framerate=30/1"
+    gst-launch-1.0 -q videotestsrc num-buffers=$frames pattern=smpte ! "$caps" ! fdsink fd=1 | tee in.raw \
+      | "$tool" --raw ${width}x${height} --format $format - -o - \
+      | gst-launch-1.0 -q fdsrc fd=0 ! rawvideoparse format=$format width=$width height=$height framerate=30/1 \
+        ! filesink location=out.raw
+    check_raw in.raw out.raw
     ;;
   *) fail "unknown leg" ;;
 esac
-echo "pipe_test($leg): $frames frames of ${width}x${height} through the pipe, all changed"
+echo "pipe_test($leg): $frames $format frames of ${width}x${height} through the pipe, all changed"
