@@ -38,7 +38,8 @@ std::string frameFormatNames();
 // Copies `rows` rows of `rowBytes` bytes between two strides.
 void copyRows(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, size_t rowBytes, int32_t rows);
 
-// BGR <-> BGRA with alpha 255, four pixels (three 32-bit words of BGR) at a time.
+// BGR <-> BGRA with alpha 255: four pixels per byte shuffle where the CPU has SSSE3, per three 32-bit words
+// elsewhere.
 void bgrToBgra(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, int32_t width, int32_t height);
 void bgraToBgr(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, int32_t width, int32_t height);
 
