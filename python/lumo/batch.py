@@ -185,9 +185,21 @@ def _run_here(work, engine, settings, report):
         report(source, *_outcome(source, target, engine, settings))
 
 
+def _worker_environment():
+    """Dask's worker environment without MALLOC_TRIM_THRESHOLD_. Setting it turns off glibc's adaptive
+    mmap threshold, so every frame-sized buffer (decoded image, result, encoded file) becomes a fresh mmap
+    and page faults; that made a worker's files a third slower than the same work in a plain process."""
+    import dask
+
+    environment = dict(dask.config.get("distributed.nanny.pre-spawn-environ", default={}) or {})
+    environment.pop("MALLOC_TRIM_THRESHOLD_", None)
+    return environment
+
+
 def _run_on_dask(work, engine, settings, report, workers, scheduler):
     import logging
 
+    import dask
     from distributed import Client, LocalCluster, as_completed
 
     if scheduler:
@@ -195,8 +207,9 @@ def _run_on_dask(work, engine, settings, report, workers, scheduler):
         cluster = None
     else:
         # One thread per worker process: each engine already spreads a frame over the cores.
-        cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
-                               dashboard_address=None, silence_logs=logging.ERROR)
+        with dask.config.set({"distributed.nanny.pre-spawn-environ": _worker_environment()}):
+            cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
+                                   dashboard_address=None, silence_logs=logging.ERROR)
         client = Client(cluster)
     try:
         futures = {}
