@@ -30,3 +30,12 @@ if(plugin)
   run(${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH GST_PLUGIN_PATH=${plugin_dir}
       GST_REGISTRY_1_0=${WORK_DIR}/registry.bin gst-inspect-1.0 lumobeautify OUTPUT_QUIET)
 endif()
+
+# The installed Python package imports from the prefix and finds the library through its rpath.
+file(GLOB_RECURSE python_module ${PREFIX}/_lumo*.so)
+if(python_module)
+  get_filename_component(package_dir ${python_module} DIRECTORY)
+  get_filename_component(site_dir ${package_dir} DIRECTORY)
+  run(${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH PYTHONPATH=${site_dir} ${PYTHON}
+      -c "import lumo, numpy\nprint(lumo.Beautifier(engine='cpu').process(numpy.zeros((4, 4, 3), numpy.uint8)).shape)")
+endif()

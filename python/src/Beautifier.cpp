@@ -1,0 +1,92 @@
+#include "Beautifier.h"
+
+#include <stdexcept>
+
+#include <lumo/FramePlan.h>
+#include <lumo/GLContext.h>
+#include <lumo/PixelBuffer.h>
+
+namespace lumo::python {
+namespace {
+
+// Runs `work` and gives the calling thread back whatever GL context it had (a Python program may drive
+// its own EGL or GL context on the same thread).
+template <typename Work>
+auto withCallerContext(Work&& work) {
+  const GLContext::Snapshot saved = GLContext::current();
+  auto result = work();
+  GLContext::setCurrent(saved);
+  return result;
+}
+
+bool passDue(const BeautifySettings& settings) {
+  return FramePlan::make(settings.mask, settings.preset > 0 && settings.preset <= BeautifySettings::kPresetCount)
+      .any();
+}
+
+}  // namespace
+
+Beautifier::Beautifier(EngineKind kind) {
+  engine_ = withCallerContext([&] { return makeEngine(kind, &reason_); });
+  if (!engine_) throw std::runtime_error("no " + std::string(engineKindName(kind)) + " engine: " + reason_);
+}
+
+Beautifier::~Beautifier() {
+  withCallerContext([&] {
+    engine_.reset();
+    fallback_.reset();
+    return 0;
+  });
+}
+
+PixelBufferRef Beautifier::render(BeautifyEngine& engine, const PixelBufferRef& input) {
+  return withCallerContext([&] { return engine.render(input); });
+}
+
+bool Beautifier::process(const FrameFormat& format, const FrameView& in, const FrameView& out) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const size_t bgraRow = static_cast<size_t>(in.width) * 4;
+  uint8_t* pixels = in.data;
+  size_t stride = in.stride;
+  if (!format.bgra) {
+    bgra_.resize(bgraRow * static_cast<size_t>(in.height));
+    format.toBgra(in.data, in.stride, bgra_.data(), bgraRow, in.width, in.height);
+    pixels = bgra_.data();
+    stride = bgraRow;
+  }
+  PixelBufferRef input;
+  const int32_t status =
+      PixelBuffer::createWithBytes(in.width, in.height, kPixelFormat32BGRA, pixels, stride, nullptr, {}, &input);
+  if (status != kPixelBufferSuccess) {
+    throw std::invalid_argument("the library refused a " + std::to_string(in.width) + " x " +
+                                std::to_string(in.height) + " frame (status " + std::to_string(status) + ")");
+  }
+  const BeautifySettings wanted = engine_->wantedSettings();
+  PixelBufferRef result = render(*engine_, input);
+  // A setter racing this frame may have switched every pass off: only a pass due before and after counts.
+  const bool due = passDue(wanted) && passDue(engine_->wantedSettings());
+  bool fellBack = false;
+  if (result == input && due && engine_->kind() == EngineKind::Gl) {
+    // A frame the GL engine cannot draw (beyond its texture limit, a first frame of 1 x 1): the CPU engine
+    // draws the same picture.
+    if (!fallback_) {
+      fallback_ = makeEngine(EngineKind::Cpu);
+      fellBack = true;
+    }
+    fallback_->applySettings(wanted);
+    result = render(*fallback_, input);
+  }
+  if (!result) throw std::runtime_error("the engine is not created");
+  if (result == input) {
+    if (due) throw std::runtime_error("the engine could not draw the frame");
+    copyRows(in.data, in.stride, out.data, out.stride, static_cast<size_t>(in.width) * format.channels, in.height);
+    return fellBack;
+  }
+  result->lockBaseAddress(kPixelBufferLockReadOnly);
+  format.fromBgra(static_cast<const uint8_t*>(result->baseAddress()), result->bytesPerRow(), out.data, out.stride,
+                  in.width, in.height);
+  result->unlockBaseAddress(kPixelBufferLockReadOnly);
+  return fellBack;
+}
+
+}  // namespace lumo::python

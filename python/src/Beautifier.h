@@ -1,0 +1,48 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <lumo/BeautifyEngine.h>
+#include <lumo/BeautifySettings.h>
+
+#include "FrameFormat.h"
+
+namespace lumo::python {
+
+// One engine and what a host loop around it needs: frames of any supported layout in and out, one at a
+// time (a mutex serialises callers sharing it, since an engine renders on one thread at a time), settings
+// from any thread. Plain C++: the Python binding validates arrays and releases the GIL around process().
+class Beautifier {
+ public:
+  // Throws std::runtime_error with the library's reason when the engine cannot be made.
+  explicit Beautifier(EngineKind kind);
+  ~Beautifier();
+  Beautifier(const Beautifier&) = delete;
+  Beautifier& operator=(const Beautifier&) = delete;
+
+  EngineKind kind() const { return engine_->kind(); }
+  // What decided the engine, e.g. "GL renderer is llvmpipe (...)".
+  const std::string& reason() const { return reason_; }
+
+  // Recorded at once, applied at the next frame: safe while another thread is inside process().
+  void applySettings(const BeautifySettings& settings) { engine_->applySettings(settings); }
+  BeautifySettings settings() const { return engine_->wantedSettings(); }
+
+  // Beautifies `in` into `out` (same format and size; `out` may be `in` itself). Returns true when the
+  // frame went to the CPU engine because the GL engine could not draw it (first time only).
+  bool process(const FrameFormat& format, const FrameView& in, const FrameView& out);
+
+ private:
+  PixelBufferRef render(BeautifyEngine& engine, const PixelBufferRef& input);
+
+  std::unique_ptr<BeautifyEngine> engine_;
+  std::unique_ptr<BeautifyEngine> fallback_;  // the CPU engine, for frames the GL engine hands back undrawn
+  std::string reason_;
+  std::vector<uint8_t> bgra_;  // a frame of another layout, converted; sized on a size change only
+  std::mutex mutex_;
+};
+
+}  // namespace lumo::python

@@ -1,0 +1,338 @@
+// lumo._lumo: numpy frames through a beautify engine. Arrays are checked here, under the GIL; the frame
+// itself is processed with the GIL released.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <lumo/BeautifyEngine.h>
+#include <lumo/BeautifySettings.h>
+#include <lumo/PixelBuffer.h>
+
+#include "Beautifier.h"
+#include "FrameFormat.h"
+
+namespace py = pybind11;
+
+namespace lumo::python {
+namespace {
+
+using Settings = BeautifySettings;
+
+struct MaskBit {
+  const char* name;
+  int32_t bit;
+};
+constexpr MaskBit kMaskBits[] = {
+    {"polish", BeautifyPolish}, {"whiten", BeautifyWhiten}, {"skin-whiten", BeautifySkinWhiten},
+    {"sharpen", BeautifySharpen}};
+
+[[noreturn]] void valueError(const std::string& message) { throw py::value_error(message); }
+
+std::string number(double value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", value);
+  return text;
+}
+
+std::string shapeOf(const py::array& array) {
+  std::string shape = "(";
+  for (py::ssize_t i = 0; i < array.ndim(); ++i) {
+    shape += (i > 0 ? ", " : "") + std::to_string(array.shape(i));
+  }
+  return shape + (array.ndim() == 1 ? ",)" : ")");
+}
+
+// A mask as the tool takes it: a number 0..15, or pass names separated by ',' or '+' ("none" for 0).
+int32_t parseMask(const py::handle& value) {
+  const std::string wants = "mask wants 0..15 or names from polish, whiten, skin-whiten, sharpen";
+  if (py::isinstance<py::str>(value)) {
+    const std::string text = value.cast<std::string>();
+    int32_t mask = 0;
+    size_t start = 0;
+    while (start <= text.size()) {
+      const size_t end = std::min(text.find_first_of(",+", start), text.size());
+      const std::string name = text.substr(start, end - start);
+      bool known = name == "none";
+      for (const MaskBit& bit : kMaskBits) {
+        if (name == bit.name) {
+          mask |= bit.bit;
+          known = true;
+        }
+      }
+      if (!known) valueError(wants + ", got unknown pass '" + name + "'");
+      start = end + 1;
+    }
+    return mask;
+  }
+  if (!py::isinstance<py::int_>(value)) valueError(wants + ", got " + py::repr(value).cast<std::string>());
+  const long long mask = value.cast<long long>();
+  if (mask < 0 || mask > Settings::kAllPasses) valueError(wants + ", got " + std::to_string(mask));
+  return static_cast<int32_t>(mask);
+}
+
+int32_t parsePreset(const py::handle& value) {
+  const std::string wants = "preset wants an int in 0..13 (0: none)";
+  if (!py::isinstance<py::int_>(value)) valueError(wants + ", got " + py::repr(value).cast<std::string>());
+  const long long preset = value.cast<long long>();
+  if (preset < 0 || preset > Settings::kPresetCount) valueError(wants + ", got " + std::to_string(preset));
+  return static_cast<int32_t>(preset);
+}
+
+float parseRange(const char* name, const py::handle& value, const SettingRange& range) {
+  const std::string wants =
+      std::string(name) + " wants a number in " + number(range.low) + ".." + number(range.high);
+  if (py::isinstance<py::bool_>(value) || !(py::isinstance<py::int_>(value) || py::isinstance<py::float_>(value))) {
+    valueError(wants + ", got " + py::repr(value).cast<std::string>());
+  }
+  const double number = value.cast<double>();
+  if (!(number >= range.low && number <= range.high)) {  // NaN fails too
+    valueError(wants + ", got " + py::repr(value).cast<std::string>());
+  }
+  return static_cast<float>(number);
+}
+
+// The seven settings by their Python names; `from` supplies those not given.
+Settings parseSettings(const py::handle& mask, const py::handle& preset, const py::handle& polishStep,
+                       const py::handle& polishFactor, const py::handle& whiten, const py::handle& sharpen,
+                       const py::handle& skinWhiten) {
+  Settings settings;
+  settings.mask = parseMask(mask);
+  settings.preset = parsePreset(preset);
+  settings.polishStep = parseRange("polish_step", polishStep, Settings::kPolishStep);
+  settings.polishFactor = parseRange("polish_factor", polishFactor, Settings::kPolishFactor);
+  settings.whiten = parseRange("whiten", whiten, Settings::kWhiten);
+  settings.sharpen = parseRange("sharpen", sharpen, Settings::kSharpen);
+  settings.skinWhiten = parseRange("skin_whiten", skinWhiten, Settings::kSkinWhiten);
+  return settings;
+}
+
+py::dict settingsDict(const Settings& settings) {
+  py::dict dict;
+  dict["mask"] = settings.mask;
+  dict["preset"] = settings.preset;
+  dict["polish_step"] = settings.polishStep;
+  dict["polish_factor"] = settings.polishFactor;
+  dict["whiten"] = settings.whiten;
+  dict["sharpen"] = settings.sharpen;
+  dict["skin_whiten"] = settings.skinWhiten;
+  return dict;
+}
+
+const FrameFormat& formatFor(const py::array& frame, const py::object& name) {
+  const FrameFormat* format = nullptr;
+  if (!name.is_none()) {
+    format = py::isinstance<py::str>(name) ? findFrameFormat(name.cast<std::string>()) : nullptr;
+    if (format == nullptr) {
+      valueError("format wants one of " + frameFormatNames() + ", got " + py::repr(name).cast<std::string>());
+    }
+  }
+  if (frame.ndim() != 3 || (format != nullptr && frame.shape(2) != format->channels) ||
+      (format == nullptr && (format = defaultFrameFormat(static_cast<int32_t>(frame.shape(2)))) == nullptr)) {
+    valueError("frame wants shape H x W x 3 (bgr) or H x W x 4 (bgra)" +
+               std::string(name.is_none() ? "" : " matching format " + name.cast<std::string>()) + ", got " +
+               shapeOf(frame));
+  }
+  return *format;
+}
+
+// The array's memory as a frame of `format`: uint8, pixels packed within each row, rows any distance apart.
+FrameView viewOf(const char* what, const py::array& array, const FrameFormat& format) {
+  if (!array.dtype().is(py::dtype::of<uint8_t>())) {
+    valueError(std::string(what) + " wants dtype uint8, got " + py::str(array.dtype()).cast<std::string>());
+  }
+  const py::ssize_t height = array.shape(0), width = array.shape(1);
+  if (height == 0 || width == 0) valueError(std::string(what) + " is empty: shape " + shapeOf(array));
+  if (height > kPixelBufferMaxDimension || width > kPixelBufferMaxDimension) {
+    valueError(std::string(what) + " is " + std::to_string(width) + " x " + std::to_string(height) +
+               " pixels; at most " + std::to_string(kPixelBufferMaxDimension) + " on either side");
+  }
+  const py::ssize_t rowBytes = width * format.channels;
+  if (array.strides(2) != 1 || array.strides(1) != format.channels || array.strides(0) < rowBytes) {
+    valueError(std::string(what) + " wants C-contiguous pixels in each row (rows may be padded), got strides (" +
+               std::to_string(array.strides(0)) + ", " + std::to_string(array.strides(1)) + ", " +
+               std::to_string(array.strides(2)) + "); np.ascontiguousarray makes such a copy");
+  }
+  return {static_cast<uint8_t*>(const_cast<void*>(array.data())), static_cast<int32_t>(width),
+          static_cast<int32_t>(height), static_cast<size_t>(array.strides(0))};
+}
+
+bool overlaps(const FrameView& a, const FrameView& b, int32_t channels) {
+  const auto end = [&](const FrameView& v) {
+    return v.data + v.stride * static_cast<size_t>(v.height - 1) + static_cast<size_t>(v.width) * channels;
+  };
+  return a.data < end(b) && b.data < end(a);
+}
+
+py::array process(Beautifier& beautifier, const py::array& frame, const py::object& outArg, const py::object& name) {
+  const FrameFormat& format = formatFor(frame, name);
+  const FrameView in = viewOf("frame", frame, format);
+  py::array out;
+  if (outArg.is_none()) {
+    out = py::array_t<uint8_t>({frame.shape(0), frame.shape(1), frame.shape(2)});
+  } else {
+    if (!py::isinstance<py::array>(outArg)) {
+      throw py::type_error("out wants a numpy array, got " + py::repr(outArg.get_type()).cast<std::string>());
+    }
+    out = outArg.cast<py::array>();
+    if (out.ndim() != 3 || out.shape(0) != frame.shape(0) || out.shape(1) != frame.shape(1) ||
+        out.shape(2) != frame.shape(2)) {
+      valueError("out wants the frame's shape " + shapeOf(frame) + ", got " + shapeOf(out));
+    }
+    if (!out.writeable()) valueError("out is read-only");
+  }
+  const FrameView to = viewOf("out", out, format);
+  if (overlaps(in, to, format.channels) && !(in.data == to.data && in.stride == to.stride)) {
+    valueError("out overlaps frame without being the same memory");
+  }
+  bool fellBack = false;
+  {
+    py::gil_scoped_release released;
+    fellBack = beautifier.process(format, in, to);
+  }
+  if (fellBack) {
+    PyErr_WarnEx(PyExc_RuntimeWarning,
+                 "the GL engine could not draw a frame of this size; the CPU engine draws such frames", 1);
+  }
+  return out;
+}
+
+template <typename Field>
+void setField(Beautifier& beautifier, Field field) {
+  Settings settings = beautifier.settings();
+  field(settings);
+  beautifier.applySettings(settings);
+}
+
+}  // namespace
+}  // namespace lumo::python
+
+PYBIND11_MODULE(_lumo, module) {
+  using lumo::python::Beautifier;
+  using lumo::python::Settings;
+  namespace lp = lumo::python;
+  module.doc() = "Beautify numpy frames (BGR or BGRA, uint8) with the LumoImageFilter engines.";
+  module.attr("__version__") = LUMO_VERSION;
+
+  py::dict ranges;
+  ranges["polish_step"] = py::make_tuple(Settings::kPolishStep.low, Settings::kPolishStep.high);
+  ranges["polish_factor"] = py::make_tuple(Settings::kPolishFactor.low, Settings::kPolishFactor.high);
+  ranges["whiten"] = py::make_tuple(Settings::kWhiten.low, Settings::kWhiten.high);
+  ranges["sharpen"] = py::make_tuple(Settings::kSharpen.low, Settings::kSharpen.high);
+  ranges["skin_whiten"] = py::make_tuple(Settings::kSkinWhiten.low, Settings::kSkinWhiten.high);
+  ranges["preset"] = py::make_tuple(0, Settings::kPresetCount);
+  ranges["mask"] = py::make_tuple(0, Settings::kAllPasses);
+  module.attr("SETTING_RANGES") = ranges;
+  module.attr("DEFAULTS") = lp::settingsDict(Settings{});
+  py::dict bits;
+  for (const lp::MaskBit& bit : lp::kMaskBits) bits[bit.name] = bit.bit;
+  module.attr("MASK_BITS") = bits;
+
+  const Settings defaults;
+  module.def(
+      "check_settings",
+      [](const py::object& mask, const py::object& preset, const py::object& polishStep,
+         const py::object& polishFactor, const py::object& whiten, const py::object& sharpen,
+         const py::object& skinWhiten) {
+        return lp::settingsDict(lp::parseSettings(mask, preset, polishStep, polishFactor, whiten, sharpen, skinWhiten));
+      },
+      py::kw_only(), py::arg("mask") = defaults.mask, py::arg("preset") = defaults.preset,
+      py::arg("polish_step") = defaults.polishStep, py::arg("polish_factor") = defaults.polishFactor,
+      py::arg("whiten") = defaults.whiten, py::arg("sharpen") = defaults.sharpen,
+      py::arg("skin_whiten") = defaults.skinWhiten,
+      "The seven settings checked against their ranges (ValueError naming the range otherwise), mask names "
+      "turned into the number, as a dict.");
+
+  py::class_<Beautifier>(module, "Beautifier", R"doc(
+One beautify engine with its settings. process() takes uint8 frames H x W x 3 (BGR) or H x W x 4 (BGRA),
+C-contiguous or with padded rows, and releases the GIL while the frame is drawn. Settings are attributes
+that may change between frames (and from any thread). One frame at a time: threads sharing a Beautifier
+are serialised; give each thread its own to run frames in parallel.)doc")
+      .def(py::init([](const std::string& engine, const py::object& mask, const py::object& preset,
+                       const py::object& polishStep, const py::object& polishFactor, const py::object& whiten,
+                       const py::object& sharpen, const py::object& skinWhiten) {
+             lumo::EngineKind kind;
+             if (!lumo::parseEngineKind(engine, &kind)) {
+               lp::valueError("engine wants auto, gl or cpu, got '" + engine + "'");
+             }
+             const Settings settings =
+                 lp::parseSettings(mask, preset, polishStep, polishFactor, whiten, sharpen, skinWhiten);
+             auto beautifier = std::make_unique<Beautifier>(kind);
+             beautifier->applySettings(settings);
+             return beautifier;
+           }),
+           py::arg("engine") = "auto", py::arg("mask") = defaults.mask, py::arg("preset") = defaults.preset,
+           py::arg("polish_step") = defaults.polishStep, py::arg("polish_factor") = defaults.polishFactor,
+           py::arg("whiten") = defaults.whiten, py::arg("sharpen") = defaults.sharpen,
+           py::arg("skin_whiten") = defaults.skinWhiten)
+      .def("process", &lp::process, py::arg("frame"), py::arg("out") = py::none(), py::kw_only(),
+           py::arg("format") = py::none(),
+           "Beautifies one frame; returns a new array, or `out` filled (same shape, may be `frame` itself). "
+           "format: 'bgr' or 'bgra' (default: from the channel count).")
+      .def_property_readonly("engine", [](const Beautifier& b) { return lumo::engineKindName(b.kind()); },
+                             "'gl' or 'cpu': the engine that runs")
+      .def_property_readonly("engine_reason", &Beautifier::reason, "what decided the engine")
+      .def_property(
+          "mask", [](const Beautifier& b) { return b.settings().mask; },
+          [](Beautifier& b, const py::object& v) {
+            const int32_t mask = lp::parseMask(v);
+            lp::setField(b, [&](Settings& s) { s.mask = mask; });
+          },
+          "passes: bits polish 1, whiten 2, skin-whiten 4, sharpen 8 (or their names, 'polish,whiten')")
+      .def_property(
+          "preset", [](const Beautifier& b) { return b.settings().preset; },
+          [](Beautifier& b, const py::object& v) {
+            const int32_t preset = lp::parsePreset(v);
+            lp::setField(b, [&](Settings& s) { s.preset = preset; });
+          },
+          "colour preset 1..13, 0 for none")
+      .def_property(
+          "polish_step", [](const Beautifier& b) { return b.settings().polishStep; },
+          [](Beautifier& b, const py::object& v) {
+            const float x = lp::parseRange("polish_step", v, Settings::kPolishStep);
+            lp::setField(b, [&](Settings& s) { s.polishStep = x; });
+          },
+          "smoothing sample step in pixels, 0..16")
+      .def_property(
+          "polish_factor", [](const Beautifier& b) { return b.settings().polishFactor; },
+          [](Beautifier& b, const py::object& v) {
+            const float x = lp::parseRange("polish_factor", v, Settings::kPolishFactor);
+            lp::setField(b, [&](Settings& s) { s.polishFactor = x; });
+          },
+          "smoothing colour-distance factor, 0..64")
+      .def_property(
+          "whiten", [](const Beautifier& b) { return b.settings().whiten; },
+          [](Beautifier& b, const py::object& v) {
+            const float x = lp::parseRange("whiten", v, Settings::kWhiten);
+            lp::setField(b, [&](Settings& s) { s.whiten = x; });
+          },
+          "whiten balance, 0..1 (below brightens, above darkens)")
+      .def_property(
+          "sharpen", [](const Beautifier& b) { return b.settings().sharpen; },
+          [](Beautifier& b, const py::object& v) {
+            const float x = lp::parseRange("sharpen", v, Settings::kSharpen);
+            lp::setField(b, [&](Settings& s) { s.sharpen = x; });
+          },
+          "sharpen strength, -1..4")
+      .def_property(
+          "skin_whiten", [](const Beautifier& b) { return b.settings().skinWhiten; },
+          [](Beautifier& b, const py::object& v) {
+            const float x = lp::parseRange("skin_whiten", v, Settings::kSkinWhiten);
+            lp::setField(b, [&](Settings& s) { s.skinWhiten = x; });
+          },
+          "pink whiten strength on skin, 0..1")
+      .def("__repr__", [](const Beautifier& b) {
+        const Settings s = b.settings();
+        char text[256];
+        std::snprintf(text, sizeof text,
+                      "Beautifier(engine='%s', mask=%d, preset=%d, polish_step=%g, polish_factor=%g, whiten=%g, "
+                      "sharpen=%g, skin_whiten=%g)",
+                      lumo::engineKindName(b.kind()), s.mask, s.preset, s.polishStep, s.polishFactor, s.whiten,
+                      s.sharpen, s.skinWhiten);
+        return std::string(text);
+      });
+}

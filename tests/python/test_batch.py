@@ -1,0 +1,126 @@
+"""python3 -m lumo.batch end to end: real files, real Dask LocalClusters, real worker processes."""
+
+import logging
+import os
+import signal
+import subprocess
+import sys
+import time
+
+import cv2
+import numpy as np
+import pytest
+from distributed import Client, LocalCluster
+
+import lumo
+from conftest import portrait
+
+SETTINGS = ["--engine", "cpu", "--mask", "polish,whiten,sharpen", "--sharpen", "0.6", "--preset", "4"]
+KWARGS = {"engine": "cpu", "mask": "polish,whiten,sharpen", "sharpen": 0.6, "preset": 4}
+
+
+def batch(*arguments, timeout=300):
+    return subprocess.run([sys.executable, "-m", "lumo.batch"] + [str(a) for a in arguments],
+                          capture_output=True, text=True, timeout=timeout)
+
+
+def photos(folder, sample, count, size):
+    """`count` distinct portraits, PNG and JPEG."""
+    folder.mkdir()
+    paths = []
+    for index in range(count):
+        path = folder / "p{:02d}.{}".format(index, "jpg" if index % 3 == 2 else "png")
+        assert cv2.imwrite(str(path), portrait(sample, size[0], size[1], index))
+        paths.append(path)
+    return paths
+
+
+def expected_output(source, target):
+    """What the batch must write: the input beautified in this process, encoded as the output's type."""
+    want = lumo.Beautifier(**KWARGS).process(cv2.imread(str(source)))
+    if str(target).endswith(".png"):
+        return want  # lossless
+    return cv2.imdecode(cv2.imencode(".jpg", want)[1], cv2.IMREAD_COLOR)
+
+
+def leftovers(folder):
+    return [name for name in os.listdir(folder) if name.startswith(".")]
+
+
+def test_two_workers_equal_one_process_and_reruns_skip(tmp_path, sample_bgr):
+    inputs = photos(tmp_path / "in", sample_bgr, 6, (320, 240))
+    broken = tmp_path / "in" / "broken.png"
+    broken.write_bytes(b"\x89PNG\r\n\x1a\n not really")
+    one, two = tmp_path / "one", tmp_path / "two"
+
+    single = batch(tmp_path / "in", "-o", one, "--workers", 0, *SETTINGS)
+    cluster = batch(tmp_path / "in", "-o", two, "--workers", 2, *SETTINGS)
+    for run in (single, cluster):
+        assert run.returncode == 1, run.stderr  # the broken file, and only it
+        assert "broken.png" in run.stderr
+        assert "beautified 6 files (1 failed, 0 skipped)" in run.stderr
+        assert "frames/s" in run.stderr
+    for source in inputs:
+        first = cv2.imread(str(one / source.name), cv2.IMREAD_UNCHANGED)
+        second = cv2.imread(str(two / source.name), cv2.IMREAD_UNCHANGED)
+        np.testing.assert_array_equal(first, second)
+        np.testing.assert_array_equal(first, expected_output(source, one / source.name))
+    assert not (two / "broken.png").exists()
+    assert leftovers(two) == []
+
+    # A rerun skips what is done and tries the failed file again.
+    stamps = {p.name: os.stat(two / p.name).st_mtime_ns for p in inputs}
+    again = batch(tmp_path / "in", "-o", two, "--workers", 2, *SETTINGS)
+    assert "beautified 0 files (1 failed, 6 skipped)" in again.stderr, again.stderr
+    assert stamps == {p.name: os.stat(two / p.name).st_mtime_ns for p in inputs}
+    # An input edited after its output is done again.
+    os.utime(inputs[0], ns=(stamps[inputs[0].name] + 10**9,) * 2)
+    broken.unlink()
+    again = batch(tmp_path / "in", "-o", two, "--workers", 0, *SETTINGS)
+    assert again.returncode == 0, again.stderr
+    assert "beautified 1 files (0 failed, 5 skipped)" in again.stderr, again.stderr
+
+
+def test_inputs_are_never_overwritten(tmp_path, sample_bgr):
+    inputs = photos(tmp_path / "in", sample_bgr, 2, (64, 48))
+    before = [p.read_bytes() for p in inputs]
+    run = batch(*inputs, "-o", tmp_path / "in", "--workers", 0)
+    assert run.returncode == 1 and run.stderr.count("refusing to overwrite the input") == 2
+    assert [p.read_bytes() for p in inputs] == before
+    bad = batch(inputs[0], "-o", tmp_path / "out", "--whiten", "2")
+    assert bad.returncode == 2 and "whiten wants a number in 0..1" in bad.stderr
+
+
+@pytest.fixture
+def cluster():
+    with LocalCluster(n_workers=2, threads_per_worker=1, processes=True, dashboard_address=None,
+                      silence_logs=logging.ERROR) as local:
+        with Client(local) as client:
+            yield local, client
+
+
+def test_a_worker_killed_mid_batch(tmp_path, sample_bgr, cluster):
+    local, client = cluster
+    inputs = photos(tmp_path / "in", sample_bgr, 24, (1280, 720))
+    out = tmp_path / "out"
+    running = subprocess.Popen([sys.executable, "-m", "lumo.batch", str(tmp_path / "in"), "-o", str(out),
+                                "--scheduler", local.scheduler_address] + SETTINGS,
+                               stderr=subprocess.PIPE, text=True)
+    try:
+        deadline = time.monotonic() + 120
+        while not (out.exists() and any(name.endswith((".png", ".jpg")) for name in os.listdir(out))):
+            assert running.poll() is None and time.monotonic() < deadline, "the batch wrote nothing"
+            time.sleep(0.02)
+        victim = next(iter(client.run(os.getpid).values()))
+        os.kill(victim, signal.SIGKILL)
+        done_at_kill = sum(name.endswith((".png", ".jpg")) for name in os.listdir(out))
+        _, stderr = running.communicate(timeout=300)
+    finally:
+        running.kill()
+    assert done_at_kill < len(inputs), "the batch ended before the worker was killed"
+    assert running.returncode == 0, stderr
+    assert "beautified 24 files (0 failed, 0 skipped)" in stderr
+    for source in inputs:
+        written = cv2.imread(str(out / source.name), cv2.IMREAD_UNCHANGED)
+        np.testing.assert_array_equal(written, expected_output(source, out / source.name))
+    assert leftovers(out) == []

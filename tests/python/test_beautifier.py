@@ -1,0 +1,258 @@
+"""lumo.Beautifier with real engines, real OpenCV and the real lumo-beautify tool."""
+
+import os
+import re
+import subprocess
+import sys
+import threading
+
+import cv2
+import numpy as np
+import pytest
+
+import lumo
+from conftest import portrait
+
+TOOL_CASES = [
+    ("cpu", {}, []),
+    ("cpu", {"mask": "polish,sharpen", "sharpen": 0.5, "preset": 7},
+     ["--mask", "polish,sharpen", "--sharpen", "0.5", "--preset", "7"]),
+    ("cpu", {"mask": 6, "whiten": 0.2, "skin_whiten": 0.9}, ["--mask", "6", "--whiten", "0.2", "--skin-whiten", "0.9"]),
+    ("gl", {"polish_step": 2.5, "polish_factor": 8}, ["--polish-step", "2.5", "--polish-factor", "8"]),
+]
+
+
+@pytest.mark.parametrize("engine,settings,flags", TOOL_CASES)
+def test_opencv_frames_match_the_tool(tmp_path, tool, sample_path, sample_bgr, engine, settings, flags):
+    """cv2.imread -> process gives the pixels lumo-beautify writes for that file and those settings."""
+    written = tmp_path / "out.png"
+    subprocess.run([tool, sample_path, "-o", str(written), "--engine", engine] + flags, check=True,
+                   stderr=subprocess.DEVNULL)
+    beautifier = lumo.Beautifier(engine=engine, **settings)
+    assert beautifier.engine == engine
+    result = beautifier.process(cv2.imread(sample_path))
+    expected = cv2.imread(str(written))
+    assert result.shape == expected.shape and result.dtype == np.uint8
+    np.testing.assert_array_equal(result, expected)
+    assert not np.array_equal(result, sample_bgr)  # the settings did something
+
+
+def padded(frame, extra):
+    """`frame` as a view into rows `extra` pixels wider than it."""
+    height, width, channels = frame.shape
+    wide = np.full((height, width + extra, channels), 77, np.uint8)
+    wide[:, :width] = frame
+    view = wide[:, :width]
+    assert not view.flags.c_contiguous and view.strides[0] == (width + extra) * channels
+    return view
+
+
+@pytest.mark.parametrize("size", [(512, 512), (37, 23)])  # 37: a width whose rows end between four pixels
+def test_layouts_agree(sample_bgr, size):
+    """BGR, BGRA, padded rows, out= and in place all give one picture."""
+    beautifier = lumo.Beautifier(engine="cpu")
+    bgr = portrait(sample_bgr, *size)
+    bgra = cv2.cvtColor(bgr, cv2.COLOR_BGR2BGRA)
+    reference = beautifier.process(bgra)
+    np.testing.assert_array_equal(reference[..., 3], 255)
+    np.testing.assert_array_equal(beautifier.process(bgr), reference[..., :3])
+    np.testing.assert_array_equal(beautifier.process(bgra, format="bgra"), reference)
+
+    for frame, expected in ((bgr, reference[..., :3]), (bgra, reference)):
+        source = padded(frame, 5)
+        before = source.base.copy()
+        np.testing.assert_array_equal(beautifier.process(source), expected)
+        np.testing.assert_array_equal(source.base, before)  # the input is only read
+
+        out = padded(np.zeros_like(frame), 3)
+        padding = out.base[:, frame.shape[1]:].copy()
+        assert beautifier.process(source, out) is out
+        np.testing.assert_array_equal(out, expected)
+        np.testing.assert_array_equal(out.base[:, frame.shape[1]:], padding)  # padding untouched
+
+        in_place = frame.copy()
+        assert beautifier.process(in_place, out=in_place) is in_place
+        np.testing.assert_array_equal(in_place, expected)
+
+
+def test_nothing_enabled_hands_the_frame_back(sample_bgr):
+    beautifier = lumo.Beautifier(engine="cpu", mask=0)
+    frame = padded(sample_bgr, 4)
+    result = beautifier.process(frame)
+    np.testing.assert_array_equal(result, sample_bgr)
+    in_place = sample_bgr.copy()
+    np.testing.assert_array_equal(beautifier.process(in_place, in_place), sample_bgr)
+
+
+BAD_FRAMES = [
+    (np.zeros((8, 8, 3), np.float32), None, "dtype uint8, got float32"),
+    (np.zeros((8, 8), np.uint8), None, "got (8, 8)"),
+    (np.zeros((8, 8, 5), np.uint8), None, "got (8, 8, 5)"),
+    (np.zeros((0, 8, 3), np.uint8), None, "empty"),
+    (np.zeros((8, 0, 4), np.uint8), None, "empty"),
+    (np.zeros((8, 16, 3), np.uint8)[:, ::2], None, "C-contiguous pixels"),
+    (np.zeros((8, 8, 3), np.uint8)[::-1], None, "C-contiguous pixels"),
+    (np.zeros((8, 8, 4), np.uint8)[..., :3], None, "C-contiguous pixels"),
+    (np.zeros((1, 40000, 4), np.uint8), None, "at most 32768"),
+    (np.zeros((8, 8, 3), np.uint8), "bgra", "matching format bgra"),
+    (np.zeros((8, 8, 4), np.uint8), "nv21", "format wants one of bgr, bgra"),
+]
+
+
+@pytest.mark.parametrize("frame,format,message", BAD_FRAMES)
+def test_bad_frames_are_refused(frame, format, message):
+    beautifier = lumo.Beautifier(engine="cpu")
+    with pytest.raises(ValueError, match=re.escape(message)):
+        beautifier.process(frame, format=format)
+
+
+def test_bad_out_is_refused():
+    beautifier = lumo.Beautifier(engine="cpu")
+    frame = np.zeros((8, 8, 3), np.uint8)
+    read_only = np.zeros_like(frame)
+    read_only.flags.writeable = False
+    wide = np.zeros((8, 12, 3), np.uint8)
+    cases = [
+        (np.zeros((8, 9, 3), np.uint8), r"frame's shape \(8, 8, 3\), got \(8, 9, 3\)"),
+        (np.zeros((8, 8, 4), np.uint8), "frame's shape"),
+        (np.zeros((8, 8, 3), np.int16), "out wants dtype uint8"),
+        (read_only, "read-only"),
+        (wide[:, 1:9], None),  # a padded out is fine
+    ]
+    for out, message in cases:
+        if message is None:
+            beautifier.process(frame, out)
+        else:
+            with pytest.raises(ValueError, match=message):
+                beautifier.process(frame, out)
+    shared = np.zeros((8, 12, 3), np.uint8)
+    with pytest.raises(ValueError, match="overlaps"):
+        beautifier.process(shared[:, :8], shared[:, 2:10])
+    with pytest.raises(TypeError):
+        beautifier.process(frame, out=[1, 2, 3])
+
+
+def test_settings_are_checked():
+    for settings, message in [
+        ({"polish_step": 16.5}, r"polish_step wants a number in 0\.\.16, got 16\.5"),
+        ({"polish_factor": -1}, r"polish_factor wants a number in 0\.\.64"),
+        ({"whiten": float("nan")}, r"whiten wants a number in 0\.\.1, got nan"),
+        ({"sharpen": 5}, r"sharpen wants a number in -1\.\.4"),
+        ({"skin_whiten": "0.5"}, r"skin_whiten wants a number"),
+        ({"mask": 16}, r"mask wants 0\.\.15"),
+        ({"mask": "polish,blur"}, r"unknown pass 'blur'"),
+        ({"preset": 14}, r"preset wants an int in 0\.\.13"),
+        ({"engine": "vulkan"}, r"engine wants auto, gl or cpu"),
+    ]:
+        with pytest.raises(ValueError, match=message):
+            lumo.Beautifier(**settings)
+    beautifier = lumo.Beautifier(engine="cpu")
+    with pytest.raises(ValueError, match=r"whiten wants a number in 0\.\.1"):
+        beautifier.whiten = 1.5
+    assert beautifier.whiten == 0.5  # a refused value changes nothing
+    assert lumo.check_settings(mask="polish+sharpen", sharpen=1)["mask"] == 9
+
+
+def test_settings_change_between_frames(sample_bgr):
+    """Each attribute written between two frames takes effect at the next, as a new Beautifier would draw."""
+    frame = portrait(sample_bgr, 320, 240)
+    beautifier = lumo.Beautifier(engine="cpu")
+    first = beautifier.process(frame)
+    changes = [("whiten", 0.9), ("skin_whiten", 0.1), ("polish_step", 5.0), ("polish_factor", 20.0),
+               ("mask", "polish,sharpen"), ("sharpen", 1.5), ("preset", 5), ("mask", 15)]
+    wanted = {}
+    previous = first
+    for name, value in changes:
+        setattr(beautifier, name, value)
+        wanted[name] = value
+        result = beautifier.process(frame)
+        np.testing.assert_array_equal(result, lumo.Beautifier(engine="cpu", **wanted).process(frame))
+        assert not np.array_equal(result, previous), name
+        previous = result
+    assert (beautifier.mask, beautifier.preset, beautifier.sharpen) == (15, 5, 1.5)
+    beautifier.mask, beautifier.preset = 0, 0
+    np.testing.assert_array_equal(beautifier.process(frame), frame)
+
+
+def test_threads_with_their_own_beautifier(sample_bgr):
+    frames = [portrait(sample_bgr, 256, 192, seed) for seed in range(4)]
+    settings = [{"mask": 7}, {"mask": 9, "sharpen": 0.8, "preset": 3}]
+    expected = [[lumo.Beautifier(engine="cpu", **s).process(f) for f in frames] for s in settings]
+    failures = []
+
+    def work(index):
+        beautifier = lumo.Beautifier(engine="cpu", **settings[index])
+        for _ in range(5):
+            for frame, want in zip(frames, expected[index]):
+                if not np.array_equal(beautifier.process(frame), want):
+                    failures.append(index)
+
+    threads = [threading.Thread(target=work, args=(i,)) for i in range(2)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert failures == []
+
+    # One Beautifier shared by two threads: frames are serialised, each still whole.
+    shared = lumo.Beautifier(engine="cpu", **settings[0])
+
+    def share():
+        for _ in range(5):
+            for frame, want in zip(frames, expected[0]):
+                if not np.array_equal(shared.process(frame), want):
+                    failures.append("shared")
+
+    threads = [threading.Thread(target=share) for _ in range(2)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert failures == []
+
+
+def test_the_gil_is_released_while_a_frame_is_drawn(sample_bgr):
+    frame = portrait(sample_bgr, 1280, 720)
+    beautifier = lumo.Beautifier(engine="gl")  # llvmpipe: a frame of this size takes a good part of a second
+    beautifier.process(frame)
+    counter = [0]
+    stop = threading.Event()
+
+    def count():
+        while not stop.is_set():
+            counter[0] += 1
+
+    thread = threading.Thread(target=count)
+    thread.start()
+    try:
+        before = counter[0]
+        beautifier.process(frame)
+        during = counter[0] - before
+    finally:
+        stop.set()
+        thread.join()
+    assert during > 10000, "the counting thread barely ran while the frame was drawn"
+
+
+def test_engine_that_cannot_be_made(tmp_path):
+    """Where EGL finds no driver: gl raises RuntimeError with the library's reason, auto runs on the CPU."""
+    script = (
+        "import lumo\n"
+        "try:\n"
+        "    lumo.Beautifier(engine='gl')\n"
+        "except RuntimeError as error:\n"
+        "    print('refused:', error)\n"
+        "print('auto:', lumo.Beautifier().engine)\n")
+    environment = dict(os.environ, __EGL_VENDOR_LIBRARY_FILENAMES=str(tmp_path / "none.json"))
+    run = subprocess.run([sys.executable, "-c", script], env=environment, capture_output=True, text=True, check=True)
+    lines = run.stdout.splitlines()
+    assert lines[0].startswith("refused: no gl engine: ") and len(lines[0]) > len("refused: no gl engine: ")
+    assert lines[1] == "auto: cpu"
+
+
+def test_a_frame_the_gl_engine_cannot_draw_goes_to_the_cpu_engine():
+    frame = np.array([[[40, 90, 200]]], np.uint8)  # a first frame of 1 x 1, which the GL facade hands back
+    with pytest.warns(RuntimeWarning, match="CPU engine"):
+        result = lumo.Beautifier(engine="gl", mask=15, preset=2).process(frame)
+    np.testing.assert_array_equal(result, lumo.Beautifier(engine="cpu", mask=15, preset=2).process(frame))
+    assert not np.array_equal(result, frame)
