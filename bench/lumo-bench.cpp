@@ -128,19 +128,54 @@ void facadeEndToEnd(benchmark::State& state, Size size, Config config) {
   clock.report(state);
 }
 
-// The CPU engine, end to end like the facade: the host writes its frame, renders, reads the result.
-void cpuEndToEnd(benchmark::State& state, Size size, Config config) {
+// The portrait as tight NV12 planes (BT.709 limited, chroma averaged over each 2 x 2 block).
+std::vector<uint8_t> portraitNv12(const Size& size) {
+  const std::vector<uint8_t> bgra = portrait(size);
+  const int w = size.width;
+  const int h = size.height;
+  std::vector<uint8_t> nv12(lumo::pixelFormatFrameBytes(lumo::kPixelFormatNV12, w, h));
+  auto luma = [](const uint8_t* p) { return 0.2126f * p[2] + 0.7152f * p[1] + 0.0722f * p[0]; };
+  for (int y = 0; y < h; ++y) {
+    for (int x = 0; x < w; ++x) {
+      nv12[static_cast<size_t>(y) * w + x] =
+          static_cast<uint8_t>(16.5f + 219.0f / 255.0f * luma(&bgra[(static_cast<size_t>(y) * w + x) * 4]));
+    }
+  }
+  uint8_t* uv = nv12.data() + static_cast<size_t>(w) * h;
+  for (int j = 0; j < (h + 1) / 2; ++j) {
+    for (int i = 0; i < (w + 1) / 2; ++i) {
+      const uint8_t* p = &bgra[(static_cast<size_t>(2 * j) * w + 2 * i) * 4];
+      const float l = luma(p);
+      uv[(static_cast<size_t>(j) * ((w + 1) / 2) + i) * 2] =
+          static_cast<uint8_t>(std::clamp(128.5f + 224.0f / 255.0f * (p[0] - l) / 1.8556f, 0.0f, 255.0f));
+      uv[(static_cast<size_t>(j) * ((w + 1) / 2) + i) * 2 + 1] =
+          static_cast<uint8_t>(std::clamp(128.5f + 224.0f / 255.0f * (p[2] - l) / 1.5748f, 0.0f, 255.0f));
+    }
+  }
+  return nv12;
+}
+
+// The CPU engine, end to end like the facade: the host writes its frame, renders, reads the result (every
+// plane, for NV12).
+void cpuEndToEnd(benchmark::State& state, Size size, Config config, uint32_t format) {
   lumo::CpuImageFilter filter;
   filter.create();
   filter.enableBeautifying(static_cast<uintptr_t>(config.mask));
   filter.setCustomizedFilter(static_cast<uintptr_t>(config.preset));
   filter.setSharppenFactor(kSharpen);
-  const std::vector<uint8_t> frame = portrait(size);
+  const std::vector<uint8_t> frame = format == lumo::kPixelFormatNV12 ? portraitNv12(size) : portrait(size);
   lumo::PixelBufferRef input;
-  lumo::PixelBuffer::create(size.width, size.height, lumo::kPixelFormat32BGRA, {}, &input);
+  lumo::PixelBuffer::create(size.width, size.height, format, {}, &input);
   auto write = [&] {
     input->lockBaseAddress(0);
-    std::memcpy(input->baseAddress(), frame.data(), frame.size());
+    const uint8_t* from = frame.data();
+    for (int32_t plane = 0; plane < input->planeCount(); ++plane) {
+      const lumo::PixelPlaneGeometry geometry = input->planeGeometry(plane);
+      auto* to = static_cast<uint8_t*>(input->baseAddressOfPlane(plane));
+      for (int32_t y = 0; y < geometry.height; ++y, from += geometry.rowBytes()) {
+        std::memcpy(to + input->bytesPerRowOfPlane(plane) * static_cast<size_t>(y), from, geometry.rowBytes());
+      }
+    }
     input->unlockBaseAddress(0);
   };
   write();
@@ -319,7 +354,8 @@ int main(int argc, char** argv) {
       const std::string suffix = "/" + size.name() + "/" + config.name;
       add("render" + suffix, facadeRender, size, config);
       add("end_to_end" + suffix, facadeEndToEnd, size, config);
-      add("cpu_end_to_end" + suffix, cpuEndToEnd, size, config);
+      add("cpu_end_to_end" + suffix, cpuEndToEnd, size, config, lumo::kPixelFormat32BGRA);
+      add("cpu_end_to_end_nv12" + suffix, cpuEndToEnd, size, config, lumo::kPixelFormatNV12);
       if (config.mask == 0 && config.preset == 0) continue;
       add("bare_render" + suffix, bareRender, size, config);
       add("bare_end_to_end" + suffix, bareEndToEnd, size, config);
