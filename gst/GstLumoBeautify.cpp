@@ -6,7 +6,6 @@
 
 #include <lumo/lumo.h>
 
-#include <cstring>
 #include <memory>
 #include <new>
 #include <string>
@@ -238,29 +237,17 @@ int32_t wrapFrame(GstVideoFrame* frame, lumo::PixelBufferRef* out) {
                                              planes, count, nullptr, attributes, out);
 }
 
-// Copies every plane of `result` into the frame's planes, row by row (the strides may differ).
-void copyPlanes(const lumo::PixelBufferRef& result, GstVideoFrame* frame) {
-  result->lockBaseAddress(lumo::kPixelBufferLockReadOnly);
-  for (int32_t plane = 0; plane < result->planeCount(); ++plane) {
-    const lumo::PixelPlaneGeometry geometry = result->planeGeometry(plane);
-    const auto* from = static_cast<const uint8_t*>(result->baseAddressOfPlane(plane));
-    auto* to = static_cast<uint8_t*>(GST_VIDEO_FRAME_PLANE_DATA(frame, plane));
-    const size_t fromStride = result->bytesPerRowOfPlane(plane);
-    const auto toStride = static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(frame, plane));
-    for (int32_t y = 0; y < geometry.height; ++y) {
-      std::memcpy(to + toStride * static_cast<size_t>(y), from + fromStride * static_cast<size_t>(y),
-                  geometry.rowBytes());
-    }
-  }
-  result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
-}
-
 // Renders one frame into `out`; false when the engine handed the input back undrawn.
 bool renderInto(lumo::BeautifyEngine& engine, const lumo::PixelBufferRef& input, GstVideoFrame* out) {
   return withCallerContext([&] {
     const lumo::PixelBufferRef result = engine.render(input);
     if (!result || result == input) return false;
-    copyPlanes(result, out);
+    lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
+    for (int32_t plane = 0; plane < result->planeCount(); ++plane) {
+      planes[plane] = {GST_VIDEO_FRAME_PLANE_DATA(out, plane),
+                       static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(out, plane))};
+    }
+    lumo::copyPlanesOut(result, planes);
     return true;
   });
 }

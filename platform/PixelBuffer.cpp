@@ -63,6 +63,18 @@ size_t pixelFormatFrameBytes(uint32_t pixelFormat, int32_t width, int32_t height
   return bytes;
 }
 
+int32_t pixelFormatTightPlanes(uint32_t pixelFormat, int32_t width, int32_t height, void* bytes,
+                               PixelBufferPlane planes[kPixelBufferMaxPlanes]) {
+  auto* next = static_cast<uint8_t*>(bytes);
+  const int32_t count = pixelFormatPlaneCount(pixelFormat);
+  for (int32_t plane = 0; plane < count; ++plane) {
+    const PixelPlaneGeometry geometry = pixelFormatPlane(pixelFormat, width, height, plane);
+    planes[plane] = {next, geometry.rowBytes()};
+    next += geometry.rowBytes() * static_cast<size_t>(geometry.height);
+  }
+  return count;
+}
+
 const char* pixelFormatName(uint32_t pixelFormat) {
   for (const FormatName& entry : kFormatNames) {
     if (entry.format == pixelFormat) return entry.name;

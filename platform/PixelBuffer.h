@@ -88,6 +88,11 @@ struct PixelBufferPlane {
   size_t bytesPerRow = 0;
 };
 
+// The planes of a frame stored tightly, one after another, from `bytes` (a raw stream's layout, that of
+// pixelFormatFrameBytes); returns their number, 0 for an unknown format.
+LUMO_EXPORT int32_t pixelFormatTightPlanes(uint32_t pixelFormat, int32_t width, int32_t height, void* bytes,
+                                           PixelBufferPlane planes[kPixelBufferMaxPlanes]);
+
 // Memory handed to the texture cache's readback: implemented by the cache that last mapped a buffer.
 class PixelBufferBacking {
  public:

@@ -34,4 +34,18 @@ void copyPixelsOut(const PixelBufferRef& buffer, uint8_t* to, size_t toStride) {
   buffer->unlockBaseAddress(kPixelBufferLockReadOnly);
 }
 
+void copyPlanesOut(const PixelBufferRef& buffer, const PixelBufferPlane* to) {
+  buffer->lockBaseAddress(kPixelBufferLockReadOnly);
+  for (int32_t plane = 0; plane < buffer->planeCount(); ++plane) {
+    const PixelPlaneGeometry geometry = buffer->planeGeometry(plane);
+    const auto* from = static_cast<const uint8_t*>(buffer->baseAddressOfPlane(plane));
+    auto* out = static_cast<uint8_t*>(to[plane].bytes);
+    for (int32_t y = 0; y < geometry.height; ++y) {
+      std::memcpy(out + to[plane].bytesPerRow * static_cast<size_t>(y),
+                  from + buffer->bytesPerRowOfPlane(plane) * static_cast<size_t>(y), geometry.rowBytes());
+    }
+  }
+  buffer->unlockBaseAddress(kPixelBufferLockReadOnly);
+}
+
 }  // namespace lumo

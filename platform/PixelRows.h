@@ -15,5 +15,8 @@ LUMO_EXPORT void copyPixelRows(const uint8_t* from, size_t fromStride, uint8_t* 
 
 // Copies a buffer's pixels (locked read-only for the copy) into memory of the given stride.
 LUMO_EXPORT void copyPixelsOut(const PixelBufferRef& buffer, uint8_t* to, size_t toStride);
+// Copies every plane of a buffer (locked read-only for the copy) into `to`, one entry a plane, each with its
+// own stride.
+LUMO_EXPORT void copyPlanesOut(const PixelBufferRef& buffer, const PixelBufferPlane* to);
 
 }  // namespace lumo

@@ -243,30 +243,18 @@ std::vector<uint8_t> yuvPlanes(uint32_t format, int width, int height) {
 std::vector<uint8_t> libraryPlanes(std::vector<uint8_t> raw, uint32_t format, int width, int height,
                                    YuvColorimetry colorimetry) {
   PixelBufferPlane planes[kPixelBufferMaxPlanes];
-  size_t offset = 0;
-  for (int p = 0; p < pixelFormatPlaneCount(format); ++p) {
-    const PixelPlaneGeometry g = pixelFormatPlane(format, width, height, p);
-    planes[p] = {raw.data() + offset, g.rowBytes()};
-    offset += g.rowBytes() * static_cast<size_t>(g.height);
-  }
+  const int32_t count = pixelFormatTightPlanes(format, width, height, raw.data(), planes);
   PixelBufferAttributes attributes;
   attributes.colorimetry = colorimetry;
   PixelBufferRef in;
-  EXPECT_EQ(PixelBuffer::createWithPlanes(width, height, format, planes, pixelFormatPlaneCount(format), nullptr,
-                                          attributes, &in),
+  EXPECT_EQ(PixelBuffer::createWithPlanes(width, height, format, planes, count, nullptr, attributes, &in),
             kPixelBufferSuccess);
   const std::unique_ptr<BeautifyEngine> engine = makeEngine(EngineKind::Cpu);
   engine->applySettings(BeautifySettings{});  // the element's defaults
   const PixelBufferRef out = engine->render(in);
-  std::vector<uint8_t> result;
-  for (int p = 0; p < out->planeCount(); ++p) {
-    const PixelPlaneGeometry g = out->planeGeometry(p);
-    const auto* bytes = static_cast<const uint8_t*>(out->baseAddressOfPlane(p));
-    for (int y = 0; y < g.height; ++y) {
-      const uint8_t* row = bytes + out->bytesPerRowOfPlane(p) * static_cast<size_t>(y);
-      result.insert(result.end(), row, row + g.rowBytes());
-    }
-  }
+  std::vector<uint8_t> result(raw.size());
+  pixelFormatTightPlanes(format, width, height, result.data(), planes);
+  copyPlanesOut(out, planes);
   return result;
 }
 

@@ -26,33 +26,20 @@ using Raw = std::vector<uint8_t>;
 
 PixelBufferRef wrap(Raw& raw, uint32_t format, int width, int height, YuvColorimetry colorimetry = {}) {
   PixelBufferPlane planes[kPixelBufferMaxPlanes];
-  size_t offset = 0;
-  for (int32_t p = 0; p < pixelFormatPlaneCount(format); ++p) {
-    const PixelPlaneGeometry g = pixelFormatPlane(format, width, height, p);
-    planes[p] = {raw.data() + offset, g.rowBytes()};
-    offset += g.rowBytes() * static_cast<size_t>(g.height);
-  }
+  const int32_t count = pixelFormatTightPlanes(format, width, height, raw.data(), planes);
   PixelBufferAttributes attributes;
   attributes.colorimetry = colorimetry;
   PixelBufferRef buffer;
-  EXPECT_EQ(PixelBuffer::createWithPlanes(width, height, format, planes, pixelFormatPlaneCount(format), nullptr,
-                                          attributes, &buffer),
+  EXPECT_EQ(PixelBuffer::createWithPlanes(width, height, format, planes, count, nullptr, attributes, &buffer),
             kPixelBufferSuccess);
   return buffer;
 }
 
 Raw unwrap(const PixelBufferRef& buffer) {
-  Raw raw;
-  buffer->lockBaseAddress(kPixelBufferLockReadOnly);
-  for (int32_t p = 0; p < buffer->planeCount(); ++p) {
-    const PixelPlaneGeometry g = buffer->planeGeometry(p);
-    const auto* bytes = static_cast<const uint8_t*>(buffer->baseAddressOfPlane(p));
-    for (int32_t y = 0; y < g.height; ++y) {
-      const uint8_t* row = bytes + buffer->bytesPerRowOfPlane(p) * static_cast<size_t>(y);
-      raw.insert(raw.end(), row, row + g.rowBytes());
-    }
-  }
-  buffer->unlockBaseAddress(kPixelBufferLockReadOnly);
+  Raw raw(pixelFormatFrameBytes(buffer->pixelFormat(), buffer->width(), buffer->height()));
+  PixelBufferPlane planes[kPixelBufferMaxPlanes];
+  pixelFormatTightPlanes(buffer->pixelFormat(), buffer->width(), buffer->height(), raw.data(), planes);
+  copyPlanesOut(buffer, planes);
   return raw;
 }
 

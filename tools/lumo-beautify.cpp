@@ -292,33 +292,20 @@ std::unique_ptr<lumo::BeautifyEngine> startEngine(const Options& options) {
 lumo::PixelBufferRef wrapFrame(std::vector<uint8_t>& frame, uint32_t format, int width, int height,
                                lumo::YuvColorimetry colorimetry) {
   lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
-  size_t offset = 0;
-  for (int32_t plane = 0; plane < lumo::pixelFormatPlaneCount(format); ++plane) {
-    const lumo::PixelPlaneGeometry geometry = lumo::pixelFormatPlane(format, width, height, plane);
-    planes[plane] = {frame.data() + offset, geometry.rowBytes()};
-    offset += geometry.rowBytes() * static_cast<size_t>(geometry.height);
-  }
+  const int32_t count = lumo::pixelFormatTightPlanes(format, width, height, frame.data(), planes);
   lumo::PixelBufferAttributes attributes;
   attributes.colorimetry = colorimetry;
   lumo::PixelBufferRef buffer;
-  lumo::PixelBuffer::createWithPlanes(width, height, format, planes, lumo::pixelFormatPlaneCount(format), nullptr,
-                                      attributes, &buffer);
+  lumo::PixelBuffer::createWithPlanes(width, height, format, planes, count, nullptr, attributes, &buffer);
   return buffer;
 }
 
 // Copies a result's planes into `out`, tightly packed.
 void copyFrameOut(const lumo::PixelBufferRef& result, std::vector<uint8_t>& out) {
   out.resize(lumo::pixelFormatFrameBytes(result->pixelFormat(), result->width(), result->height()));
-  result->lockBaseAddress(lumo::kPixelBufferLockReadOnly);
-  uint8_t* to = out.data();
-  for (int32_t plane = 0; plane < result->planeCount(); ++plane) {
-    const lumo::PixelPlaneGeometry geometry = result->planeGeometry(plane);
-    const auto* from = static_cast<const uint8_t*>(result->baseAddressOfPlane(plane));
-    for (int32_t y = 0; y < geometry.height; ++y, to += geometry.rowBytes()) {
-      std::memcpy(to, from + result->bytesPerRowOfPlane(plane) * static_cast<size_t>(y), geometry.rowBytes());
-    }
-  }
-  result->unlockBaseAddress(lumo::kPixelBufferLockReadOnly);
+  lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
+  lumo::pixelFormatTightPlanes(result->pixelFormat(), result->width(), result->height(), out.data(), planes);
+  lumo::copyPlanesOut(result, planes);
 }
 
 // Draws one frame into `out` (the same layout). An engine that hands back the very input although the settings
