@@ -3,32 +3,14 @@
 #include <algorithm>
 #include <cstring>
 
+#include "YuvCoefficients.h"
+
 namespace lumo::cpu {
 namespace {
 
-// The matrix and range as factors on 0..255 values.
-struct Yuv {
-  float kr, kg, kb;
-  float yOffset, yScale;  // Y = yOffset + yScale * luma
-  float cScale;           // Cb, Cr = 128 + cScale * (difference / its span)
-};
+using Yuv = YuvCoefficients;
 
-Yuv coefficients(const YuvColorimetry& colorimetry) {
-  Yuv c{};
-  if (colorimetry.matrix == YuvMatrix::Bt709) {
-    c.kr = 0.2126f;
-    c.kb = 0.0722f;
-  } else {
-    c.kr = 0.299f;
-    c.kb = 0.114f;
-  }
-  c.kg = 1.0f - c.kr - c.kb;
-  const bool limited = colorimetry.range != YuvRange::Full;
-  c.yOffset = limited ? 16.0f : 0.0f;
-  c.yScale = limited ? 219.0f / 255.0f : 1.0f;
-  c.cScale = limited ? 224.0f / 255.0f : 1.0f;
-  return c;
-}
+Yuv coefficients(const YuvColorimetry& colorimetry) { return yuvCoefficients(colorimetry); }
 
 inline uint8_t level(float v) {
   v = std::min(255.0f, std::max(0.0f, v));
