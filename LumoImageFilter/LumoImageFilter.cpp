@@ -16,6 +16,7 @@
 #include "VideoProcessSharpenFilter.h"
 #include "VideoProcessSkinDetectFilter.h"
 #include "VideoProcessWhitenFilter.h"
+#include "VideoProcessYuvFilters.h"
 
 namespace lumo {
 LumoImageFilter::LumoImageFilter() = default;
@@ -54,9 +55,22 @@ int32_t LumoImageFilter::destroy() {
       glDeleteFramebuffers(1, &m_hFrameBufferPool[0]);
       glDeleteFramebuffers(1, &m_hFrameBufferPool[1]);
       globjects::noteDeleted((m_hFrameBufferPool[0] != 0) + (m_hFrameBufferPool[1] != 0));
+      if (conversionFramebuffer_ != 0) {
+        glDeleteFramebuffers(1, &conversionFramebuffer_);
+        globjects::noteDeleted(1);
+      }
+      yuvToRgb_.reset();
+      rgbToYuv_.reset();
+    } else {
+      // No context to delete them in: the programs went with it.
+      yuvToRgb_.release();  // NOLINT(bugprone-unused-return-value)
+      rgbToYuv_.release();  // NOLINT(bugprone-unused-return-value)
     }
     m_hFrameBufferPool[0] = 0;
     m_hFrameBufferPool[1] = 0;
+    conversionFramebuffer_ = 0;
+    yuvInputRgb_.reset();
+    yuvOutput_.reset();
     // Only our references go: a buffer the host still holds stays alive with it.
     m_pRenderPixelBuffer.reset();
     m_pRenderPixelBuffer2.reset();
@@ -178,8 +192,10 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   applyWantedSettings();
 
   if ((m_nEnableBeautifying < 1 && !m_pCustomizedFilter) || !pixelBuffer) return pixelBuffer;
-  // The texture cache maps BGRA only; a frame of another format comes back undrawn (hosts hand such
-  // frames to the CPU engine).
+  // Packed orders other than BGRA come back undrawn (hosts hand such frames to the CPU engine).
+  if (pixelFormatIsYuv(pixelBuffer->pixelFormat())) {
+    return renderYuv(pixelBuffer, FramePlan::make(m_nEnableBeautifying, m_pCustomizedFilter != nullptr));
+  }
   if (pixelBuffer->pixelFormat() != kPixelFormat32BGRA) return pixelBuffer;
 
   m_nCurrentFrameIndex = 0;
@@ -220,6 +236,119 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
     }
   }
   return result;
+}
+
+PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, const FramePlan& plan) {
+  m_nCurrentFrameIndex = 0;
+  ContextGuard guard(m_pGLContext.get());
+  if (!guard.ok() || !m_pTexCache) return pixelBuffer;
+  const uint32_t format = pixelBuffer->pixelFormat();
+  const int32_t width = pixelBuffer->width();
+  const int32_t height = pixelBuffer->height();
+  if (width != m_nImgWidth || height != m_nImgHeight) changeFormat(0, width, height, nullptr);
+  if (!yuvInputRgb_ || yuvInputRgb_->width() != width || yuvInputRgb_->height() != height) {
+    // A plain buffer: the GPU writes it and nobody reads it back.
+    PixelBuffer::create(width, height, kPixelFormat32BGRA, PixelBufferAttributes{}, &yuvInputRgb_);
+  }
+  if (!yuvOutput_ || yuvOutput_->pixelFormat() != format || yuvOutput_->width() != width ||
+      yuvOutput_->height() != height) {
+    PixelBufferAttributes attributes;
+    attributes.gpuShareable = true;
+    PixelBuffer::create(width, height, format, attributes, &yuvOutput_);
+  }
+  if (!yuvToRgb_) {
+    yuvToRgb_ = std::make_unique<VideoProcessYuvToRgbFilter>();
+    yuvToRgb_->initProgram();
+    rgbToYuv_ = std::make_unique<VideoProcessRgbToYuvFilter>();
+    rgbToYuv_->initProgram();
+    glGenFramebuffers(1, &conversionFramebuffer_);
+    globjects::noteCreated(1);
+  }
+  if (!yuvInputRgb_ || !yuvOutput_) return pixelBuffer;
+
+  // The source planes as luminance textures; the output planes as RGBA textures, four bytes a texel.
+  const bool interleaved = format == kPixelFormatNV12;
+  const int32_t planes = pixelBuffer->planeCount();
+  TextureRef sources[kPixelBufferMaxPlanes];
+  TextureRef targets[kPixelBufferMaxPlanes];
+  bool mapped = true;
+  for (int32_t plane = 0; plane < planes; ++plane) {
+    const PixelPlaneGeometry geometry = pixelBuffer->planeGeometry(plane);
+    const bool pairs = interleaved && plane == 1;
+    const uint32_t sourceFormat = pairs ? GL_LUMINANCE_ALPHA : GL_LUMINANCE;
+    mapped = m_pTexCache->createTextureFromImage(pixelBuffer, GL_TEXTURE_2D, static_cast<int32_t>(sourceFormat),
+                                                 geometry.width, geometry.height, sourceFormat, GL_UNSIGNED_BYTE,
+                                                 static_cast<size_t>(plane), &sources[plane]) == kTextureCacheSuccess &&
+             mapped;
+    const auto texels = static_cast<int32_t>((geometry.rowBytes() + 3) / 4);
+    mapped = m_pTexCache->createTextureFromImage(yuvOutput_, GL_TEXTURE_2D, GL_RGBA, texels, geometry.height, GL_RGBA,
+                                                 GL_UNSIGNED_BYTE, static_cast<size_t>(plane),
+                                                 &targets[plane]) == kTextureCacheSuccess &&
+             mapped;
+  }
+  TextureRef t0;
+  TextureRef t1;
+  TextureRef t2;
+  m_pTexCache->createTextureFromImage(yuvInputRgb_, GL_TEXTURE_2D, GL_RGBA, width, height, GL_BGRA_EXT,
+                                      GL_UNSIGNED_BYTE, 0, &t0);
+  m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
+                                      GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t1);
+  m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer2, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
+                                      GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t2);
+
+  PixelBufferRef result = pixelBuffer;
+  if (mapped && t0 && t1 && t2) {
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D, sources[0]->name());
+    glActiveTexture(GL_TEXTURE2);
+    glBindTexture(GL_TEXTURE_2D, sources[1]->name());
+    // NV12 has no third plane; the unit still needs a texture for the sampler the program does not read.
+    glActiveTexture(GL_TEXTURE3);
+    glBindTexture(GL_TEXTURE_2D, sources[interleaved ? 1 : 2]->name());
+    yuvToRgb_->setFrame(format, width, height, pixelBuffer->colorimetry());
+    drawConversion(yuvToRgb_.get(), t0.get(), width, height);
+    glActiveTexture(GL_TEXTURE3);
+    glBindTexture(GL_TEXTURE_2D, 0);
+
+    const Texture* last = runPasses(plan, t0.get(), t1.get(), t2.get());
+    if (last != t0.get()) {
+      using Plane = VideoProcessRgbToYuvFilter::Plane;
+      const Plane kinds[3] = {Plane::Luma, interleaved ? Plane::ChromaInterleaved : Plane::Cb, Plane::Cr};
+      glActiveTexture(GL_TEXTURE0);
+      glBindTexture(GL_TEXTURE_2D, last->name());
+      for (int32_t plane = 0; plane < planes; ++plane) {
+        const PixelPlaneGeometry geometry = yuvOutput_->planeGeometry(plane);
+        rgbToYuv_->setPlane(kinds[plane], width, height, pixelBuffer->colorimetry());
+        drawConversion(rgbToYuv_.get(), targets[plane].get(), static_cast<int32_t>((geometry.rowBytes() + 3) / 4),
+                       geometry.height);
+      }
+      yuvOutput_->setColorimetry(pixelBuffer->colorimetry());
+      result = yuvOutput_;
+    }
+    glFinish();
+  }
+  for (TextureRef* texture : {&sources[0], &sources[1], &sources[2], &targets[0], &targets[1], &targets[2], &t0, &t1,
+                              &t2}) {
+    if (*texture) {
+      glBindTexture((*texture)->target(), 0);
+      texture->reset();
+    }
+  }
+  return result;
+}
+
+void LumoImageFilter::drawConversion(VideoProcessFilter* filter, const Texture* target, int32_t width,
+                                     int32_t height) {
+  glBindFramebuffer(GL_FRAMEBUFFER, conversionFramebuffer_);
+  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target->name(), 0);
+  glViewport(0, 0, width, height);
+  glUseProgram(filter->program());
+  filter->setUniforms(1);
+  filter->setAttributes(1);
+  gldebug::checkFramebuffer("LumoImageFilter::drawConversion()");
+  glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+  gldebug::checkError("LumoImageFilter::drawConversion()");
+  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
 }
 
 const Texture* LumoImageFilter::runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1,

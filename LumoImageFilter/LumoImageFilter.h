@@ -30,8 +30,13 @@ class VideoProcessSharpenFilter;
 class VideoProcessCustomizedFilter;
 class VideoProcessOverlayFilter;
 class VideoProcessPinkWhitenFilter;
+class VideoProcessYuvToRgbFilter;
+class VideoProcessRgbToYuvFilter;
 
-// The beautify pipeline on the GPU: one BGRA frame in, the processed frame out.
+// The beautify pipeline on the GPU: one BGRA frame in, the processed frame out. An NV12 or I420 frame is
+// converted into an RGB texture by one pass before the beautify passes, and the result drawn into the Y and
+// chroma planes of a facade-owned buffer of the same format by one pass a plane after them; other formats
+// come back undrawn.
 //
 // create(), destroy() and render() each make the facade's own EGL context current for their duration and
 // restore the caller's afterwards (a thread that had no context keeps the facade's current).
@@ -45,8 +50,8 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
 
   int32_t create() override;
   int32_t destroy() override;
-  // Returns null before create() and after destroy(); the input itself when no pass runs or a texture
-  // cannot be made; otherwise one of the two output buffers, whose pixels are readable between
+  // Returns null before create() and after destroy(); the input itself when no pass runs, a texture cannot
+  // be made or the format is neither BGRA, NV12 nor I420; otherwise one of the two output buffers, whose pixels are readable between
   // lockBaseAddress and unlockBaseAddress. The facade draws into that buffer again at a later frame, so a
   // host keeps or copies the result before its next call; a buffer it still holds is never freed.
   PixelBufferRef render(const PixelBufferRef& pixelBuffer) override;
@@ -96,6 +101,18 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   // The frame plan's passes, starting from T0; returns the texture holding the last pass.
   const Texture* runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2);
   const Texture* runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2);
+  // A YUV frame: its planes into an RGB texture, the passes, and the result into yuvOutput_'s planes.
+  PixelBufferRef renderYuv(const PixelBufferRef& pixelBuffer, const FramePlan& plan);
+  // One conversion pass into `target`, a texture of width x height, through its own framebuffer.
+  void drawConversion(VideoProcessFilter* filter, const Texture* target, int32_t width, int32_t height);
+
+  // YUV frames only, made on the first one: the RGB frame the passes start from, the output planes, the
+  // conversion programs and the framebuffer they draw through.
+  PixelBufferRef yuvInputRgb_;
+  PixelBufferRef yuvOutput_;
+  std::unique_ptr<VideoProcessYuvToRgbFilter> yuvToRgb_;
+  std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToYuv_;
+  uint32_t conversionFramebuffer_ = 0;
 };
 
 }  // namespace lumo

@@ -5,6 +5,7 @@
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -15,6 +16,29 @@ namespace lumo {
 namespace {
 
 constexpr GLenum kUnpackRowLength = 0x0CF2;  // GL_UNPACK_ROW_LENGTH of ES 3.0 and EXT_unpack_subimage
+// The packed BGRA mapping of a BGRA buffer, whatever GL format the cache picked for it.
+constexpr int32_t kBgraLayout = 0;
+
+// How one plane of a buffer is laid out as a texture.
+struct TexelLayout {
+  int32_t plane = 0;
+  int32_t glFormat = kBgraLayout;
+  int32_t texelBytes = 4;
+  int32_t width = 0;
+  int32_t height = 0;
+  bool operator==(const TexelLayout& other) const {
+    return plane == other.plane && glFormat == other.glFormat && width == other.width && height == other.height;
+  }
+};
+
+int32_t texelBytesOf(uint32_t format) {
+  switch (format) {
+    case GL_LUMINANCE: return 1;
+    case GL_LUMINANCE_ALPHA: return 2;
+    case GL_RGBA: return 4;
+    default: return 0;
+  }
+}
 
 bool glHasExtension(const char* name) {
   const char* list = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
@@ -54,37 +78,48 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
   bool ready() const { return ready_; }
   bool nativeBgra() const { return nativeBgra_; }
 
-  int32_t map(const PixelBufferRef& buffer, TextureRef* out) {
+  // `layout` says how the plane's bytes are texels: the buffer's packed BGRA (kBgraLayout), or a plane's
+  // bytes as GL_LUMINANCE, GL_LUMINANCE_ALPHA or GL_RGBA texels of that many bytes.
+  int32_t map(const PixelBufferRef& buffer, const TexelLayout& layout, TextureRef* out) {
     bool markShareable = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       ContextGuard guard(context_.get());
       if (!guard.ok()) return kTextureCacheErrorNoContext;
-      if (buffer->width() > maxTextureSize_ || buffer->height() > maxTextureSize_) {
-        return kTextureCacheErrorTooLarge;
+      if (layout.width > maxTextureSize_ || layout.height > maxTextureSize_) return kTextureCacheErrorTooLarge;
+      const uint64_t key = entryKey(buffer->identifier(), layout.plane);
+      auto found = entries_.find(key);
+      // A format or size the texture was not made for (a buffer mapped another way) starts it anew.
+      if (found != entries_.end() && !(found->second->layout == layout)) {
+        if (found->second->texture.lends_ != 0) return kTextureCacheErrorUnsupported;
+        ++statistics_.texturesDeleted;
+        entries_.erase(found);
+        found = entries_.end();
       }
-      auto found = entries_.find(buffer->identifier());
       // A host that wraps each frame in a new buffer gets the texture of a dead one back, so that
       // steady-state frames make no GL object and no allocation.
-      if (found == entries_.end()) found = recycleDeadLocked(buffer);
+      if (found == entries_.end()) found = recycleDeadLocked(buffer, layout, key);
       purgeDeadLocked();
       if (found == entries_.end()) {
-        found = entries_.emplace(buffer->identifier(), std::make_unique<Entry>()).first;
+        found = entries_.emplace(key, std::make_unique<Entry>()).first;
         Entry& entry = *found->second;
         entry.name.reset(gl::genTexture());
         entry.texture.name_ = entry.name.get();
         entry.texture.target_ = GL_TEXTURE_2D;
+        entry.layout = layout;
         ++statistics_.texturesCreated;
       }
       Entry& entry = *found->second;
       entry.buffer = buffer;
       entry.texture.buffer_ = buffer.get();
-      entry.width = buffer->width();
-      entry.height = buffer->height();
       const uint64_t version = buffer->contentVersion();
       glBindTexture(GL_TEXTURE_2D, entry.texture.name_);
       if (entry.uploadedVersion != version) {
-        upload(*buffer, entry.allocated);
+        if (layout.glFormat == kBgraLayout) {
+          upload(*buffer, entry.allocated);
+        } else {
+          uploadPlane(*buffer, layout, entry.allocated);
+        }
         entry.allocated = true;
         entry.uploadedVersion = version;
       }
@@ -107,13 +142,30 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
 
   void readBack(PixelBuffer& buffer) override {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto found = entries_.find(buffer.identifier());
-    if (found == entries_.end() || !found->second->allocated) return;
     ContextGuard guard(context_.get());
     if (!guard.ok()) return;
-    if (!readFramebuffer_) readFramebuffer_.reset(gl::genFramebuffer());
-    glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_.get());
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, found->second->texture.name_, 0);
+    for (int32_t plane = 0; plane < buffer.planeCount(); ++plane) {
+      auto found = entries_.find(entryKey(buffer.identifier(), plane));
+      if (found == entries_.end() || !found->second->allocated) continue;
+      const TexelLayout& layout = found->second->layout;
+      // Luminance textures are sources only; GL cannot render into them.
+      if (layout.glFormat != kBgraLayout && layout.glFormat != GL_RGBA) continue;
+      if (!readFramebuffer_) readFramebuffer_.reset(gl::genFramebuffer());
+      glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_.get());
+      glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, found->second->texture.name_, 0);
+      if (layout.glFormat == kBgraLayout) {
+        readBackBgra(buffer);
+      } else {
+        readBackPlane(buffer, layout);
+      }
+      glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
+      glBindFramebuffer(GL_FRAMEBUFFER, 0);
+      ++statistics_.readbacks;
+    }
+  }
+
+  // Needs the texture attached to the read framebuffer.
+  void readBackBgra(PixelBuffer& buffer) {
     glPixelStorei(GL_PACK_ALIGNMENT, 4);
     const size_t rowBytes = static_cast<size_t>(buffer.width()) * 4;
     auto* bytes = static_cast<uint8_t*>(buffer.baseAddress());
@@ -127,9 +179,26 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     if (target != bytes) {
       copyPixelRows(target, rowBytes, bytes, buffer.bytesPerRow(), buffer.width(), buffer.height(), !readBgra_);
     }
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
-    ++statistics_.readbacks;
+  }
+
+  // An RGBA texture whose texels are the plane's bytes, four at a time; the last texel of a row may run past
+  // the plane's row, and that tail is dropped. Needs the texture attached to the read framebuffer.
+  void readBackPlane(PixelBuffer& buffer, const TexelLayout& layout) {
+    const size_t rowBytes = buffer.planeGeometry(layout.plane).rowBytes();
+    const size_t textureRowBytes = static_cast<size_t>(layout.width) * 4;
+    const size_t stride = buffer.bytesPerRowOfPlane(layout.plane);
+    auto* bytes = static_cast<uint8_t*>(buffer.baseAddressOfPlane(layout.plane));
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    if (textureRowBytes == rowBytes && stride == rowBytes) {
+      glReadPixels(0, 0, layout.width, layout.height, GL_RGBA, GL_UNSIGNED_BYTE, bytes);
+      return;
+    }
+    scratch_.resize(textureRowBytes * static_cast<size_t>(layout.height));
+    glReadPixels(0, 0, layout.width, layout.height, GL_RGBA, GL_UNSIGNED_BYTE, scratch_.data());
+    for (int32_t row = 0; row < layout.height; ++row) {
+      std::memcpy(bytes + stride * static_cast<size_t>(row), scratch_.data() + textureRowBytes * static_cast<size_t>(row),
+                  rowBytes);
+    }
   }
 
   // Buffers still alive whose GL copy may be newer than their memory.
@@ -137,7 +206,10 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<PixelBufferRef> live;
     for (auto& [id, entry] : entries_) {
-      if (auto buffer = entry->buffer.lock(); buffer && buffer->isGpuShareable()) live.push_back(buffer);
+      auto buffer = entry->buffer.lock();
+      if (buffer && buffer->isGpuShareable() && std::find(live.begin(), live.end(), buffer) == live.end()) {
+        live.push_back(buffer);
+      }
     }
     return live;
   }
@@ -176,28 +248,41 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     std::weak_ptr<PixelBuffer> buffer;
     GlTexture name;  // erasing the entry deletes the texture: only with the cache's context current
     Texture texture;
+    TexelLayout layout;
     uint64_t uploadedVersion = 0;
-    int32_t width = 0;
-    int32_t height = 0;
     bool allocated = false;
   };
 
+  // Buffer identifiers count up from 1, far below 2^62: the plane takes the two low bits.
+  static uint64_t entryKey(uint64_t identifier, int32_t plane) {
+    return (identifier << 2) | static_cast<uint64_t>(plane);
+  }
+
   using Entries = std::unordered_map<uint64_t, std::unique_ptr<Entry>>;
 
-  // Needs the lock held. Re-keys a dead entry of the same size (the node moves, nothing is allocated).
-  Entries::iterator recycleDeadLocked(const PixelBufferRef& buffer) {
+  // Needs the lock held. Re-keys a dead buffer's entry of the same layout, and its other planes with it, so
+  // that the purge that follows does not delete the planes this buffer maps next (the nodes move, nothing
+  // is allocated). A plane mapped another way is made anew when it is mapped.
+  Entries::iterator recycleDeadLocked(const PixelBufferRef& buffer, const TexelLayout& layout, uint64_t key) {
     for (auto it = entries_.begin(); it != entries_.end(); ++it) {
       const Entry& entry = *it->second;
-      if (!entry.buffer.expired() || entry.texture.lends_ != 0 || !entry.allocated || entry.width != buffer->width() ||
-          entry.height != buffer->height()) {
+      if (!entry.buffer.expired() || entry.texture.lends_ != 0 || !entry.allocated || !(entry.layout == layout)) {
         continue;
       }
-      auto node = entries_.extract(it);
-      node.key() = buffer->identifier();
-      node.mapped()->buffer = buffer;  // alive again before the purge that follows
-      node.mapped()->uploadedVersion = 0;
-      ++statistics_.texturesRecycled;
-      return entries_.insert(std::move(node)).position;
+      const uint64_t dead = it->first >> 2;
+      for (int32_t plane = 0; plane < kPixelBufferMaxPlanes; ++plane) {
+        const uint64_t to = entryKey(buffer->identifier(), plane);
+        auto from = entries_.find(entryKey(dead, plane));
+        if (from == entries_.end() || from->second->texture.lends_ != 0 || entries_.count(to) != 0) continue;
+        auto node = entries_.extract(from);
+        node.key() = to;
+        node.mapped()->buffer = buffer;  // alive again before the purge that follows
+        node.mapped()->texture.buffer_ = buffer.get();
+        node.mapped()->uploadedVersion = 0;
+        entries_.insert(std::move(node));
+        ++statistics_.texturesRecycled;
+      }
+      return entries_.find(key);
     }
     return entries_.end();
   }
@@ -239,6 +324,41 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), width, height, 0, format, GL_UNSIGNED_BYTE, source);
       gl::setLinearClampSampling();
     }
+    if (rowLengthSet) glPixelStorei(kUnpackRowLength, 0);
+    ++statistics_.uploads;
+  }
+
+  // Needs the texture bound to GL_TEXTURE_2D. Rows go straight from the plane where GL can take its stride;
+  // otherwise (and where texels run past the plane's row) through scratch, with the tail zeroed.
+  void uploadPlane(const PixelBuffer& buffer, const TexelLayout& layout, bool allocated) {
+    const size_t rowBytes = buffer.planeGeometry(layout.plane).rowBytes();
+    const size_t texelBytes = static_cast<size_t>(layout.texelBytes);
+    const size_t textureRowBytes = static_cast<size_t>(layout.width) * texelBytes;
+    const size_t stride = buffer.bytesPerRowOfPlane(layout.plane);
+    const auto* bytes = static_cast<const uint8_t*>(buffer.baseAddressOfPlane(layout.plane));
+    const uint8_t* source = bytes;
+    bool rowLengthSet = false;
+    if (textureRowBytes == rowBytes && stride != rowBytes && unpackRowLength_ && stride % texelBytes == 0) {
+      glPixelStorei(kUnpackRowLength, static_cast<GLint>(stride / texelBytes));
+      rowLengthSet = true;
+    } else if (textureRowBytes != rowBytes || stride != rowBytes) {
+      scratch_.assign(textureRowBytes * static_cast<size_t>(layout.height), 0);
+      for (int32_t row = 0; row < layout.height; ++row) {
+        std::memcpy(scratch_.data() + textureRowBytes * static_cast<size_t>(row), bytes + stride * static_cast<size_t>(row),
+                    rowBytes);
+      }
+      source = scratch_.data();
+    }
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    const auto format = static_cast<GLenum>(layout.glFormat);
+    if (allocated) {
+      glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, layout.width, layout.height, format, GL_UNSIGNED_BYTE, source);
+    } else {
+      glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), layout.width, layout.height, 0, format,
+                   GL_UNSIGNED_BYTE, source);
+      gl::setLinearClampSampling();
+    }
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
     if (rowLengthSet) glPixelStorei(kUnpackRowLength, 0);
     ++statistics_.uploads;
   }
@@ -287,12 +407,33 @@ int32_t TextureCache::createTextureFromImage(const PixelBufferRef& buffer, uint3
   if (texture == nullptr) return kTextureCacheErrorInvalidArgument;
   texture->reset();
   if (!buffer) return kTextureCacheErrorInvalidArgument;
-  if (target != GL_TEXTURE_2D || (internalFormat != GL_RGBA && internalFormat != GL_BGRA_EXT) ||
-      format != GL_BGRA_EXT || type != GL_UNSIGNED_BYTE || plane != 0 || buffer->pixelFormat() != kPixelFormat32BGRA) {
+  if (target != GL_TEXTURE_2D || type != GL_UNSIGNED_BYTE) return kTextureCacheErrorUnsupported;
+  TexelLayout layout;
+  layout.width = width;
+  layout.height = height;
+  if (format == GL_BGRA_EXT) {
+    if ((internalFormat != GL_RGBA && internalFormat != GL_BGRA_EXT) || plane != 0 ||
+        buffer->pixelFormat() != kPixelFormat32BGRA) {
+      return kTextureCacheErrorUnsupported;
+    }
+    if (width != buffer->width() || height != buffer->height()) return kTextureCacheErrorSizeMismatch;
+    return core_->map(buffer, layout, texture);
+  }
+  // A plane's bytes as texels of one, two or four bytes: width is the plane's row in texels, rounded up.
+  const int32_t texelBytes = texelBytesOf(format);
+  if (texelBytes == 0 || internalFormat != static_cast<int32_t>(format) ||
+      plane >= static_cast<size_t>(buffer->planeCount())) {
     return kTextureCacheErrorUnsupported;
   }
-  if (width != buffer->width() || height != buffer->height()) return kTextureCacheErrorSizeMismatch;
-  return core_->map(buffer, texture);
+  layout.plane = static_cast<int32_t>(plane);
+  layout.glFormat = static_cast<int32_t>(format);
+  layout.texelBytes = texelBytes;
+  const PixelPlaneGeometry geometry = buffer->planeGeometry(layout.plane);
+  const size_t texels = (geometry.rowBytes() + static_cast<size_t>(texelBytes) - 1) / static_cast<size_t>(texelBytes);
+  if (width <= 0 || static_cast<size_t>(width) != texels || height != geometry.height) {
+    return kTextureCacheErrorSizeMismatch;
+  }
+  return core_->map(buffer, layout, texture);
 }
 
 void TextureCache::flush() { core_->flush(); }

@@ -241,7 +241,7 @@ std::vector<uint8_t> yuvPlanes(uint32_t format, int width, int height) {
 
 // What the CPU engine returns for tight planes with that colorimetry, as tight planes.
 std::vector<uint8_t> libraryPlanes(std::vector<uint8_t> raw, uint32_t format, int width, int height,
-                                   YuvColorimetry colorimetry) {
+                                   YuvColorimetry colorimetry, EngineKind kind) {
   PixelBufferPlane planes[kPixelBufferMaxPlanes];
   const int32_t count = pixelFormatTightPlanes(format, width, height, raw.data(), planes);
   PixelBufferAttributes attributes;
@@ -249,7 +249,7 @@ std::vector<uint8_t> libraryPlanes(std::vector<uint8_t> raw, uint32_t format, in
   PixelBufferRef in;
   EXPECT_EQ(PixelBuffer::createWithPlanes(width, height, format, planes, count, nullptr, attributes, &in),
             kPixelBufferSuccess);
-  const std::unique_ptr<BeautifyEngine> engine = makeEngine(EngineKind::Cpu);
+  const std::unique_ptr<BeautifyEngine> engine = makeEngine(kind);
   engine->applySettings(BeautifySettings{});  // the element's defaults
   const PixelBufferRef out = engine->render(in);
   std::vector<uint8_t> result(raw.size());
@@ -273,7 +273,7 @@ TEST(LumoBeautifyElement, TakesYuvFramesWithTheirPlanesAndColorimetry) {
       {"I420", kPixelFormatI420, 45, 31, nullptr, {YuvMatrix::Bt601, YuvRange::Limited}},
       {"NV12", kPixelFormatNV12, 33, 17, "1:3:5:1", {YuvMatrix::Bt709, YuvRange::Full}},
   };
-  // The GL engine hands YUV frames to the CPU engine: the same planes either way.
+  // Each engine draws YUV frames itself: the element's planes are what the library gives directly.
   for (const char* engine : {"cpu", "gl"})
     for (const Case& c : cases) {
       SCOPED_TRACE(std::string(engine) + " " + c.format + " " + std::to_string(c.width) + "x" +
@@ -332,7 +332,9 @@ TEST(LumoBeautifyElement, TakesYuvFramesWithTheirPlanesAndColorimetry) {
       }
       gst_video_frame_unmap(&frame);
       gst_buffer_unref(out);
-      EXPECT_EQ(got, libraryPlanes(tight, c.pixelFormat, c.width, c.height, c.expected));
+      EngineKind kind = EngineKind::Auto;
+      ASSERT_TRUE(parseEngineKind(engine, &kind));
+      EXPECT_EQ(got, libraryPlanes(tight, c.pixelFormat, c.width, c.height, c.expected, kind));
       EXPECT_NE(got, tight);
       gst_harness_teardown(harness);
     }

@@ -124,21 +124,33 @@ TEST_F(SteadyState, FramesMakeNoGlObjectAndNoAllocation) {
 }
 
 TEST_F(SteadyState, ANewHostBufferEachFrameMakesNoGlObject) {
-  // Hosts that wrap each decoded frame anew: the wrapper is the host's allocation, the texture is reused.
+  // Hosts that wrap each decoded frame anew: the wrapper is the host's allocation, the textures (one a plane
+  // for YUV frames, whose result is read back plane by plane) are reused.
   filter_.enableBeautifying(7);
-  std::vector<uint8_t> memory(frameA_.bgra);
-  auto wrappedFrame = [&] {
-    PixelBufferRef wrapped;
-    PixelBuffer::createWithBytes(512, 512, kPixelFormat32BGRA, memory.data(), 512 * 4, nullptr, {}, &wrapped);
-    const PixelBufferRef output = filter_.render(wrapped);
-    ASSERT_NE(output, wrapped);
-  };
-  for (int i = 0; i < 3; ++i) wrappedFrame();
-  const Counts counts = count([&] {
-    for (int i = 0; i < 10; ++i) wrappedFrame();
-  });
-  EXPECT_EQ(counts.glObjectsCreated, 0u);
-  EXPECT_EQ(counts.glObjectsDeleted, 0u);
+  for (const uint32_t format : {kPixelFormat32BGRA, kPixelFormatNV12, kPixelFormatI420}) {
+    SCOPED_TRACE(pixelFormatName(format));
+    std::vector<uint8_t> memory(frameA_.bgra);
+    std::vector<uint8_t> result(memory.size());
+    auto wrappedFrame = [&] {
+      PixelBufferPlane planes[kPixelBufferMaxPlanes];
+      const int32_t count = pixelFormatTightPlanes(format, 512, 512, memory.data(), planes);
+      PixelBufferRef wrapped;
+      PixelBuffer::createWithPlanes(512, 512, format, planes, count, nullptr, {}, &wrapped);
+      const PixelBufferRef output = filter_.render(wrapped);
+      ASSERT_NE(output, wrapped);
+      ASSERT_EQ(output->pixelFormat(), format);
+      pixelFormatTightPlanes(format, 512, 512, result.data(), planes);
+      copyPlanesOut(output, planes);
+      checksum_ += result[512 * 256 + 256];
+    };
+    for (int i = 0; i < 3; ++i) wrappedFrame();
+    const Counts counts = count([&] {
+      for (int i = 0; i < 10; ++i) wrappedFrame();
+    });
+    EXPECT_EQ(counts.glObjectsCreated, 0u);
+    EXPECT_EQ(counts.glObjectsDeleted, 0u);
+  }
+  EXPECT_NE(checksum_, 0u);
 }
 
 TEST_F(SteadyState, CpuEngineFramesMakeNoAllocation) {
