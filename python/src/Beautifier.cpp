@@ -1,10 +1,12 @@
 #include "Beautifier.h"
 
+#include <cstring>
 #include <stdexcept>
 
 #include <lumo/FramePlan.h>
 #include <lumo/GLContext.h>
 #include <lumo/PixelBuffer.h>
+#include <lumo/PixelRows.h>
 
 namespace lumo::python {
 namespace {
@@ -43,24 +45,39 @@ PixelBufferRef Beautifier::render(BeautifyEngine& engine, const PixelBufferRef& 
   return withCallerContext([&] { return engine.render(input); });
 }
 
-bool Beautifier::process(const FrameFormat& format, const FrameView& in, const FrameView& out) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  const size_t bgraRow = static_cast<size_t>(in.width) * 4;
-  uint8_t* pixels = in.data;
-  size_t stride = in.stride;
-  if (!format.bgra) {
-    bgra_.resize(bgraRow * static_cast<size_t>(in.height));
-    format.toBgra(in.data, in.stride, bgra_.data(), bgraRow, in.width, in.height);
-    pixels = bgra_.data();
-    stride = bgraRow;
-  }
+PixelBufferRef Beautifier::wrap(const FrameFormat& format, const FrameView& in, YuvColorimetry colorimetry) {
   PixelBufferRef input;
-  const int32_t status =
-      PixelBuffer::createWithBytes(in.width, in.height, kPixelFormat32BGRA, pixels, stride, nullptr, {}, &input);
+  int32_t status = kPixelBufferSuccess;
+  if (format.planarFormat != 0) {
+    PixelBufferPlane planes[kPixelBufferMaxPlanes];
+    const int32_t count = pixelFormatTightPlanes(format.planarFormat, in.width, in.height, in.data, planes);
+    PixelBufferAttributes attributes;
+    attributes.colorimetry = colorimetry;
+    status = PixelBuffer::createWithPlanes(in.width, in.height, format.planarFormat, planes, count, nullptr, attributes,
+                                           &input);
+  } else {
+    const size_t bgraRow = static_cast<size_t>(in.width) * 4;
+    uint8_t* pixels = in.data;
+    size_t stride = in.stride;
+    if (!format.bgra) {
+      bgra_.resize(bgraRow * static_cast<size_t>(in.height));
+      format.toBgra(in.data, in.stride, bgra_.data(), bgraRow, in.width, in.height);
+      pixels = bgra_.data();
+      stride = bgraRow;
+    }
+    status = PixelBuffer::createWithBytes(in.width, in.height, kPixelFormat32BGRA, pixels, stride, nullptr, {}, &input);
+  }
   if (status != kPixelBufferSuccess) {
     throw std::invalid_argument("the library refused a " + std::to_string(in.width) + " x " +
                                 std::to_string(in.height) + " frame (status " + std::to_string(status) + ")");
   }
+  return input;
+}
+
+bool Beautifier::process(const FrameFormat& format, const FrameView& in, const FrameView& out,
+                         YuvColorimetry colorimetry) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const PixelBufferRef input = wrap(format, in, colorimetry);
   const BeautifySettings wanted = engine_->wantedSettings();
   PixelBufferRef result = render(*engine_, input);
   // A setter racing this frame may have switched every pass off: only a pass due before and after counts.
@@ -79,7 +96,19 @@ bool Beautifier::process(const FrameFormat& format, const FrameView& in, const F
   if (!result) throw std::runtime_error("the engine is not created");
   if (result == input) {
     if (due) throw std::runtime_error("the engine could not draw the frame");
-    copyRows(in.data, in.stride, out.data, out.stride, static_cast<size_t>(in.width) * format.channels, in.height);
+    if (format.planarFormat != 0) {
+      if (in.data != out.data) {
+        std::memmove(out.data, in.data, pixelFormatFrameBytes(format.planarFormat, in.width, in.height));
+      }
+    } else {
+      copyRows(in.data, in.stride, out.data, out.stride, static_cast<size_t>(in.width) * format.channels, in.height);
+    }
+    return fellBack;
+  }
+  if (format.planarFormat != 0) {
+    PixelBufferPlane planes[kPixelBufferMaxPlanes];
+    pixelFormatTightPlanes(format.planarFormat, in.width, in.height, out.data, planes);
+    copyPlanesOut(result, planes);
     return fellBack;
   }
   result->lockBaseAddress(kPixelBufferLockReadOnly);

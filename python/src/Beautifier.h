@@ -32,11 +32,13 @@ class Beautifier {
   BeautifySettings settings() const { return engine_->wantedSettings(); }
 
   // Beautifies `in` into `out` (same format and size; `out` may be `in` itself). Returns true when the
-  // frame went to the CPU engine because the GL engine could not draw it (first time only).
-  bool process(const FrameFormat& format, const FrameView& in, const FrameView& out);
+  // frame went to the CPU engine because the GL engine could not draw it (first time only). A planar
+  // frame's view is its luma plane, the chroma planes following it tightly; `colorimetry` is its.
+  bool process(const FrameFormat& format, const FrameView& in, const FrameView& out, YuvColorimetry colorimetry = {});
 
  private:
   PixelBufferRef render(BeautifyEngine& engine, const PixelBufferRef& input);
+  PixelBufferRef wrap(const FrameFormat& format, const FrameView& in, YuvColorimetry colorimetry);
 
   std::unique_ptr<BeautifyEngine> engine_;
   std::unique_ptr<BeautifyEngine> fallback_;  // the CPU engine, for frames the GL engine hands back undrawn

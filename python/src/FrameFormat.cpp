@@ -7,6 +7,7 @@
 #include <immintrin.h>
 #endif
 
+#include <lumo/PixelBuffer.h>
 #include <lumo/PixelRows.h>
 
 namespace lumo::python {
@@ -28,9 +29,11 @@ void copyBgra(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStri
   copyPixelRows(from, fromStride, to, toStride, width, height);
 }
 
-const std::array<FrameFormat, 2> kFormats{{
+const std::array<FrameFormat, 4> kFormats{{
     {"bgr", 3, false, bgrToBgra, bgraToBgr},
     {"bgra", 4, true, copyBgra, copyBgra},
+    {"nv12", 1, false, nullptr, nullptr, kPixelFormatNV12},
+    {"i420", 1, false, nullptr, nullptr, kPixelFormatI420},
 }};
 
 }  // namespace
@@ -44,7 +47,7 @@ const FrameFormat* findFrameFormat(const std::string& name) {
 
 const FrameFormat* defaultFrameFormat(int32_t channels) {
   for (const FrameFormat& format : kFormats) {
-    if (format.channels == channels) return &format;
+    if (format.channels == channels && format.planarFormat == 0) return &format;
   }
   return nullptr;
 }

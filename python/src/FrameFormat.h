@@ -18,21 +18,24 @@ struct FrameView {
 using RowConverter = void (*)(const uint8_t* from, size_t fromStride, uint8_t* to, size_t toStride, int32_t width,
                               int32_t height);
 
-// A frame layout Python hands in, and how it meets the engines' BGRA. Every layout the module takes is a
-// row of this table (frameFormats()), so a new one is one more row.
+// A frame layout Python hands in, and how it meets the engines. Every layout the module takes is a row of
+// this table (frameFormats()), so a new one is one more row.
 struct FrameFormat {
   const char* name;
-  int32_t channels;  // bytes per pixel: the array is H x W x channels
+  int32_t channels;  // packed: bytes per pixel, the array is H x W x channels; planar: 1
   bool bgra;         // already the engines' layout: wrapped without a copy
   RowConverter toBgra;
   RowConverter fromBgra;
+  // Planar YUV 4:2:0 (NV12, I420) as OpenCV holds it: one (H * 3 / 2) x W array of the planes one after
+  // another, handed to the engines as planes without a copy; 0 for the packed layouts.
+  uint32_t planarFormat = 0;
 };
 
 // The format called `name`, or null.
 const FrameFormat* findFrameFormat(const std::string& name);
-// The format an H x W x `channels` array is taken as when no format is named, or null.
+// The packed format an H x W x `channels` array is taken as when no format is named, or null.
 const FrameFormat* defaultFrameFormat(int32_t channels);
-// "bgr, bgra": for error messages.
+// "bgr, bgra, nv12, i420": for error messages.
 std::string frameFormatNames();
 
 // Copies `rows` rows of `rowBytes` bytes between two strides.

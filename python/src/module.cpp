@@ -3,11 +3,13 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <lumo/BeautifyEngine.h>
 #include <lumo/BeautifySettings.h>
@@ -131,68 +133,114 @@ const FrameFormat& formatFor(const py::array& frame, const py::object& name) {
       valueError("format wants one of " + frameFormatNames() + ", got " + py::repr(name).cast<std::string>());
     }
   }
+  if (format != nullptr && format->planarFormat != 0) {
+    // OpenCV's layout: the luma rows, then the chroma planes as further rows of the same width.
+    if (frame.ndim() != 2 || frame.shape(0) % 3 != 0 || frame.shape(0) % 2 != 0 || frame.shape(1) % 2 != 0) {
+      valueError(std::string("frame wants shape (H * 3 / 2, W) with W and H even for format ") + format->name +
+                 ", got " + shapeOf(frame));
+    }
+    return *format;
+  }
   if (frame.ndim() != 3 || (format != nullptr && frame.shape(2) != format->channels) ||
       (format == nullptr && (format = defaultFrameFormat(static_cast<int32_t>(frame.shape(2)))) == nullptr)) {
-    valueError("frame wants shape H x W x 3 (bgr) or H x W x 4 (bgra)" +
+    valueError("frame wants shape H x W x 3 (bgr) or H x W x 4 (bgra), or (H * 3 / 2) x W with format nv12 or i420" +
                std::string(name.is_none() ? "" : " matching format " + name.cast<std::string>()) + ", got " +
                shapeOf(frame));
   }
   return *format;
 }
 
-// The array's memory as a frame of `format`: uint8, pixels packed within each row, rows any distance apart.
+// The array's memory as a frame of `format`: uint8; packed pixels within each row, rows any distance apart;
+// planar frames wholly contiguous, their view being the luma plane.
 FrameView viewOf(const char* what, const py::array& array, const FrameFormat& format) {
   if (!array.dtype().is(py::dtype::of<uint8_t>())) {
     valueError(std::string(what) + " wants dtype uint8, got " + py::str(array.dtype()).cast<std::string>());
   }
-  const py::ssize_t height = array.shape(0), width = array.shape(1);
+  const bool planar = format.planarFormat != 0;
+  const py::ssize_t height = planar ? array.shape(0) / 3 * 2 : array.shape(0), width = array.shape(1);
   if (height == 0 || width == 0) valueError(std::string(what) + " is empty: shape " + shapeOf(array));
   if (height > kPixelBufferMaxDimension || width > kPixelBufferMaxDimension) {
     valueError(std::string(what) + " is " + std::to_string(width) + " x " + std::to_string(height) +
                " pixels; at most " + std::to_string(kPixelBufferMaxDimension) + " on either side");
   }
   const py::ssize_t rowBytes = width * format.channels;
-  if (array.strides(2) != 1 || array.strides(1) != format.channels || array.strides(0) < rowBytes) {
-    valueError(std::string(what) + " wants C-contiguous pixels in each row (rows may be padded), got strides (" +
-               std::to_string(array.strides(0)) + ", " + std::to_string(array.strides(1)) + ", " +
-               std::to_string(array.strides(2)) + "); np.ascontiguousarray makes such a copy");
+  if (planar ? (array.strides(1) != 1 || array.strides(0) != width)
+             : (array.strides(2) != 1 || array.strides(1) != format.channels || array.strides(0) < rowBytes)) {
+    std::string strides;
+    for (py::ssize_t i = 0; i < array.ndim(); ++i) strides += (i > 0 ? ", " : "") + std::to_string(array.strides(i));
+    valueError(std::string(what) +
+               (planar ? " wants a C-contiguous array" : " wants C-contiguous pixels in each row (rows may be padded)") +
+               ", got strides (" + strides + "); np.ascontiguousarray makes such a copy");
   }
   return {static_cast<uint8_t*>(const_cast<void*>(array.data())), static_cast<int32_t>(width),
           static_cast<int32_t>(height), static_cast<size_t>(array.strides(0))};
 }
 
-bool overlaps(const FrameView& a, const FrameView& b, int32_t channels) {
-  const auto end = [&](const FrameView& v) {
-    return v.data + v.stride * static_cast<size_t>(v.height - 1) + static_cast<size_t>(v.width) * channels;
+bool overlaps(const py::array& a, const py::array& b) {
+  const auto begin = [](const py::array& v) { return static_cast<const uint8_t*>(v.data()); };
+  const auto end = [&](const py::array& v) {
+    const uint8_t* last = begin(v);
+    for (py::ssize_t i = 0; i < v.ndim(); ++i) last += (v.shape(i) - 1) * v.strides(i);
+    return last + 1;
   };
-  return a.data < end(b) && b.data < end(a);
+  return begin(a) < end(b) && begin(b) < end(a);
 }
 
-py::array process(Beautifier& beautifier, const py::array& frame, const py::object& outArg, const py::object& name) {
+YuvColorimetry colorimetryOf(const py::object& matrix, const py::object& range) {
+  YuvColorimetry colorimetry;
+  if (!matrix.is_none()) {
+    const std::string text = py::isinstance<py::str>(matrix) ? matrix.cast<std::string>() : "";
+    if (text == "bt601") {
+      colorimetry.matrix = YuvMatrix::Bt601;
+    } else if (text == "bt709") {
+      colorimetry.matrix = YuvMatrix::Bt709;
+    } else {
+      valueError("matrix wants 'bt601' or 'bt709', got " + py::repr(matrix).cast<std::string>());
+    }
+  }
+  if (!range.is_none()) {
+    const std::string text = py::isinstance<py::str>(range) ? range.cast<std::string>() : "";
+    if (text == "limited") {
+      colorimetry.range = YuvRange::Limited;
+    } else if (text == "full") {
+      colorimetry.range = YuvRange::Full;
+    } else {
+      valueError("range wants 'limited' or 'full', got " + py::repr(range).cast<std::string>());
+    }
+  }
+  return colorimetry;
+}
+
+py::array process(Beautifier& beautifier, const py::array& frame, const py::object& outArg, const py::object& name,
+                  const py::object& matrix, const py::object& range) {
   const FrameFormat& format = formatFor(frame, name);
   const FrameView in = viewOf("frame", frame, format);
+  if (format.planarFormat == 0 && (!matrix.is_none() || !range.is_none())) {
+    valueError(std::string("matrix and range are for nv12 and i420 frames, not ") + format.name);
+  }
+  const YuvColorimetry colorimetry = colorimetryOf(matrix, range);
+  std::vector<py::ssize_t> shape(frame.shape(), frame.shape() + frame.ndim());
   py::array out;
   if (outArg.is_none()) {
-    out = py::array_t<uint8_t>({frame.shape(0), frame.shape(1), frame.shape(2)});
+    out = py::array_t<uint8_t>(shape);
   } else {
     if (!py::isinstance<py::array>(outArg)) {
       throw py::type_error("out wants a numpy array, got " + py::repr(outArg.get_type()).cast<std::string>());
     }
     out = outArg.cast<py::array>();
-    if (out.ndim() != 3 || out.shape(0) != frame.shape(0) || out.shape(1) != frame.shape(1) ||
-        out.shape(2) != frame.shape(2)) {
+    if (out.ndim() != frame.ndim() || !std::equal(shape.begin(), shape.end(), out.shape())) {
       valueError("out wants the frame's shape " + shapeOf(frame) + ", got " + shapeOf(out));
     }
     if (!out.writeable()) valueError("out is read-only");
   }
   const FrameView to = viewOf("out", out, format);
-  if (overlaps(in, to, format.channels) && !(in.data == to.data && in.stride == to.stride)) {
+  if (overlaps(frame, out) && !(in.data == to.data && in.stride == to.stride)) {
     valueError("out overlaps frame without being the same memory");
   }
   bool fellBack = false;
   {
     py::gil_scoped_release released;
-    fellBack = beautifier.process(format, in, to);
+    fellBack = beautifier.process(format, in, to, colorimetry);
   }
   if (fellBack) {
     PyErr_WarnEx(PyExc_RuntimeWarning,
@@ -270,9 +318,11 @@ are serialised; give each thread its own to run frames in parallel.)doc")
            py::arg("whiten") = defaults.whiten, py::arg("sharpen") = defaults.sharpen,
            py::arg("skin_whiten") = defaults.skinWhiten)
       .def("process", &lp::process, py::arg("frame"), py::arg("out") = py::none(), py::kw_only(),
-           py::arg("format") = py::none(),
+           py::arg("format") = py::none(), py::arg("matrix") = py::none(), py::arg("range") = py::none(),
            "Beautifies one frame; returns a new array, or `out` filled (same shape, may be `frame` itself). "
-           "format: 'bgr' or 'bgra' (default: from the channel count).")
+           "format: 'bgr' or 'bgra' (default: from the channel count), or 'nv12' or 'i420' for a (H * 3 / 2) x W "
+           "array as OpenCV holds them; matrix ('bt601', 'bt709') and range ('limited', 'full') of YUV frames "
+           "(default: bt709 above 576 rows, else bt601; limited).")
       .def_property_readonly("engine", [](const Beautifier& b) { return lumo::engineKindName(b.kind()); },
                              "'gl' or 'cpu': the engine that runs")
       .def_property_readonly("engine_reason", &Beautifier::reason, "what decided the engine")

@@ -95,7 +95,11 @@ BAD_FRAMES = [
     (np.zeros((8, 8, 4), np.uint8)[..., :3], None, "C-contiguous pixels"),
     (np.zeros((1, 40000, 4), np.uint8), None, "at most 32768"),
     (np.zeros((8, 8, 3), np.uint8), "bgra", "matching format bgra"),
-    (np.zeros((8, 8, 4), np.uint8), "nv21", "format wants one of bgr, bgra"),
+    (np.zeros((8, 8, 4), np.uint8), "nv21", "format wants one of bgr, bgra, nv12, i420"),
+    (np.zeros((12, 7), np.uint8), "nv12", "W and H even for format nv12, got (12, 7)"),
+    (np.zeros((9, 8), np.uint8), "i420", "got (9, 8)"),
+    (np.zeros((12, 8, 1), np.uint8), "i420", "got (12, 8, 1)"),
+    (np.zeros((12, 16), np.uint8)[:, ::2], "nv12", "C-contiguous array"),
 ]
 
 
@@ -104,6 +108,57 @@ def test_bad_frames_are_refused(frame, format, message):
     beautifier = lumo.Beautifier(engine="cpu")
     with pytest.raises(ValueError, match=re.escape(message)):
         beautifier.process(frame, format=format)
+
+
+def i420_to_nv12(i420, height):
+    """OpenCV's I420 array as NV12: the same luma rows, the chroma planes interleaved."""
+    width = i420.shape[1]
+    chroma = i420[height:].reshape(2, -1)
+    nv12 = i420.copy()
+    nv12[height:] = np.stack([chroma[0], chroma[1]], axis=1).reshape(-1, width)
+    return nv12
+
+
+@pytest.mark.parametrize("engine", ["cpu", "gl"])
+def test_yuv_frames_as_opencv_holds_them(tmp_path, tool, sample_bgr, engine):
+    """An I420 array from cv2.cvtColor (BT.601, limited) gives the planes lumo-beautify --raw writes for
+    those bytes; NV12 gives the same planes; out= and in place work; the matrix is honoured."""
+    height, width = sample_bgr.shape[:2]
+    beautifier = lumo.Beautifier(engine=engine)
+    i420 = cv2.cvtColor(sample_bgr, cv2.COLOR_BGR2YUV_I420)
+    assert i420.shape == (height * 3 // 2, width)
+    result = beautifier.process(i420, format="i420", matrix="bt601", range="limited")
+    assert result.shape == i420.shape and result.dtype == np.uint8
+
+    raw_in, raw_out = tmp_path / "in.yuv", tmp_path / "out.yuv"
+    i420.tofile(raw_in)
+    subprocess.run([tool, "--raw", f"{width}x{height}", "--format", "i420", "--matrix", "bt601", "--range",
+                    "limited", "--engine", engine, str(raw_in), "-o", str(raw_out)], check=True,
+                   stderr=subprocess.DEVNULL)
+    np.testing.assert_array_equal(result, np.fromfile(raw_out, np.uint8).reshape(i420.shape))
+    assert np.mean(np.abs(result.astype(int) - i420.astype(int))[:height] <= 2) < 0.9  # drawn
+
+    nv12 = beautifier.process(i420_to_nv12(i420, height), format="nv12", matrix="bt601")
+    np.testing.assert_array_equal(nv12, i420_to_nv12(result, height))
+    out = np.zeros_like(i420)
+    assert beautifier.process(i420, out, format="i420", matrix="bt601") is out
+    np.testing.assert_array_equal(out, result)
+    in_place = i420.copy()
+    beautifier.process(in_place, in_place, format="i420", matrix="bt601")
+    np.testing.assert_array_equal(in_place, result)
+    # BT.709 reads the same samples as other colours.
+    assert not np.array_equal(beautifier.process(i420, format="i420", matrix="bt709"), result)
+
+
+def test_yuv_colorimetry_is_checked():
+    beautifier = lumo.Beautifier(engine="cpu")
+    frame = np.zeros((12, 8), np.uint8)
+    with pytest.raises(ValueError, match="matrix wants 'bt601' or 'bt709', got 'bt2020'"):
+        beautifier.process(frame, format="nv12", matrix="bt2020")
+    with pytest.raises(ValueError, match="range wants 'limited' or 'full'"):
+        beautifier.process(frame, format="nv12", range="tv")
+    with pytest.raises(ValueError, match="matrix and range are for nv12 and i420 frames, not bgr"):
+        beautifier.process(np.zeros((8, 8, 3), np.uint8), matrix="bt601")
 
 
 def test_bad_out_is_refused():
