@@ -60,11 +60,13 @@ int32_t LumoImageFilter::destroy() {
         globjects::noteDeleted(1);
       }
       yuvToRgb_.reset();
-      rgbToYuv_.reset();
+      rgbToLuma_.reset();
+      rgbToChroma_.reset();
     } else {
       // No context to delete them in: the programs went with it.
-      yuvToRgb_.release();  // NOLINT(bugprone-unused-return-value)
-      rgbToYuv_.release();  // NOLINT(bugprone-unused-return-value)
+      yuvToRgb_.release();     // NOLINT(bugprone-unused-return-value)
+      rgbToLuma_.release();    // NOLINT(bugprone-unused-return-value)
+      rgbToChroma_.release();  // NOLINT(bugprone-unused-return-value)
     }
     m_hFrameBufferPool[0] = 0;
     m_hFrameBufferPool[1] = 0;
@@ -259,8 +261,10 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
   if (!yuvToRgb_) {
     yuvToRgb_ = std::make_unique<VideoProcessYuvToRgbFilter>();
     yuvToRgb_->initProgram();
-    rgbToYuv_ = std::make_unique<VideoProcessRgbToYuvFilter>();
-    rgbToYuv_->initProgram();
+    rgbToLuma_ = std::make_unique<VideoProcessRgbToYuvFilter>(true);
+    rgbToLuma_->initProgram();
+    rgbToChroma_ = std::make_unique<VideoProcessRgbToYuvFilter>(false);
+    rgbToChroma_->initProgram();
     glGenFramebuffers(1, &conversionFramebuffer_);
     globjects::noteCreated(1);
   }
@@ -318,8 +322,9 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
       glBindTexture(GL_TEXTURE_2D, last->name());
       for (int32_t plane = 0; plane < planes; ++plane) {
         const PixelPlaneGeometry geometry = yuvOutput_->planeGeometry(plane);
-        rgbToYuv_->setPlane(kinds[plane], width, height, pixelBuffer->colorimetry());
-        drawConversion(rgbToYuv_.get(), targets[plane].get(), static_cast<int32_t>((geometry.rowBytes() + 3) / 4),
+        VideoProcessRgbToYuvFilter* filter = plane == 0 ? rgbToLuma_.get() : rgbToChroma_.get();
+        filter->setPlane(kinds[plane], width, height, pixelBuffer->colorimetry());
+        drawConversion(filter, targets[plane].get(), static_cast<int32_t>((geometry.rowBytes() + 3) / 4),
                        geometry.height);
       }
       yuvOutput_->setColorimetry(pixelBuffer->colorimetry());

@@ -111,7 +111,8 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   PixelBufferRef yuvInputRgb_;
   PixelBufferRef yuvOutput_;
   std::unique_ptr<VideoProcessYuvToRgbFilter> yuvToRgb_;
-  std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToYuv_;
+  std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToLuma_;
+  std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToChroma_;
   uint32_t conversionFramebuffer_ = 0;
 };
 

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -155,11 +156,16 @@ std::vector<uint8_t> portraitNv12(const Size& size) {
   return nv12;
 }
 
-// The CPU engine, end to end like the facade: the host writes its frame, renders, reads the result (every
-// plane, for NV12).
-void cpuEndToEnd(benchmark::State& state, Size size, Config config, uint32_t format) {
-  lumo::CpuImageFilter filter;
-  filter.create();
+// An engine through the front door, end to end like the facade: the host writes its frame, renders, reads
+// the result (every plane, for NV12).
+void engineEndToEnd(benchmark::State& state, Size size, Config config, uint32_t format, lumo::EngineKind kind) {
+  std::string why;
+  const std::unique_ptr<lumo::BeautifyEngine> engine = lumo::makeEngine(kind, &why);
+  if (!engine) {
+    state.SkipWithError(why.c_str());
+    return;
+  }
+  lumo::BeautifyEngine& filter = *engine;
   filter.enableBeautifying(static_cast<uintptr_t>(config.mask));
   filter.setCustomizedFilter(static_cast<uintptr_t>(config.preset));
   filter.setSharppenFactor(kSharpen);
@@ -354,8 +360,9 @@ int main(int argc, char** argv) {
       const std::string suffix = "/" + size.name() + "/" + config.name;
       add("render" + suffix, facadeRender, size, config);
       add("end_to_end" + suffix, facadeEndToEnd, size, config);
-      add("cpu_end_to_end" + suffix, cpuEndToEnd, size, config, lumo::kPixelFormat32BGRA);
-      add("cpu_end_to_end_nv12" + suffix, cpuEndToEnd, size, config, lumo::kPixelFormatNV12);
+      add("cpu_end_to_end" + suffix, engineEndToEnd, size, config, lumo::kPixelFormat32BGRA, lumo::EngineKind::Cpu);
+      add("cpu_end_to_end_nv12" + suffix, engineEndToEnd, size, config, lumo::kPixelFormatNV12, lumo::EngineKind::Cpu);
+      add("gl_end_to_end_nv12" + suffix, engineEndToEnd, size, config, lumo::kPixelFormatNV12, lumo::EngineKind::Gl);
       if (config.mask == 0 && config.preset == 0) continue;
       add("bare_render" + suffix, bareRender, size, config);
       add("bare_end_to_end" + suffix, bareEndToEnd, size, config);

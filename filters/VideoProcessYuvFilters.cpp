@@ -31,6 +31,16 @@ const char* const kRgbToYuvFragmentShaderString =
     "rows[0]), dot(vec4(mean(first + sampleInTexel.y, cell.y), 1.0), rows[1]), dot(vec4(mean(first + "
     "sampleInTexel.z, cell.y), 1.0), rows[2]), dot(vec4(mean(first + sampleInTexel.w, cell.y), 1.0), rows[3])); }";
 
+// Luma needs no block mean: one fetch a sample.
+const char* const kRgbToLumaFragmentShaderString =
+    "precision highp float; uniform sampler2D inputImageTexture; uniform vec2 sourceSize; uniform float "
+    "samplesPerTexel; uniform vec4 sampleInTexel; uniform mat4 rows; vec3 at(float column, float row) { return "
+    "texture2D(inputImageTexture, (vec2(column, row) + 0.5) / sourceSize).rgb; } void main() { vec2 cell = "
+    "floor(gl_FragCoord.xy); float first = cell.x * samplesPerTexel; gl_FragColor = vec4(dot(vec4(at(first + "
+    "sampleInTexel.x, cell.y), 1.0), rows[0]), dot(vec4(at(first + sampleInTexel.y, cell.y), 1.0), rows[1]), "
+    "dot(vec4(at(first + sampleInTexel.z, cell.y), 1.0), rows[2]), dot(vec4(at(first + sampleInTexel.w, "
+    "cell.y), 1.0), rows[3])); }";
+
 }  // namespace
 
 VideoProcessYuvToRgbFilter::VideoProcessYuvToRgbFilter() { setFragmentShader(kYuvToRgbFragmentShaderString); }
@@ -67,7 +77,9 @@ void VideoProcessYuvToRgbFilter::setUniforms(int32_t pass) {
   for (int i = 0; i < 3; ++i) glUniform4fv(rowsUniform_[i], 1, rows[static_cast<size_t>(i)].data());
 }
 
-VideoProcessRgbToYuvFilter::VideoProcessRgbToYuvFilter() { setFragmentShader(kRgbToYuvFragmentShaderString); }
+VideoProcessRgbToYuvFilter::VideoProcessRgbToYuvFilter(bool luma) : luma_(luma) {
+  setFragmentShader(luma ? kRgbToLumaFragmentShaderString : kRgbToYuvFragmentShaderString);
+}
 
 void VideoProcessRgbToYuvFilter::initUniforms(uint32_t program) {
   VideoProcessFilter::initUniforms(program);
@@ -79,7 +91,7 @@ void VideoProcessRgbToYuvFilter::initUniforms(uint32_t program) {
 }
 
 void VideoProcessRgbToYuvFilter::setPlane(Plane plane, int32_t width, int32_t height, YuvColorimetry colorimetry) {
-  plane_ = plane;
+  plane_ = luma_ ? Plane::Luma : (plane == Plane::Luma ? Plane::Cb : plane);
   width_ = width;
   height_ = height;
   colorimetry_ = colorimetry;

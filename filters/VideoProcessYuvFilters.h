@@ -38,12 +38,13 @@ class VideoProcessYuvToRgbFilter : public VideoProcessFilter {
 // RGB to one plane of a YUV 4:2:0 frame, the pass after the beautify passes: it draws into an RGBA texture
 // whose texels are the plane's bytes, four at a time (Y, Cb or Cr: four samples a texel; NV12's CbCr: two
 // pairs), so that the plane is read back as it is stored. A chroma sample is the mean of its 2 x 2 block of
-// pixels (the last column or row repeated at an odd edge), converted.
+// pixels (the last column or row repeated at an odd edge), converted. One program draws luma (one fetch a
+// sample), another the chroma planes.
 class VideoProcessRgbToYuvFilter : public VideoProcessFilter {
  public:
   enum class Plane { Luma, ChromaInterleaved, Cb, Cr };
 
-  VideoProcessRgbToYuvFilter();
+  explicit VideoProcessRgbToYuvFilter(bool luma);
 
   void initUniforms(uint32_t program) override;
   void setUniforms(int32_t pass) override;
@@ -56,6 +57,7 @@ class VideoProcessRgbToYuvFilter : public VideoProcessFilter {
   int32_t samplesPerTexelUniform_ = -1;
   int32_t sampleInTexelUniform_ = -1;
   int32_t rowsUniform_ = -1;
+  bool luma_;
   Plane plane_ = Plane::Luma;
   int32_t width_ = 1;
   int32_t height_ = 1;
