@@ -64,6 +64,24 @@ std::vector<uint8_t> portrait(const Size& size) {
   return frame;
 }
 
+// The worst case for the skin-gated work: every pixel a skin tone (red above 50, green above 40, blue
+// above 20 levels), with noise so that no smoothing is trivial.
+std::vector<uint8_t> allSkin(const Size& size) {
+  std::vector<uint8_t> frame(static_cast<size_t>(size.width) * size.height * 4);
+  uint32_t state = 0x9E3779B9u;
+  for (size_t i = 0; i < frame.size(); i += 4) {
+    const uint8_t base[3] = {120, 150, 205};  // B, G, R
+    for (int c = 0; c < 3; ++c) {
+      state = state * 1664525u + 1013904223u;  // a fixed sequence: every run draws the same frame
+      frame[i + static_cast<size_t>(c)] = static_cast<uint8_t>(base[c] - 24 + static_cast<int>((state >> 24) % 49));
+    }
+    frame[i + 3] = 255;
+  }
+  return frame;
+}
+
+enum class Picture { Portrait, AllSkin };
+
 // ms per frame and frames per second from the loop's own wall time.
 class FrameClock {
  public:
@@ -129,9 +147,8 @@ void facadeEndToEnd(benchmark::State& state, Size size, Config config) {
   clock.report(state);
 }
 
-// The portrait as tight NV12 planes (BT.709 limited, chroma averaged over each 2 x 2 block).
-std::vector<uint8_t> portraitNv12(const Size& size) {
-  const std::vector<uint8_t> bgra = portrait(size);
+// A picture as tight NV12 planes (BT.709 limited, chroma averaged over each 2 x 2 block).
+std::vector<uint8_t> toNv12(const Size& size, const std::vector<uint8_t>& bgra) {
   const int w = size.width;
   const int h = size.height;
   std::vector<uint8_t> nv12(lumo::pixelFormatFrameBytes(lumo::kPixelFormatNV12, w, h));
@@ -158,7 +175,8 @@ std::vector<uint8_t> portraitNv12(const Size& size) {
 
 // An engine through the front door, end to end like the facade: the host writes its frame, renders, reads
 // the result (every plane, for NV12).
-void engineEndToEnd(benchmark::State& state, Size size, Config config, uint32_t format, lumo::EngineKind kind) {
+void engineEndToEnd(benchmark::State& state, Size size, Config config, uint32_t format, lumo::EngineKind kind,
+                    Picture picture) {
   std::string why;
   const std::unique_ptr<lumo::BeautifyEngine> engine = lumo::makeEngine(kind, &why);
   if (!engine) {
@@ -169,7 +187,8 @@ void engineEndToEnd(benchmark::State& state, Size size, Config config, uint32_t 
   filter.enableBeautifying(static_cast<uintptr_t>(config.mask));
   filter.setCustomizedFilter(static_cast<uintptr_t>(config.preset));
   filter.setSharppenFactor(kSharpen);
-  const std::vector<uint8_t> frame = format == lumo::kPixelFormatNV12 ? portraitNv12(size) : portrait(size);
+  const std::vector<uint8_t> bgra = picture == Picture::AllSkin ? allSkin(size) : portrait(size);
+  const std::vector<uint8_t> frame = format == lumo::kPixelFormatNV12 ? toNv12(size, bgra) : bgra;
   lumo::PixelBufferRef input;
   lumo::PixelBuffer::create(size.width, size.height, format, {}, &input);
   auto write = [&] {
@@ -337,6 +356,20 @@ void add(const std::string& name, Function function, Args... args) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // --simd=best|avx3|avx2|sse4|scalar caps the CPU engine's kernels; the rest is Google Benchmark's.
+  int kept = 1;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.rfind("--simd=", 0) == 0) {
+      if (!lumo::CpuImageFilter::limitSimd(arg.substr(7))) {
+        std::fprintf(stderr, "lumo-bench: --simd wants best, avx3, avx2, sse4 or scalar, got '%s'\n", arg.c_str() + 7);
+        return 2;
+      }
+    } else {
+      argv[kept++] = argv[i];
+    }
+  }
+  argc = kept;
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   // Each preset filter logs the described index error once at construction; not benchmark output.
@@ -360,9 +393,17 @@ int main(int argc, char** argv) {
       const std::string suffix = "/" + size.name() + "/" + config.name;
       add("render" + suffix, facadeRender, size, config);
       add("end_to_end" + suffix, facadeEndToEnd, size, config);
-      add("cpu_end_to_end" + suffix, engineEndToEnd, size, config, lumo::kPixelFormat32BGRA, lumo::EngineKind::Cpu);
-      add("cpu_end_to_end_nv12" + suffix, engineEndToEnd, size, config, lumo::kPixelFormatNV12, lumo::EngineKind::Cpu);
-      add("gl_end_to_end_nv12" + suffix, engineEndToEnd, size, config, lumo::kPixelFormatNV12, lumo::EngineKind::Gl);
+      using lumo::EngineKind;
+      add("cpu_end_to_end" + suffix, engineEndToEnd, size, config, lumo::kPixelFormat32BGRA, EngineKind::Cpu,
+          Picture::Portrait);
+      if (config.mask == 7 || config.mask == 15) {
+        add("cpu_end_to_end_allskin" + suffix, engineEndToEnd, size, config, lumo::kPixelFormat32BGRA,
+            EngineKind::Cpu, Picture::AllSkin);
+      }
+      add("cpu_end_to_end_nv12" + suffix, engineEndToEnd, size, config, lumo::kPixelFormatNV12, EngineKind::Cpu,
+          Picture::Portrait);
+      add("gl_end_to_end_nv12" + suffix, engineEndToEnd, size, config, lumo::kPixelFormatNV12, EngineKind::Gl,
+          Picture::Portrait);
       if (config.mask == 0 && config.preset == 0) continue;
       add("bare_render" + suffix, bareRender, size, config);
       add("bare_end_to_end" + suffix, bareEndToEnd, size, config);

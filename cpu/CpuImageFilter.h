@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "BeautifyEngine.h"
 #include "BeautifySettings.h"
@@ -36,6 +37,10 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
 
   // The instruction set the kernels use on this machine, e.g. "AVX2".
   static const char* simdTarget();
+  // Caps that instruction set for the whole process, from the next kernel call on, so that targets can be
+  // compared on one machine: "best" (no cap), "avx3" (AVX-512), "avx2", "sse4" or "scalar". A CPU without
+  // the named set runs the best one below it; simdTarget() says which. False for an unknown name.
+  static bool limitSimd(const std::string& name);
 
  protected:
   int32_t doEnableBeautifying(int32_t mask) override;

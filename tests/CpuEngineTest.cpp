@@ -107,5 +107,36 @@ TEST(CpuEngine, AnyHostStrideGivesTheSameFrame) {
   EXPECT_EQ(fromPadded.bgra, fromTight.bgra);
 }
 
+// The kernels compute the same single-precision expressions at every vector width, so a cap on the
+// instruction set changes the speed, never a byte; the engine names the target it runs.
+TEST(CpuEngine, EveryInstructionSetDrawsTheSamePicture) {
+  struct Uncap {
+    ~Uncap() { CpuImageFilter::limitSimd("best"); }
+  } uncap;
+  const std::vector<Case> cases = {{7, 0, 0, 0}, {15, 0, 0, 0}, {6, 3, 0, 0}};
+  std::vector<Frame> best;
+  for (const Frame& in : inputs()) {
+    for (const Case& c : cases) best.push_back(renderWith<CpuImageFilter>(in, c, 0.5f));
+  }
+  for (const char* level : {"avx3", "avx2", "sse4", "scalar"}) {
+    SCOPED_TRACE(level);
+    ASSERT_TRUE(CpuImageFilter::limitSimd(level));
+    const std::string target = CpuImageFilter::simdTarget();
+    if (std::string(level) == "scalar") {
+      EXPECT_EQ(target, "SCALAR");
+    } else if (std::string(level) != "avx3") {
+      EXPECT_EQ(target.find("AVX3"), std::string::npos);
+    }
+    size_t i = 0;
+    for (const Frame& in : inputs()) {
+      for (const Case& c : cases) {
+        EXPECT_EQ(renderWith<CpuImageFilter>(in, c, 0.5f).bgra, best[i++].bgra)
+            << in.width << "x" << in.height << " mask " << c.mask << " preset " << c.preset;
+      }
+    }
+  }
+  EXPECT_FALSE(CpuImageFilter::limitSimd("neon"));
+}
+
 }  // namespace
 }  // namespace lumo::test

@@ -71,6 +71,8 @@ void printHelp() {
       "      --skin-whiten X     skin whiten strength, 0..1 (default: 0.5)\n"
       "      --engine E          auto, gl or cpu (default: auto = the CPU engine when the GL renderer is a\n"
       "                          software rasterizer or there is no GL, the GPU otherwise)\n"
+      "      --simd S            cap the CPU engine's instruction set: best, avx3, avx2, sse4 or scalar\n"
+      "                          (default: best; the engine line on stderr names the one in use)\n"
       "  -h, --help              this text\n"
       "      --version           the library's version\n");
 }
@@ -234,6 +236,12 @@ Options parse(int argc, char** argv) {
       const char* name = value();
       if (!lumo::parseEngineKind(name, &options.engine)) {
         usageError(std::string("option --engine wants auto, gl or cpu, got '") + name + "'");
+      }
+    } else if (arg == "--simd") {
+      const std::string name = value();
+      // Applied here, before any engine runs a kernel.
+      if (!lumo::CpuImageFilter::limitSimd(name)) {
+        usageError("option --simd wants best, avx3, avx2, sse4 or scalar, got '" + name + "'");
       }
     } else if (arg == "--mask") {
       options.beautify.mask = static_cast<int32_t>(parseMask(value()));
