@@ -53,6 +53,7 @@ std::string lowerExtension(const std::string& path) {
   return extension;
 }
 
+constexpr const char* kNoVideo = "has no video stream to beautify";
 constexpr const char* kBase = "gstreamer1.0-plugins-base";
 constexpr const char* kGood = "gstreamer1.0-plugins-good";
 constexpr const char* kBad = "gstreamer1.0-plugins-bad";
@@ -67,7 +68,7 @@ const char* packageOfElement(const std::string& element) {
   } table[] = {
       {"x264enc", kUgly},       {"x265enc", kBad},           {"vp9enc", kGood},        {"avenc_aac", kLibav},
       {"voaacenc", kBad},       {"fdkaacenc", kBad},         {"opusenc", kBase},       {"mp4mux", kGood},
-      {"qtmux", kGood},         {"matroskamux", kGood},      {"webmmux", kGood},       {"videoflip", kGood},
+      {"qtmux", kGood},         {"matroskamux", kGood},      {"webmmux", kGood},       {"videoflip", kGood},       {"h265parse", kBad},
       {"parsebin", kBase},      {"decodebin", kBase},        {"videoconvert", kBase},  {"audioconvert", kBase},
       {"audioresample", kBase}, {"filesrc", "libgstreamer1.0-0"}, {"fdsink", "libgstreamer1.0-0"},
       {"queue", "libgstreamer1.0-0"},
@@ -146,8 +147,12 @@ int defaultCrf(VideoCodec codec) {
 }
 
 // The video encoder for the settings: constant quality unless a bitrate is asked for.
+VideoCodec codecOf(const VideoSettings& settings) {
+  return settings.codec == VideoCodec::Default ? defaultCodec(settings.container) : settings.codec;
+}
+
 Ref<GstElement> makeVideoEncoder(const VideoSettings& settings, std::string* error) {
-  const VideoCodec codec = settings.codec == VideoCodec::Default ? defaultCodec(settings.container) : settings.codec;
+  const VideoCodec codec = codecOf(settings);
   const int crf = settings.crf >= 0 ? settings.crf : defaultCrf(codec);
   const std::string quality = std::to_string(crf);
   const std::string kbps = std::to_string(settings.bitrateKbps);
@@ -323,7 +328,8 @@ GstElement* Transcode::entryQueue(GstPad* from, bool unbounded) {
   return queue;
 }
 
-// queue ! decodebin ! queue ! videoconvert ! lumobeautify ! queue ! videoconvert [! videoflip] ! encoder ! mux
+// queue ! decodebin ! queue ! videoconvert ! lumobeautify ! queue ! videoconvert ! videoflip ! encoder
+//   ! (h265parse | identity) ! mux. The converters pass the decoder's NV12 or I420 through untouched.
 void Transcode::addVideo(GstPad* pad) {
   std::string error;
   GstElement* beautify = add(makeBeautifyElement(&error));
@@ -343,19 +349,15 @@ void Transcode::addVideo(GstPad* pad) {
   GstElement* toBeautify = add("videoconvert");
   GstElement* toEncoder = add("queue");
   GstElement* fromBeautify = add("videoconvert");
-  // Matroska and WebM carry no rotation: the frames are turned upright instead. MP4 and MOV keep the
-  // orientation tag in the track's matrix.
-  const bool turn = settings_.container == Container::Mkv || settings_.container == Container::Webm;
-  GstElement* flip = turn ? add("videoflip") : nullptr;
+  // A phone's rotation tag: the MP4 muxer writes no matrix for it and Matroska has none, so the frames are
+  // turned upright instead, as a player would have shown them.
+  GstElement* flip = add("videoflip");
   if (flip != nullptr) gst_util_set_object_arg(G_OBJECT(flip), "video-direction", "auto");
-  if (decode == nullptr || afterDecode == nullptr || toBeautify == nullptr || toEncoder == nullptr ||
-      fromBeautify == nullptr || (turn && flip == nullptr)) {
-    return;
-  }
+  // H.265 reaches MP4's muxer only in its parsed form.
+  GstElement* parse = codecOf(settings_) == VideoCodec::H265 ? add("h265parse") : add("identity");
   GstElement* entry = entryQueue(pad, false);
-  if (entry == nullptr || !chain({entry, decode})) return;
-  if (!(turn ? chain({afterDecode, toBeautify, beautify, toEncoder, fromBeautify, flip, encoder, mux_})
-             : chain({afterDecode, toBeautify, beautify, toEncoder, fromBeautify, encoder, mux_}))) {
+  if (entry == nullptr || !chain({entry, decode}) ||
+      !chain({afterDecode, toBeautify, beautify, toEncoder, fromBeautify, flip, encoder, parse, mux_})) {
     return;
   }
   decoded_.push_back(std::make_unique<Decoded>(Decoded{this, afterDecode}));
@@ -421,7 +423,7 @@ void Transcode::onParsedPad(GstElement*, GstPad* pad, gpointer data) {
 void Transcode::onAllParsed(GstElement*, gpointer data) {
   auto* self = static_cast<Transcode*>(data);
   std::lock_guard<std::mutex> lock(self->mutex_);
-  if (!self->videoAdded_) self->fail("has no video stream");
+  if (!self->videoAdded_) self->fail(kNoVideo);
 }
 
 void Transcode::onDecodedPad(GstElement*, GstPad* pad, gpointer data) {
@@ -508,7 +510,7 @@ VideoResult Transcode::run(const std::function<void(const VideoProgress&)>& onPr
     gst_message_parse_error(message, &raw, &debug);
     const ErrorRef error(raw);
     const GText details(debug);
-    result.error = !missing.empty() ? missing : error->message;
+    result.error = !missing.empty() ? missing : std::string("cannot be transcoded: ") + error->message;
     result.outputFault = GST_MESSAGE_SRC(message) == GST_OBJECT(sink_);
     return true;
   };
@@ -556,7 +558,7 @@ VideoResult Transcode::run(const std::function<void(const VideoProgress&)>& onPr
   result.wallSeconds = seconds();
   result.mediaSeconds = media();
   if (result.error.empty() && result.outcome == VideoResult::Outcome::Done && result.frames == 0) {
-    result.error = !missing.empty() ? missing : "has no video frames";
+    result.error = !missing.empty() ? missing : kNoVideo;
   }
   if (!result.error.empty()) result.outcome = VideoResult::Outcome::Failed;
   return result;

@@ -704,8 +704,9 @@ int runVideo(Options options) {
       });
   if (shown) std::fputc('\n', stderr);
   const std::string length = clockText(result.mediaSeconds);
-  const std::string speed = std::to_string(result.frames) + " frames (" + length + ") in " +
-                            clockText(result.wallSeconds);
+  char wall[32];
+  std::snprintf(wall, sizeof wall, "%.1f s", result.wallSeconds);
+  const std::string speed = std::to_string(result.frames) + " frames (" + length + ") in " + wall;
   if (result.outcome == VideoResult::Outcome::Failed) {
     out.discard();
     return failure(result.outputFault ? options.output : options.input, result.error);
