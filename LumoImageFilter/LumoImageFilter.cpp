@@ -210,14 +210,7 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   TextureRef t2;
   if (width != m_nImgWidth || height != m_nImgHeight) changeFormat(0, width, height, nullptr);
 
-  if (guard.ok() && m_pTexCache) {
-    m_pTexCache->createTextureFromImage(pixelBuffer, GL_TEXTURE_2D, GL_RGBA, width, height, GL_BGRA_EXT,
-                                        GL_UNSIGNED_BYTE, 0, &t0);
-    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
-                                        GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t1);
-    m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer2, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
-                                        GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t2);
-  }
+  if (guard.ok() && m_pTexCache) mapFrameTextures(pixelBuffer, &t0, &t1, &t2);
 
   PixelBufferRef result = pixelBuffer;
   if (t0 && t1 && t2) {
@@ -293,12 +286,7 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
   TextureRef t0;
   TextureRef t1;
   TextureRef t2;
-  m_pTexCache->createTextureFromImage(yuvInputRgb_, GL_TEXTURE_2D, GL_RGBA, width, height, GL_BGRA_EXT,
-                                      GL_UNSIGNED_BYTE, 0, &t0);
-  m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
-                                      GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t1);
-  m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer2, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
-                                      GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &t2);
+  mapFrameTextures(yuvInputRgb_, &t0, &t1, &t2);
 
   PixelBufferRef result = pixelBuffer;
   if (mapped && t0 && t1 && t2) {
@@ -340,6 +328,15 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
     }
   }
   return result;
+}
+
+void LumoImageFilter::mapFrameTextures(const PixelBufferRef& first, TextureRef* t0, TextureRef* t1, TextureRef* t2) {
+  m_pTexCache->createTextureFromImage(first, GL_TEXTURE_2D, GL_RGBA, first->width(), first->height(), GL_BGRA_EXT,
+                                      GL_UNSIGNED_BYTE, 0, t0);
+  m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
+                                      GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, t1);
+  m_pTexCache->createTextureFromImage(m_pRenderPixelBuffer2, GL_TEXTURE_2D, GL_RGBA, m_nViewWidth, m_nViewHeight,
+                                      GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, t2);
 }
 
 void LumoImageFilter::drawConversion(VideoProcessFilter* filter, const Texture* target, int32_t width,

@@ -101,6 +101,9 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   // The frame plan's passes, starting from T0; returns the texture holding the last pass.
   const Texture* runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2);
   const Texture* runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2);
+  // T0 from `first`, T1 and T2 from the two output buffers; the statuses are not looked at, only whether
+  // each texture came back.
+  void mapFrameTextures(const PixelBufferRef& first, TextureRef* t0, TextureRef* t1, TextureRef* t2);
   // A YUV frame: its planes into an RGB texture, the passes, and the result into yuvOutput_'s planes.
   PixelBufferRef renderYuv(const PixelBufferRef& pixelBuffer, const FramePlan& plan);
   // One conversion pass into `target`, a texture of width x height, through its own framebuffer.

@@ -193,8 +193,9 @@ TEST_F(ToolVideo, InterruptFinishesAPlayableFileWithTheFramesSoFar) {
   makeClip("long.mp4", "320x240", 30, 20, true, "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac");
   const pid_t child = spawn({"long.mp4", "-o", "out.mp4", "--engine", "cpu", "--progress"});
   ASSERT_GT(child, 0);
-  // Once the progress line shows frames, Ctrl-C.
-  for (int i = 0; i < 3000 && err().find(" frames ") == std::string::npos; ++i) {
+  // Once the progress line counts a frame done (it starts at 0), Ctrl-C.
+  const std::regex done("[1-9][0-9]* frames ");
+  for (int i = 0; i < 3000 && !std::regex_search(err(), done); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   ::kill(child, SIGINT);
