@@ -48,7 +48,7 @@ struct CpuImageFilter::Scratch {
   // Frames of other formats: the input converted to BGRA, and the output before its conversion back.
   std::vector<uint32_t> input;
   std::vector<uint32_t> output;
-  std::vector<float> importRows;  // per worker
+  std::vector<uint16_t> importRows;  // per worker
   std::vector<uint32_t> rows;
   std::vector<float> floatRows;
   std::vector<int> ringRows;
@@ -121,7 +121,7 @@ bool CpuImageFilter::prepare(int32_t width, int32_t height, uint32_t format) {
   const bool converts = format != kPixelFormat32BGRA;
   scratch_->input.assign(converts ? pixels : 0, 0);
   scratch_->output.assign(converts ? pixels : 0, 0);
-  scratch_->importRows.assign(converts ? cpu::importScratchFloats(width) * static_cast<size_t>(pool_->size()) : 0, 0);
+  scratch_->importRows.assign(converts ? cpu::importScratchSamples(width) * static_cast<size_t>(pool_->size()) : 0, 0);
   width_ = width;
   height_ = height;
   format_ = format;
@@ -180,7 +180,7 @@ PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
 
 void CpuImageFilter::importBand(const Conversion* conversion, int worker, int y0, int y1) {
   if (conversion == nullptr) return;
-  float* rows = scratch_->importRows.data() + cpu::importScratchFloats(width_) * static_cast<size_t>(worker);
+  uint16_t* rows = scratch_->importRows.data() + cpu::importScratchSamples(width_) * static_cast<size_t>(worker);
   cpu::importRows(conversion->source, conversion->input, rows, y0, y1);
 }
 
