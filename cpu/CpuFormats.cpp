@@ -210,8 +210,7 @@ void blendChroma(const Planes& in, int top, int bottom, uint16_t* towardsTop, ui
         hn::StoreInterleaved2(hn::Add(uSum, hn::Add(uA, uA)), hn::Add(vSum, hn::Add(vA, vA)), d16, outTop + 2 * i);
       }
       if (outBottom != nullptr) {
-        hn::StoreInterleaved2(hn::Add(uSum, hn::Add(uB, uB)), hn::Add(vSum, hn::Add(vB, vB)), d16,
-                              outBottom + 2 * i);
+        hn::StoreInterleaved2(hn::Add(uSum, hn::Add(uB, uB)), hn::Add(vSum, hn::Add(vB, vB)), d16, outBottom + 2 * i);
       }
     });
     for (int i = done; i < chromaWidth; ++i) {
@@ -354,10 +353,10 @@ void exportYuvRows(const ToYuv& k, const ConstImage& in, const Planes& out, int 
     const VI b = hn::BitCast(d, hn::And(br, low16));
     const VI red = hn::BitCast(d, hn::ShiftRight<16>(br));
     const VI g = hn::BitCast(d, hn::And(ga, low16));
-    const VI cb = levelOf(
-        hn::Add(hn::Add(hn::Mul(red, cbFromR), hn::Mul(g, cbFromG)), hn::Add(hn::Mul(b, cbFromB), cOffset)));
-    const VI cr = levelOf(
-        hn::Add(hn::Add(hn::Mul(red, crFromR), hn::Mul(g, crFromG)), hn::Add(hn::Mul(b, crFromB), cOffset)));
+    const VI cb =
+        levelOf(hn::Add(hn::Add(hn::Mul(red, cbFromR), hn::Mul(g, cbFromG)), hn::Add(hn::Mul(b, cbFromB), cOffset)));
+    const VI cr =
+        levelOf(hn::Add(hn::Add(hn::Mul(red, crFromR), hn::Mul(g, crFromG)), hn::Add(hn::Mul(b, crFromB), cOffset)));
     if (nv12) {
       hn::StoreU(hn::DemoteTo(d16, hn::Or(cb, hn::ShiftLeft<8>(cr))), d16, reinterpret_cast<uint16_t*>(uv) + i);
     } else {
@@ -384,8 +383,7 @@ void reorderRow(const uint8_t* from, uint8_t* to, int width, bool swap, bool opa
   const int done = vectors(width, static_cast<int>(hn::Lanes(du)), [&](auto x) {
     VU p = hn::LoadU(du, in + x);
     if (swap) {
-      p = hn::Or(hn::And(p, middle),
-                 hn::Or(hn::And(hn::ShiftRight<16>(p), low8), hn::ShiftLeft<16>(hn::And(p, low8))));
+      p = hn::Or(hn::And(p, middle), hn::Or(hn::And(hn::ShiftRight<16>(p), low8), hn::ShiftLeft<16>(hn::And(p, low8))));
     }
     hn::StoreU(hn::Or(p, alpha), du, out + x);
   });
@@ -404,7 +402,8 @@ void ImportRowsImpl(const Planes& in, const Image& out, uint16_t* scratch, int y
   }
   const bool swap = in.format == kPixelFormat32RGBA || in.format == kPixelFormat32RGBX;
   const bool opaque = in.format == kPixelFormat32BGRX || in.format == kPixelFormat32RGBX;
-  for (int y = y0; y < y1; ++y) reorderRow(rowOf<uint8_t>(in.data[0], in.stride[0], y), out.row(y), in.width, swap, opaque);
+  for (int y = y0; y < y1; ++y)
+    reorderRow(rowOf<uint8_t>(in.data[0], in.stride[0], y), out.row(y), in.width, swap, opaque);
 }
 
 void ExportRowsImpl(const ConstImage& in, const Planes& out, int y0, int y1) {
