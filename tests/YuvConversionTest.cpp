@@ -1,6 +1,7 @@
 // The CPU engine's format conversions on their own (cpu/CpuFormats.cpp, compiled into this test): YUV 4:2:0
 // to and from BGRA against a plain float evaluation of the same definition, over random frames, odd sizes
-// and the four colorimetries; band splits; the packed orders.
+// and the four colorimetries; band splits; the packed orders. Then the engine around them: a YUV frame
+// comes out as the conversions around its BGRA graph would make it, for every kind of first and last stage.
 #include <gtest/gtest.h>
 #include <hwy/targets.h>
 
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "BeautifyEngine.h"
 #include "CpuFormats.h"
 #include "YuvCoefficients.h"
 
@@ -358,6 +360,91 @@ TEST(YuvConversion, PackedOrdersSwapAndFillAlpha) {
       }
     }
   });
+}
+
+// The planes of a YUV buffer, tight, as exportWhole lays them out.
+Bytes planesOf(const PixelBufferRef& buffer) {
+  EXPECT_EQ(buffer->lockBaseAddress(kPixelBufferLockReadOnly), kPixelBufferSuccess);
+  Bytes out;
+  for (int32_t plane = 0; plane < buffer->planeCount(); ++plane) {
+    const PixelPlaneGeometry g = buffer->planeGeometry(plane);
+    const auto* base = static_cast<const uint8_t*>(buffer->baseAddressOfPlane(plane));
+    for (int y = 0; y < g.height; ++y) {
+      const uint8_t* row = base + buffer->bytesPerRowOfPlane(plane) * static_cast<size_t>(y);
+      if (buffer->pixelFormat() == kPixelFormatNV12 && plane == 1) continue;  // below, split
+      out.insert(out.end(), row, row + g.rowBytes());
+    }
+    if (buffer->pixelFormat() == kPixelFormatNV12 && plane == 1) {
+      for (int c = 0; c < 2; ++c) {
+        for (int y = 0; y < g.height; ++y) {
+          const uint8_t* row = base + buffer->bytesPerRowOfPlane(plane) * static_cast<size_t>(y);
+          for (int i = 0; i < g.width; ++i) out.push_back(row[2 * i + c]);
+        }
+      }
+    }
+  }
+  buffer->unlockBaseAddress(kPixelBufferLockReadOnly);
+  return out;
+}
+
+std::unique_ptr<BeautifyEngine> engineFor(int mask, int preset) {
+  std::unique_ptr<BeautifyEngine> engine = makeEngine(EngineKind::Cpu);
+  engine->enableBeautifying(static_cast<uintptr_t>(mask));
+  engine->setCustomizedFilter(static_cast<uintptr_t>(preset));
+  engine->setSharppenFactor(0.6f);
+  return engine;
+}
+
+// The engine converts inside its first and last stages, in bands and chunks on several threads, and a
+// sharpen pass that is both reads a row beyond each band: none of that may show. Frames tall enough for
+// several chunks a band.
+TEST(YuvConversion, EngineConvertsAroundItsBgraGraph) {
+  struct Plan {
+    int mask;
+    int preset;
+  };
+  const Plan plans[] = {{1, 0}, {2, 0}, {4, 0}, {7, 0}, {8, 0}, {15, 0}, {8, 5}, {0, 5}, {2, 5}};
+  constexpr std::array<std::array<int, 2>, 3> sizes{{{67, 151}, {96, 130}, {5, 3}}};
+  std::mt19937 random(31);
+  for (const auto& [w, h] : sizes) {
+    for (uint32_t format : {kPixelFormatNV12, kPixelFormatI420}) {
+      const YuvColorimetry colorimetry =
+          format == kPixelFormatNV12 ? YuvColorimetry{YuvMatrix::Bt709, YuvRange::Full} : YuvColorimetry{};
+      YuvFrame f = makeFrame(w, h, format);
+      f.y = randomBytes(random, f.y.size(), false);
+      f.u = randomBytes(random, f.u.size(), false);
+      f.v = randomBytes(random, f.v.size(), false);
+      const Planes planes = f.planes(format, colorimetry);
+      PixelBufferPlane host[3];
+      for (int p = 0; p < pixelFormatPlaneCount(format); ++p) host[p] = {planes.data[p], planes.stride[p]};
+      PixelBufferAttributes attributes;
+      attributes.colorimetry = colorimetry;
+      PixelBufferRef yuv;
+      ASSERT_EQ(
+          PixelBuffer::createWithPlanes(w, h, format, host, pixelFormatPlaneCount(format), nullptr, attributes, &yuv),
+          kPixelBufferSuccess);
+      Bytes bgra = importWhole(f, format, yuv->colorimetry(), {0, h});
+      PixelBufferRef packed;
+      ASSERT_EQ(PixelBuffer::createWithBytes(w, h, kPixelFormat32BGRA, bgra.data(), 4 * static_cast<size_t>(w), nullptr,
+                                             {}, &packed),
+                kPixelBufferSuccess);
+      for (const Plan& plan : plans) {
+        SCOPED_TRACE(name(w, h, format, yuv->colorimetry()) + " mask " + std::to_string(plan.mask) + " preset " +
+                     std::to_string(plan.preset));
+        const PixelBufferRef fromBgra = engineFor(plan.mask, plan.preset)->render(packed);
+        ASSERT_EQ(fromBgra->lockBaseAddress(kPixelBufferLockReadOnly), kPixelBufferSuccess);
+        const auto* base = static_cast<const uint8_t*>(fromBgra->baseAddress());
+        Bytes beautified;
+        for (int y = 0; y < h; ++y) {
+          const uint8_t* row = base + fromBgra->bytesPerRow() * static_cast<size_t>(y);
+          beautified.insert(beautified.end(), row, row + 4 * static_cast<size_t>(w));
+        }
+        fromBgra->unlockBaseAddress(kPixelBufferLockReadOnly);
+        const Bytes expected = exportWhole(beautified, w, h, format, yuv->colorimetry(), {0, h});
+        EXPECT_EQ(planesOf(engineFor(plan.mask, plan.preset)->render(yuv)), expected);
+      }
+    }
+  }
 }
 
 }  // namespace
