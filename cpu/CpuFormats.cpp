@@ -233,7 +233,7 @@ void importYuvRow(const ToBgra& k, const uint8_t* luma, const uint16_t* chroma, 
   const DU du;
   const hn::Repartition<uint16_t, DI> d16;
   const hn::Rebind<uint16_t, DI> dLuma;
-  const VI luma16 = hn::Set(d, k.luma);
+  const VI fromY = hn::Set(d, k.luma);
   const VI rFromCr = hn::Set(d, k.rFromCr);
   const VI gFromCb = hn::Set(d, k.gFromCb);
   const VI gFromCr = hn::Set(d, k.gFromCr);
@@ -250,7 +250,7 @@ void importYuvRow(const ToBgra& k, const uint8_t* luma, const uint16_t* chroma, 
   auto pixels = [&](VI y, VI cbcr) {
     const VI cb = hn::And(cbcr, low16);
     const VI cr = hn::ShiftRight<16>(cbcr);
-    const VI l = hn::Mul(y, luma16);
+    const VI l = hn::Mul(y, fromY);
     const VI r = levelOf(hn::Add(hn::Add(l, hn::Mul(cr, rFromCr)), rOffset));
     const VI g = levelOf(hn::Add(hn::Add(l, hn::Add(hn::Mul(cb, gFromCb), hn::Mul(cr, gFromCr))), gOffset));
     const VI b = levelOf(hn::Add(hn::Add(l, hn::Mul(cb, bFromCb)), bOffset));
@@ -263,7 +263,7 @@ void importYuvRow(const ToBgra& k, const uint8_t* luma, const uint16_t* chroma, 
     const auto c3 = hn::Add(c, hn::Add(c, c));
     const VI even = hn::BitCast(d, hn::Add(c3, hn::LoadU(d16, centre + 2 * i - 2)));
     const VI odd = hn::BitCast(d, hn::Add(c3, hn::LoadU(d16, centre + 2 * i + 2)));
-    // Two luma samples a lane: the even pixel's in the low byte.
+    // Two luma samples a lane: the even pixel's in the low byte (x86 and Arm are little-endian).
     const VI y = hn::BitCast(d, hn::PromoteTo(du, hn::LoadU(dLuma, reinterpret_cast<const uint16_t*>(luma) + i)));
     hn::StoreInterleaved2(pixels(hn::And(y, low8), even), pixels(hn::ShiftRight<8>(y), odd), du,
                           reinterpret_cast<uint32_t*>(out) + 2 * i);
