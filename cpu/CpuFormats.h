@@ -8,7 +8,7 @@
 
 // Frames of the formats other than BGRA, to and from the packed BGRA the kernels work on. The engine runs
 // these inside its first and last stages, band by band, so that a converted row is still in cache when the
-// stage reads or writes it.
+// stage reads or writes it. SIMD through Highway, chosen at run time as for the pass kernels.
 //
 // Chroma is sited at the centre of its 2 x 2 block of luma (as a texture of half the size would be sampled):
 // import upsamples it bilinearly (weights 3/4 and 1/4 towards the nearer sample, the edge sample repeated),
@@ -24,11 +24,12 @@ struct Planes {
   YuvColorimetry colorimetry;  // resolved
 };
 
-// Floats a worker needs for importRows at this width.
-size_t importScratchFloats(int width);
+// 16-bit samples a worker needs for importRows at this width: two blended chroma rows.
+size_t importScratchSamples(int width);
 
-// Rows [y0, y1) of `in` into `out` (alpha 255 where the format has none).
-void importRows(const Planes& in, const Image& out, float* scratch, int y0, int y1);
+// Rows [y0, y1) of `in` into `out` (alpha 255 where the format has none). Results are those of the exact
+// arithmetic on the coefficients of YuvCoefficients.h, rounded once to the nearest level.
+void importRows(const Planes& in, const Image& out, uint16_t* scratch, int y0, int y1);
 // Rows [y0, y1) of `in` into `out`; for YUV formats y0 is even and y1 even or the height.
 void exportRows(const ConstImage& in, const Planes& out, int y0, int y1);
 

@@ -32,6 +32,28 @@ void detailBlurTaps(cpu::Tap taps[3]) {
   taps[2] = {-1, 0.0f, weights[1]};
 }
 
+// Rows of a band in chunks small enough to stay in cache from one conversion or pass to the next; even, for
+// 4:2:0 chroma's row pairs.
+constexpr int kChunkRows = 16;
+
+template <typename Body>
+void inChunks(int y0, int y1, const Body& body) {
+  for (int y = y0; y < y1; y += kChunkRows) body(y, std::min(y + kChunkRows, y1));
+}
+
+// A band of the first stage: the pass alone, or the input's conversion and the pass chunk by chunk.
+template <typename Import, typename Pass>
+void firstStageBand(bool converts, int y0, int y1, const Import& import, const Pass& pass) {
+  if (!converts) {
+    pass(y0, y1);
+    return;
+  }
+  inChunks(y0, y1, [&](int c0, int c1) {
+    import(c0, c1);
+    pass(c0, c1);
+  });
+}
+
 void copyPreset(bool inForce, const PresetValues& preset, bool* flag, float matrix[4][4], float offset[4]) {
   *flag = inForce;
   std::memcpy(matrix, preset.matrix, sizeof preset.matrix);
@@ -48,7 +70,8 @@ struct CpuImageFilter::Scratch {
   // Frames of other formats: the input converted to BGRA, and the output before its conversion back.
   std::vector<uint32_t> input;
   std::vector<uint32_t> output;
-  std::vector<float> importRows;  // per worker
+  std::vector<uint16_t> importRows;  // per worker
+  std::vector<uint32_t> edgeRows;    // per worker: the rows either side of a band, converted privately
   std::vector<uint32_t> rows;
   std::vector<float> floatRows;
   std::vector<int> ringRows;
@@ -121,7 +144,9 @@ bool CpuImageFilter::prepare(int32_t width, int32_t height, uint32_t format) {
   const bool converts = format != kPixelFormat32BGRA;
   scratch_->input.assign(converts ? pixels : 0, 0);
   scratch_->output.assign(converts ? pixels : 0, 0);
-  scratch_->importRows.assign(converts ? cpu::importScratchFloats(width) * static_cast<size_t>(pool_->size()) : 0, 0);
+  const size_t workers = static_cast<size_t>(pool_->size());
+  scratch_->importRows.assign(converts ? cpu::importScratchSamples(width) * workers : 0, 0);
+  scratch_->edgeRows.assign(converts ? 2 * static_cast<size_t>(width) * workers : 0, 0);
   width_ = width;
   height_ = height;
   format_ = format;
@@ -180,8 +205,12 @@ PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
 
 void CpuImageFilter::importBand(const Conversion* conversion, int worker, int y0, int y1) {
   if (conversion == nullptr) return;
-  float* rows = scratch_->importRows.data() + cpu::importScratchFloats(width_) * static_cast<size_t>(worker);
-  cpu::importRows(conversion->source, conversion->input, rows, y0, y1);
+  importBand(conversion, worker, y0, y1, conversion->input);
+}
+
+void CpuImageFilter::importBand(const Conversion* conversion, int worker, int y0, int y1, const cpu::Image& into) {
+  uint16_t* rows = scratch_->importRows.data() + cpu::importScratchSamples(width_) * static_cast<size_t>(worker);
+  cpu::importRows(conversion->source, into, rows, y0, y1);
 }
 
 void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output,
@@ -197,26 +226,22 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   const size_t workers = static_cast<size_t>(pool_->size());
   if (scratch_->rows.size() < scratch_->rowLength * workers) scratch_->rows.assign(scratch_->rowLength * workers, 0);
 
-  // The input's conversion runs in the first stage's bands when that stage reads only its own rows; a
-  // sharpen pass alone reads its neighbours' rows, so it gets the converted frame first.
-  if (conversion != nullptr && !plan.skinDetect && !plan.whiten && !(!plan.sharpen && plan.preset)) {
-    pool_->parallelFor(height_, [&](int worker, int y0, int y1) { importBand(conversion, worker, y0, y1); });
-    conversion = nullptr;
-  }
+  // The first stage converts the input in its bands, the last converts its bands back, a few rows at a time
+  // so that converted rows are still in cache when the stage reads them or the conversion back does.
   const Conversion* importing = conversion;
   const cpu::ConstImage skin = plan.skinDetect ? runSkinStages(plan, input, importing) : cpu::ConstImage{};
   if (plan.skinDetect) importing = nullptr;
-  // The last stage converts its bands back as it finishes them: pairs of rows, for 4:2:0 chroma.
   auto lastStage = [&](auto&& stage) {
     if (conversion == nullptr) {
       pool_->parallelFor(height_, [&](int worker, int y0, int y1) { stage(worker, y0, y1); });
       return;
     }
+    // Pairs of rows, for 4:2:0 chroma.
     pool_->parallelFor((height_ + 1) / 2, [&](int worker, int p0, int p1) {
-      const int y0 = 2 * p0;
-      const int y1 = std::min(2 * p1, height_);
-      stage(worker, y0, y1);
-      cpu::exportRows(output, conversion->target, y0, y1);
+      inChunks(2 * p0, std::min(2 * p1, height_), [&](int y0, int y1) {
+        stage(worker, y0, y1);
+        cpu::exportRows(output, conversion->target, y0, y1);
+      });
     });
   };
   cpu::ConstImage current = input;
@@ -236,8 +261,9 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     tail.pinkCurve = pinkWhitenCurve().data();
     copyPreset(!plan.sharpen && plan.preset, preset_, &tail.preset, tail.presetMatrix, tail.presetOffset);
     auto rows = [&](int worker, int y0, int y1) {
-      importBand(importing, worker, y0, y1);
-      cpu::tailRows(tail, y0, y1);
+      firstStageBand(
+          importing != nullptr, y0, y1, [&](int c0, int c1) { importBand(importing, worker, c0, c1); },
+          [&](int c0, int c1) { cpu::tailRows(tail, c0, c1); });
     };
     if (plan.sharpen) {
       pool_->parallelFor(height_, rows);
@@ -245,6 +271,7 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
       lastStage(rows);
     }
     current = tail.out;
+    importing = nullptr;
   }
   if (plan.sharpen) {
     cpu::SharpenJob job{};
@@ -252,8 +279,39 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     job.out = output;
     job.sharpness = sharppen_factor_.load(std::memory_order_relaxed);
     copyPreset(plan.preset, preset_, &job.preset, job.presetMatrix, job.presetOffset);
-    lastStage([&](int, int y0, int y1) { cpu::sharpenRows(job, y0, y1); });
+    if (importing == nullptr) {
+      lastStage([&](int, int y0, int y1) { cpu::sharpenRows(job, y0, y1); });
+    } else {
+      sharpenFirst(job, *importing);
+    }
   }
+}
+
+// Sharpen as the first and last stage: it reads a row either side of each band, which the neighbouring
+// bands convert at the same time, so each band converts those two rows privately. Inside the band the
+// conversion runs a chunk ahead of the pass.
+void CpuImageFilter::sharpenFirst(const cpu::SharpenJob& job, const Conversion& conversion) {
+  pool_->parallelFor((height_ + 1) / 2, [&](int worker, int p0, int p1) {
+    const int y0 = 2 * p0;
+    const int y1 = std::min(2 * p1, height_);
+    if (y0 >= y1) return;
+    uint32_t* edges = scratch_->edgeRows.data() + 2 * static_cast<size_t>(width_) * static_cast<size_t>(worker);
+    // One row each, written through an image of stride 0: every row of it is that row.
+    auto edgeRow = [&](int slot, int y) -> const uint8_t* {
+      uint8_t* row = reinterpret_cast<uint8_t*>(edges + static_cast<size_t>(slot) * static_cast<size_t>(width_));
+      importBand(&conversion, worker, y, y + 1, cpu::Image{row, 0, width_, height_});
+      return row;
+    };
+    const uint8_t* above = y0 > 0 ? edgeRow(0, y0 - 1) : nullptr;
+    const uint8_t* below = y1 < height_ ? edgeRow(1, y1) : nullptr;
+    importBand(&conversion, worker, y0, std::min(y0 + kChunkRows, y1));
+    inChunks(y0, y1, [&](int c0, int c1) {
+      if (c1 < y1)
+        importBand(&conversion, worker, c1, std::min(c1 + kChunkRows, y1));  // this chunk's last row reads it
+      cpu::sharpenRows(job, c0, c1, c0 == y0 ? above : nullptr, c1 == y1 ? below : nullptr);
+      cpu::exportRows(job.out, conversion.target, c0, c1);
+    });
+  });
 }
 
 cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::ConstImage& input,
@@ -263,8 +321,9 @@ cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
   const cpu::SkinJob skinJob{input, a};
   pool_->parallelFor(height_, [&](int worker, int y0, int y1) {
-    importBand(conversion, worker, y0, y1);
-    cpu::skinDetectRows(skinJob, y0, y1);
+    firstStageBand(
+        conversion != nullptr, y0, y1, [&](int c0, int c1) { importBand(conversion, worker, c0, c1); },
+        [&](int c0, int c1) { cpu::skinDetectRows(skinJob, c0, c1); });
   });
   if (plan.polish) runBilateral(a, b);
   if (!plan.detailLayer) return a;

@@ -15,6 +15,7 @@ namespace cpu {
 class ThreadPool;
 struct ConstImage;
 struct Image;
+struct SharpenJob;
 }  // namespace cpu
 struct FramePlan;
 
@@ -55,6 +56,8 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   void runGraph(const FramePlan& plan, const cpu::ConstImage& input, const cpu::Image& output,
                 const Conversion* conversion);
   void importBand(const Conversion* conversion, int worker, int y0, int y1);
+  void importBand(const Conversion* conversion, int worker, int y0, int y1, const cpu::Image& into);
+  void sharpenFirst(const cpu::SharpenJob& job, const Conversion& conversion);
   // The skin-gated stages before the fused tail; returns the layer the tail reads (smoothed skin, or the
   // blurred detail layer). The first of them converts the input when `conversion` is given.
   cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input, const Conversion* conversion);

@@ -435,14 +435,14 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
 }
 
 template <class D>
-void SharpenRowsT(D d, const SharpenJob& job, int y0, int y1) {
+void SharpenRowsT(D d, const SharpenJob& job, int y0, int y1, const uint8_t* above, const uint8_t* below) {
   const V<D> s = hn::Set(d, job.sharpness);
   const V<D> centreK = hn::Set(d, 1.0f + 4.0f * job.sharpness);
   const int width = job.in.width;
   for (int y = y0; y < y1; ++y) {
     const uint8_t* row = job.in.row(y);
-    const uint8_t* up = job.in.row(std::min(y + 1, job.in.height - 1));
-    const uint8_t* down = job.in.row(std::max(y - 1, 0));
+    const uint8_t* up = y + 1 == y1 && below != nullptr ? below : job.in.row(std::min(y + 1, job.in.height - 1));
+    const uint8_t* down = y == y0 && above != nullptr ? above : job.in.row(std::max(y - 1, 0));
     uint8_t* out = job.out.row(y);
     // The edge columns clamp their left or right neighbour; the vectors between read x - 1 and x + 1.
     forEachVector(d, width, [&](int x) {
@@ -503,8 +503,8 @@ void GaussianRowsImpl(const GaussianJob& job, int worker, int y0, int y1) {
 void TailRowsImpl(const TailJob& job, int y0, int y1) {
   withTag(job.input.width, [&](auto d) { TailRowsT(d, job, y0, y1); });
 }
-void SharpenRowsImpl(const SharpenJob& job, int y0, int y1) {
-  withTag(job.in.width, [&](auto d) { SharpenRowsT(d, job, y0, y1); });
+void SharpenRowsImpl(const SharpenJob& job, int y0, int y1, const uint8_t* above, const uint8_t* below) {
+  withTag(job.in.width, [&](auto d) { SharpenRowsT(d, job, y0, y1, above, below); });
 }
 
 const char* TargetNameImpl() { return hwy::TargetName(HWY_TARGET); }
@@ -533,7 +533,9 @@ void gaussianRows(const GaussianJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(GaussianRowsImpl)(job, worker, y0, y1);
 }
 void tailRows(const TailJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, y0, y1); }
-void sharpenRows(const SharpenJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(SharpenRowsImpl)(job, y0, y1); }
+void sharpenRows(const SharpenJob& job, int y0, int y1, const uint8_t* above, const uint8_t* below) {
+  HWY_DYNAMIC_DISPATCH(SharpenRowsImpl)(job, y0, y1, above, below);
+}
 const char* simdTarget() { return HWY_DYNAMIC_DISPATCH(TargetNameImpl)(); }
 
 }  // namespace lumo::cpu

@@ -112,7 +112,9 @@ void bilateralRows(const BilateralJob& job, int worker, int y0, int y1);
 void overlayRows(const OverlayJob& job, int y0, int y1);
 void gaussianRows(const GaussianJob& job, int worker, int y0, int y1);
 void tailRows(const TailJob& job, int y0, int y1);
-void sharpenRows(const SharpenJob& job, int y0, int y1);
+// `above` and `below`, where given, stand for rows y0 - 1 and y1 of the input (rows another thread may be
+// writing while this one runs).
+void sharpenRows(const SharpenJob& job, int y0, int y1, const uint8_t* above = nullptr, const uint8_t* below = nullptr);
 
 // The instruction set the kernels run with on this CPU, e.g. "AVX2".
 const char* simdTarget();
