@@ -39,6 +39,18 @@ TEST_F(Tool, DefaultRunWritesResultAndComparison) {
   EXPECT_NE(r.err.find("wrote astronaut-beautified.png"), std::string::npos);
 }
 
+// A cap on the CPU engine's instruction set is named on the engine line and draws the same file.
+TEST_F(Tool, SimdCapIsNamedAndDrawsTheSamePicture) {
+  ASSERT_EQ(run("'" LUMO_SAMPLE_IMAGE "' -o best.png --engine cpu").status, 0);
+  const Outcome scalar = run("'" LUMO_SAMPLE_IMAGE "' -o scalar.png --engine cpu --simd scalar");
+  ASSERT_EQ(scalar.status, 0) << scalar.err;
+  EXPECT_NE(scalar.err.find("engine cpu (SCALAR;"), std::string::npos) << scalar.err;
+  EXPECT_EQ(readFile(dir_ / "scalar.png"), readFile(dir_ / "best.png"));
+  const Outcome bad = run("--simd neon");
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_NE(bad.err.find("--simd wants best, avx3, avx2, sse4 or scalar, got 'neon'"), std::string::npos) << bad.err;
+}
+
 TEST_F(Tool, PngAndJpegRoundTrips) {
   EXPECT_EQ(run("'" LUMO_SAMPLE_IMAGE "' -o out.jpg").status, 0);
   EXPECT_EQ(run("out.jpg -o back.png --mask whiten").status, 0);
