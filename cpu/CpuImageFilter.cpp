@@ -9,6 +9,7 @@
 #include "CpuFormats.h"
 #include "CpuKernels.h"
 #include "FramePlan.h"
+#include "RegionWeights.h"
 #include "ThreadPool.h"
 
 namespace lumo {
@@ -30,6 +31,14 @@ void detailBlurTaps(cpu::Tap taps[3]) {
   taps[0] = {0, 0.0f, weights[0]};
   taps[1] = {1, 0.0f, weights[1]};
   taps[2] = {-1, 0.0f, weights[1]};
+}
+
+// body(worker, y0, y1) over bands of `rows`.
+template <typename Body>
+void parallelRows(cpu::ThreadPool& pool, CpuRows rows, const Body& body) {
+  if (rows.end <= rows.begin) return;
+  pool.parallelFor(rows.end - rows.begin,
+                   [&](int worker, int y0, int y1) { body(worker, rows.begin + y0, rows.begin + y1); });
 }
 
 void copyPreset(bool inForce, const PresetValues& preset, bool* flag, float matrix[4][4], float offset[4]) {
@@ -72,6 +81,8 @@ int32_t CpuImageFilter::create() {
   if (created_) return 0;
   pool_ = std::make_unique<cpu::ThreadPool>(static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
   scratch_ = std::make_unique<Scratch>();
+  region_ = std::make_unique<RegionWeights>();
+  regionSeen_ = 0;
   detailBlurTaps(scratch_->blurTaps);
   width_ = 0;
   height_ = 0;
@@ -86,6 +97,7 @@ int32_t CpuImageFilter::destroy() {
   if (!created_) return 0;
   pool_.reset();
   scratch_.reset();
+  region_.reset();
   outputs_[0].reset();
   outputs_[1].reset();
   created_ = false;
@@ -148,8 +160,14 @@ cpu::Planes planesOf(const PixelBuffer& buffer) {
 PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
   if (!created_) return nullptr;
   applyWantedSettings();
-  const FramePlan plan = FramePlan::make(m_nEnableBeautifying, presetInForce_);
-  if (!pixelBuffer || !plan.any()) return pixelBuffer;
+  takeRegionMask(&regionSeen_, &regionWanted_);
+  FramePlan plan = FramePlan::make(m_nEnableBeautifying, presetInForce_);
+  if (!pixelBuffer) return pixelBuffer;
+  if (plan.skinDetect) {
+    region_->update(regionWanted_, pixelBuffer->width(), pixelBuffer->height());
+    if (region_->empty()) plan.dropSkinBranch();
+  }
+  if (!plan.any()) return pixelBuffer;
   if (!prepare(pixelBuffer->width(), pixelBuffer->height(), pixelBuffer->pixelFormat())) return pixelBuffer;
 
   PixelBufferRef output = outputs_[nextOutput_];
@@ -204,6 +222,11 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     conversion = nullptr;
   }
   const Conversion* importing = conversion;
+  // The skin stages skip the rows no region reaches, so the whole input is converted before them.
+  if (importing != nullptr && plan.skinDetect && region_->limited()) {
+    pool_->parallelFor(height_, [&](int worker, int y0, int y1) { importBand(importing, worker, y0, y1); });
+    importing = nullptr;
+  }
   const cpu::ConstImage skin = plan.skinDetect ? runSkinStages(plan, input, importing) : cpu::ConstImage{};
   if (plan.skinDetect) importing = nullptr;
   // The last stage converts its bands back as it finishes them: pairs of rows, for 4:2:0 chroma.
@@ -234,6 +257,11 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     tail.whiten = plan.whiten;
     tail.whitenFactor = whiten_factor_.load(std::memory_order_relaxed);
     tail.pinkCurve = pinkWhitenCurve().data();
+    if (plan.skinDetect && region_->limited()) {
+      tail.region = region_->data();
+      tail.regionFirstRow = region_->firstRow();
+      tail.regionEndRow = region_->endRow();
+    }
     copyPreset(!plan.sharpen && plan.preset, preset_, &tail.preset, tail.presetMatrix, tail.presetOffset);
     auto rows = [&](int worker, int y0, int y1) {
       importBand(importing, worker, y0, y1);
@@ -256,24 +284,34 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   }
 }
 
+CpuRows CpuImageFilter::regionRows(int margin) const {
+  if (!region_->limited()) return {0, height_};
+  return {std::max(0, region_->firstRow() - margin), std::min(height_, region_->endRow() + margin)};
+}
+
+// Each stage computes the rows the next one reads: the region's rows for the tail, widened by the reach of
+// every vertical tap on the way back. Rows outside are never read, so they are not computed.
 cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::ConstImage& input,
                                               const Conversion* conversion) {
   const size_t tight = static_cast<size_t>(width_) * 4;
   const cpu::Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width_, height_};
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
+  const int detailReach = plan.detailLayer ? static_cast<int>(FramePlan::kDetailBlurRadius) : 0;
+  const int bilateralReach = plan.polish ? scratch_->pad : 0;
+  const CpuRows skinRows = regionRows(detailReach + bilateralReach);
   const cpu::SkinJob skinJob{input, a};
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) {
+  parallelRows(*pool_, skinRows, [&](int worker, int y0, int y1) {
     importBand(conversion, worker, y0, y1);
     cpu::skinDetectRows(skinJob, y0, y1);
   });
-  if (plan.polish) runBilateral(a, b);
+  if (plan.polish) runBilateral(a, b, skinRows, regionRows(detailReach));
   if (!plan.detailLayer) return a;
-  runDetailLayer(input, a, b);
+  runDetailLayer(input, a, b, regionRows(0));
   return b;
 }
 
 // Skin in `a`, smoothed back into `a` through `b`.
-void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b) {
+void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuRows horizontal, CpuRows vertical) {
   const float step = scratch_->step;
   cpu::BilateralJob job{};
   job.factor = polish_color_distance_factor_.load(std::memory_order_relaxed);
@@ -296,18 +334,21 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b) {
   job.in = a;
   job.out = b;
   job.vertical = false;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
+  parallelRows(*pool_, horizontal, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
   job.in = b;
   job.out = a;
   job.vertical = true;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
+  parallelRows(*pool_, vertical, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
 }
 
-// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b`; the tail adds it back
-// doubled.
-void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b) {
+// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b` (rows `blurred`); the
+// tail adds it back doubled.
+void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b,
+                                    CpuRows blurred) {
+  const int reach = static_cast<int>(FramePlan::kDetailBlurRadius);
+  const CpuRows wide{std::max(0, blurred.begin - reach), std::min(height_, blurred.end + reach)};
   const cpu::OverlayJob highPass{input, a, b, -1.0f, 1.0f, FramePlan::kHighPassOffset};
-  pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
+  parallelRows(*pool_, wide, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
   cpu::GaussianJob blur{};
   std::copy(std::begin(scratch_->blurTaps), std::end(scratch_->blurTaps), blur.taps);
   blur.tapCount = 3;
@@ -316,11 +357,11 @@ void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Ima
   blur.in = b;
   blur.out = a;
   blur.vertical = false;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
+  parallelRows(*pool_, wide, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
   blur.in = a;
   blur.out = b;
   blur.vertical = true;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
+  parallelRows(*pool_, blurred, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
 }
 
 }  // namespace lumo

@@ -8,8 +8,11 @@
 #include "BeautifySettings.h"
 #include "Export.h"
 #include "PixelBuffer.h"
+#include "RegionMask.h"
 
 namespace lumo {
+
+class RegionWeights;
 
 namespace cpu {
 class ThreadPool;
@@ -17,6 +20,12 @@ struct ConstImage;
 struct Image;
 }  // namespace cpu
 struct FramePlan;
+
+// Rows [begin, end) of a frame.
+struct CpuRows {
+  int begin;
+  int end;
+};
 
 // The beautify pass graph on the CPU: the same host interface, settings and deferred application as the GL
 // facade, and the same arithmetic as the shaders (single precision, linear sampling with clamp to edge,
@@ -58,8 +67,10 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   // The skin-gated stages before the fused tail; returns the layer the tail reads (smoothed skin, or the
   // blurred detail layer). The first of them converts the input when `conversion` is given.
   cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input, const Conversion* conversion);
-  void runBilateral(const cpu::Image& a, const cpu::Image& b);
-  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b);
+  void runBilateral(const cpu::Image& a, const cpu::Image& b, CpuRows horizontal, CpuRows vertical);
+  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b, CpuRows blurred);
+  // The rows the region weighs, `margin` more on each side (all rows without a region).
+  CpuRows regionRows(int margin) const;
 
   std::unique_ptr<cpu::ThreadPool> pool_;
   std::unique_ptr<Scratch> scratch_;
@@ -70,6 +81,10 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   uint32_t format_ = kPixelFormat32BGRA;
   bool presetInForce_ = false;
   PresetValues preset_{};
+  // The host's region mask as last taken, and drawn at the frame size.
+  uint64_t regionSeen_ = 0;
+  RegionMask regionWanted_;
+  std::unique_ptr<RegionWeights> region_;
   bool created_ = false;
 };
 
