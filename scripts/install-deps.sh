@@ -11,6 +11,7 @@ packages=(
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev  # the lumobeautify element
   libbenchmark-dev libopencv-core-dev libopencv-imgproc-dev  # lumo-bench and its CPU baseline
+  libopencv-objdetect-dev opencv-data                   # lumo_faces: the faces-only option
   pybind11-dev python3-dev python3-numpy                # the Python package lumo
   python3-opencv python3-distributed python3-pytest     # lumo.batch and the Python tests
   clang libclang-rt-14-dev                              # libFuzzer for scripts/fuzz.sh

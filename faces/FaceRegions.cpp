@@ -1,0 +1,129 @@
+#include "FaceRegions.h"
+
+#include <chrono>
+
+namespace lumo::faces {
+
+std::unique_ptr<FaceRegions> FaceRegions::create(const FaceRegionsSettings& settings, std::string* why) {
+  std::unique_ptr<FaceDetector> detector = FaceDetector::load(settings.detector, why);
+  if (!detector) return nullptr;
+  return std::make_unique<FaceRegions>(settings, std::move(detector));
+}
+
+FaceRegions::FaceRegions(const FaceRegionsSettings& settings, std::unique_ptr<FaceDetector> detector)
+    : settings_(settings), detector_(std::move(detector)), tracker_(settings.tracker) {
+  if (settings_.every < 1) settings_.every = 1;
+  if (settings_.background) worker_ = std::thread([this] { workerLoop(); });
+}
+
+FaceRegions::~FaceRegions() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+  }
+  wake_.notify_all();
+  if (worker_.joinable()) worker_.join();
+}
+
+std::vector<FaceBox> FaceRegions::timedDetect(const SmallGrey& grey) {
+  const auto begin = std::chrono::steady_clock::now();
+  std::vector<FaceBox> found = detector_->detect(grey);
+  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ++detections_;
+  totalMilliseconds_ += ms;
+  return found;
+}
+
+void FaceRegions::workerLoop() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    wake_.wait(lock, [this] { return stop_ || hasJob_; });
+    if (stop_) return;
+    hasJob_ = false;
+    const SmallGrey grey = std::move(job_);
+    lock.unlock();
+    std::vector<FaceBox> found = timedDetect(grey);
+    lock.lock();
+    result_ = std::move(found);
+    hasResult_ = true;
+    idle_.notify_all();
+  }
+}
+
+void FaceRegions::collect() {
+  std::vector<FaceBox> found;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!hasResult_) return;
+    found = std::move(result_);
+    hasResult_ = false;
+    busy_ = false;
+  }
+  tracker_.update(found);
+}
+
+void FaceRegions::settle() {
+  if (!settings_.background) return;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    idle_.wait(lock, [this] { return !busy_ || hasResult_; });
+  }
+  collect();
+}
+
+RegionMask FaceRegions::regionsFor(const FrameView& frame) {
+  const bool due = frames_ % settings_.every == 0;
+  ++frames_;
+  if (!seeded_ || !settings_.background) {
+    if (!seeded_ || due) {
+      settle();
+      tracker_.update(timedDetect(shrink(frame, settings_.detector.detectionWidth)));
+      seeded_ = true;
+    }
+    return regionsOf(tracker_.faces());
+  }
+  collect();
+  if (due) {
+    bool handOver = false;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      handOver = !busy_;
+    }
+    // Shrunk here, outside the lock: the worker keeps no pointer into the host's frame.
+    if (handOver) {
+      SmallGrey grey = shrink(frame, settings_.detector.detectionWidth);
+      {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        job_ = std::move(grey);
+        hasJob_ = true;
+        busy_ = true;
+      }
+      wake_.notify_one();
+    }
+  }
+  return regionsOf(tracker_.faces());
+}
+
+RegionMask FaceRegions::regionsFor(PixelBuffer& buffer) {
+  if (buffer.lockBaseAddress(kPixelBufferLockReadOnly) != kPixelBufferSuccess) return regionsOf(tracker_.faces());
+  FrameView view;
+  view.width = buffer.width();
+  view.height = buffer.height();
+  view.grey = pixelFormatIsYuv(buffer.pixelFormat());
+  view.data = static_cast<const uint8_t*>(view.grey ? buffer.baseAddressOfPlane(0) : buffer.baseAddress());
+  view.stride = view.grey ? buffer.bytesPerRowOfPlane(0) : buffer.bytesPerRow();
+  RegionMask regions = regionsFor(view);
+  buffer.unlockBaseAddress(kPixelBufferLockReadOnly);
+  return regions;
+}
+
+FaceRegions::Statistics FaceRegions::statistics() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  Statistics s;
+  s.detections = detections_;
+  s.meanMilliseconds = detections_ > 0 ? totalMilliseconds_ / static_cast<double>(detections_) : 0.0;
+  return s;
+}
+
+}  // namespace lumo::faces

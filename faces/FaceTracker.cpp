@@ -1,0 +1,83 @@
+#include "FaceTracker.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace lumo::faces {
+namespace {
+
+float overlap(const FaceBox& a, const FaceBox& b) {
+  const float w = std::min(a.x + a.width, b.x + b.width) - std::max(a.x, b.x);
+  const float h = std::min(a.y + a.height, b.y + b.height) - std::max(a.y, b.y);
+  if (w <= 0.0f || h <= 0.0f) return 0.0f;
+  const float shared = w * h;
+  return shared / (a.width * a.height + b.width * b.height - shared);
+}
+
+float centreDistance(const FaceBox& a, const FaceBox& b) {
+  return std::hypot(a.x + a.width / 2 - b.x - b.width / 2, a.y + a.height / 2 - b.y - b.height / 2);
+}
+
+}  // namespace
+
+void FaceTracker::update(const std::vector<FaceBox>& detections) {
+  std::vector<bool> matched(tracks_.size(), false);
+  std::vector<Track> born;
+  for (const FaceBox& detection : detections) {
+    // The nearest known face that is plausibly the same one: overlapping, or moved less than its size.
+    int best = -1;
+    float bestDistance = 0.0f;
+    for (size_t i = 0; i < tracks_.size(); ++i) {
+      if (matched[i]) continue;
+      const float distance = centreDistance(tracks_[i].box, detection);
+      const bool same = overlap(tracks_[i].box, detection) > 0.1f || distance < tracks_[i].box.width;
+      if (same && (best < 0 || distance < bestDistance)) {
+        best = static_cast<int>(i);
+        bestDistance = distance;
+      }
+    }
+    if (best < 0) {
+      born.push_back({detection, 0});
+      continue;
+    }
+    Track& track = tracks_[static_cast<size_t>(best)];
+    matched[static_cast<size_t>(best)] = true;
+    const float size = std::max(1.0f, track.box.width);
+    const float moved = std::max(bestDistance, std::fabs(detection.width - track.box.width)) / size;
+    const float weight = std::clamp(moved / settings_.followShare, settings_.jitterWeight, 1.0f);
+    track.box.x += weight * (detection.x - track.box.x);
+    track.box.y += weight * (detection.y - track.box.y);
+    track.box.width += weight * (detection.width - track.box.width);
+    track.box.height += weight * (detection.height - track.box.height);
+    track.misses = 0;
+  }
+  std::vector<Track> kept;
+  for (size_t i = 0; i < tracks_.size(); ++i) {
+    if (!matched[i] && ++tracks_[i].misses > settings_.keepMisses) continue;
+    kept.push_back(tracks_[i]);
+  }
+  kept.insert(kept.end(), born.begin(), born.end());
+  tracks_ = std::move(kept);
+}
+
+std::vector<FaceBox> FaceTracker::faces() const {
+  std::vector<FaceBox> boxes;
+  for (const Track& track : tracks_) boxes.push_back(track.box);
+  return boxes;
+}
+
+RegionMask regionsOf(const std::vector<FaceBox>& faces) {
+  std::vector<RegionEllipse> ellipses;
+  for (const FaceBox& face : faces) {
+    RegionEllipse e;
+    e.centerX = face.x + 0.5f * face.width;
+    e.centerY = face.y + 0.55f * face.height;
+    e.radiusX = 0.62f * face.width;
+    e.radiusY = 0.82f * face.height;
+    e.feather = 0.35f;
+    ellipses.push_back(e);
+  }
+  return RegionMask::inside(std::move(ellipses));
+}
+
+}  // namespace lumo::faces

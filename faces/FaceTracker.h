@@ -1,0 +1,44 @@
+#pragma once
+
+#include <vector>
+
+#include <lumo/RegionMask.h>
+
+#include "FaceDetector.h"
+
+namespace lumo::faces {
+
+struct TrackerSettings {
+  // A detection moves its face's box by this share of the way when it barely moved (jitter), and all the
+  // way once it moved by `followShare` of the face's size or more: still faces hold still, moving ones are
+  // followed at the next detection.
+  float jitterWeight = 0.3f;
+  float followShare = 0.15f;
+  // Detections in a row a face may be missed (turned away, a hand before it) before its region goes.
+  int keepMisses = 2;
+};
+
+// Faces carried from detection to detection: each detection is matched to the faces already known, which
+// move towards it; unmatched detections are new faces, faces unmatched for too long are dropped.
+class FaceTracker {
+ public:
+  explicit FaceTracker(TrackerSettings settings = {}) : settings_(settings) {}
+
+  void update(const std::vector<FaceBox>& detections);
+  void clear() { tracks_.clear(); }
+  std::vector<FaceBox> faces() const;
+
+ private:
+  struct Track {
+    FaceBox box;
+    int misses = 0;
+  };
+  TrackerSettings settings_;
+  std::vector<Track> tracks_;
+};
+
+// The soft ellipses the beautify passes act in for these faces: a detector's box spans brows to mouth, so
+// the ellipse is taller than the box and sits a little lower, taking in forehead, cheeks and chin.
+RegionMask regionsOf(const std::vector<FaceBox>& faces);
+
+}  // namespace lumo::faces
