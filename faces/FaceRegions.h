@@ -24,6 +24,18 @@ struct FaceRegionsSettings {
   // Streams: detections run on a worker thread and their faces apply to the frame in hand when they are
   // ready; the frame that hands one over keeps the faces it had. Off: each due frame waits for its own.
   bool background = true;
+
+  // Frames of a video: detections every third frame on a worker thread, faces carried between them.
+  static FaceRegionsSettings video() { return {}; }
+  // Unrelated pictures: every frame waits for its own detection, and nothing is carried from the last.
+  static FaceRegionsSettings photos() {
+    FaceRegionsSettings settings;
+    settings.every = 1;
+    settings.background = false;
+    settings.tracker.jitterWeight = 1.0f;
+    settings.tracker.keepMisses = 0;
+    return settings;
+  }
 };
 
 // What a host asks once a frame: the regions to hand the engine (BeautifyEngine::setRegionMask) for this

@@ -291,7 +291,7 @@ bool limitToFaces(GstLumoBeautify* element, const Settings& settings, lumo::Beau
   }
 #if LUMO_HAVE_FACES
   if (!state.faces) {
-    lumo::faces::FaceRegionsSettings faceSettings;
+    lumo::faces::FaceRegionsSettings faceSettings = lumo::faces::FaceRegionsSettings::video();
     faceSettings.detector.cascade = settings.faceCascade;
     std::string why;
     state.faces = lumo::faces::FaceRegions::create(faceSettings, &why);

@@ -17,10 +17,9 @@ struct FaceFinder::State {
 };
 
 std::unique_ptr<FaceFinder> FaceFinder::create(const std::string& cascade, bool stream, std::string* why) {
-  faces::FaceRegionsSettings settings;
+  faces::FaceRegionsSettings settings =
+      stream ? faces::FaceRegionsSettings::video() : faces::FaceRegionsSettings::photos();
   settings.detector.cascade = cascade;
-  settings.background = stream;
-  settings.every = stream ? 3 : 1;
   auto state = std::make_unique<State>();
   state->regions = faces::FaceRegions::create(settings, why);
   if (!state->regions) return nullptr;
