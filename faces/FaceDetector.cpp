@@ -28,24 +28,25 @@ SmallGrey shrink(const FrameView& frame, int detectionWidth) {
   if (frame.data == nullptr || frame.width <= 0 || frame.height <= 0) return small;
   const cv::Mat whole(frame.height, frame.width, frame.grey ? CV_8UC1 : CV_8UC4, const_cast<uint8_t*>(frame.data),
                       frame.stride);
-  const int width = std::max(1, std::min(frame.width, detectionWidth));
-  small.scale = static_cast<float>(frame.width) / static_cast<float>(width);
-  const int height = std::max(1, static_cast<int>(std::lround(static_cast<float>(frame.height) / small.scale)));
-  // Area averaging first, on the few pixels it leaves: the grey conversion then costs next to nothing.
-  cv::Mat reduced;
-  if (width == frame.width) {
-    reduced = whole;
-  } else {
-    cv::resize(whole, reduced, cv::Size(width, height), 0, 0, cv::INTER_AREA);
-  }
-  small.width = reduced.cols;
-  small.height = reduced.rows;
+  // A whole factor that leaves at least the wanted width: area averaging by a whole factor takes OpenCV's
+  // fast path (a fractional one costs several times as much on a rendering thread).
+  const int factor = std::max(1, frame.width / std::max(1, detectionWidth));
+  small.scale = static_cast<float>(factor);
+  small.width = std::max(1, frame.width / factor);
+  small.height = std::max(1, frame.height / factor);
   small.pixels.resize(static_cast<size_t>(small.width) * static_cast<size_t>(small.height));
   cv::Mat grey(small.height, small.width, CV_8UC1, small.pixels.data());
+  const cv::Rect used(0, 0, small.width * factor, small.height * factor);
+  cv::Mat fullGrey;
   if (frame.grey) {
-    reduced.copyTo(grey);
+    fullGrey = whole(used);
   } else {
-    cv::cvtColor(reduced, grey, cv::COLOR_BGRA2GRAY);
+    cv::cvtColor(whole(used), fullGrey, cv::COLOR_BGRA2GRAY);
+  }
+  if (factor == 1) {
+    fullGrey.copyTo(grey);
+  } else {
+    cv::resize(fullGrey, grey, grey.size(), 0, 0, cv::INTER_AREA);
   }
   return small;
 }
@@ -83,19 +84,39 @@ std::vector<FaceBox> FaceDetector::detect(const FrameView& frame) {
   return detect(shrink(frame, settings_.detectionWidth));
 }
 
-std::vector<FaceBox> FaceDetector::detect(const SmallGrey& grey) {
+std::vector<FaceBox> FaceDetector::detect(const SmallGrey& grey, const std::vector<FaceBox>& around) {
   std::vector<FaceBox> faces;
   if (grey.pixels.empty()) return faces;
   // No histogram equalisation: the cascade normalises every window by its own contrast, and a global
   // stretch driven by the background only moved small faces across the threshold.
   const cv::Mat image(grey.height, grey.width, CV_8UC1, const_cast<uint8_t*>(grey.pixels.data()));
-  std::vector<cv::Rect> found;
   const int minFace = std::max(1, settings_.minFace);
-  cascade_->classifier.detectMultiScale(image, found, settings_.scaleFactor, settings_.minNeighbors, 0,
-                                        cv::Size(minFace, minFace));
-  for (const cv::Rect& r : found) {
-    faces.push_back({static_cast<float>(r.x) * grey.scale, static_cast<float>(r.y) * grey.scale,
-                     static_cast<float>(r.width) * grey.scale, static_cast<float>(r.height) * grey.scale});
+  auto search = [&](const cv::Rect& area, cv::Size smallest, cv::Size largest) {
+    std::vector<cv::Rect> found;
+    cascade_->classifier.detectMultiScale(image(area), found, settings_.scaleFactor, settings_.minNeighbors, 0,
+                                          smallest, largest);
+    for (const cv::Rect& r : found) {
+      faces.push_back({static_cast<float>(r.x + area.x) * grey.scale, static_cast<float>(r.y + area.y) * grey.scale,
+                       static_cast<float>(r.width) * grey.scale, static_cast<float>(r.height) * grey.scale});
+    }
+  };
+  const cv::Rect all(0, 0, grey.width, grey.height);
+  if (around.empty()) {
+    search(all, cv::Size(minFace, minFace), cv::Size());
+  } else {
+    // Each known face: a window of four times its size (it may have moved one and a half times its width
+    // since), faces of 0.7 to 1.4 times it. A fraction of the frame and a few of the scales.
+    for (const FaceBox& face : around) {
+      const float size = std::max(face.width, face.height) / grey.scale;
+      const int x = static_cast<int>(std::lround(face.x / grey.scale - 1.5f * size));
+      const int y = static_cast<int>(std::lround(face.y / grey.scale - 1.5f * size));
+      const int side = static_cast<int>(std::lround(4.0f * size));
+      const cv::Rect area = cv::Rect(x, y, side, side) & all;
+      const int smallest = std::max(minFace, static_cast<int>(0.7f * size));
+      const int largest = static_cast<int>(std::ceil(1.4f * size));
+      if (area.width < smallest || area.height < smallest) continue;
+      search(area, cv::Size(smallest, smallest), cv::Size(largest, largest));
+    }
   }
   std::sort(faces.begin(), faces.end(),
             [](const FaceBox& a, const FaceBox& b) { return a.width * a.height > b.width * b.height; });

@@ -29,8 +29,9 @@ struct FrameView {
 struct DetectorSettings {
   // A cascade file of OpenCV's objdetect; empty: the frontal-face cascade Debian installs with opencv-data.
   std::string cascade;
-  // The grey frame is scaled down to at most this many pixels across (never up) before the search. With
-  // the smallest face below, a 1280-wide frame's faces are found from about 70 pixels across.
+  // The grey frame is scaled down by the largest whole factor that leaves at least this many pixels across
+  // (1280 to 426, 1920 to 480). With the smallest face below, a 1280-wide frame's faces are found from
+  // about 70 pixels across.
   int detectionWidth = 400;
   // The step between the search's scales and the overlapping hits a face needs. On the sample portrait,
   // mirrored, scaled and moved over busy backgrounds, 1.1 and 4 found every face with no false hit, where 3
@@ -66,9 +67,10 @@ class FaceDetector {
   FaceDetector(const FaceDetector&) = delete;
   FaceDetector& operator=(const FaceDetector&) = delete;
 
-  // Faces in frame pixels, largest first.
+  // Faces in frame pixels, largest first. Given faces `around`, only near them and at about their sizes:
+  // how a tracker confirms and follows the faces it has at a fraction of a full search's cost.
   std::vector<FaceBox> detect(const FrameView& frame);
-  std::vector<FaceBox> detect(const SmallGrey& grey);
+  std::vector<FaceBox> detect(const SmallGrey& grey, const std::vector<FaceBox>& around = {});
   const DetectorSettings& settings() const { return settings_; }
   const std::string& cascadePath() const { return path_; }
 

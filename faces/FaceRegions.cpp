@@ -25,9 +25,15 @@ FaceRegions::~FaceRegions() {
   if (worker_.joinable()) worker_.join();
 }
 
-std::vector<FaceBox> FaceRegions::timedDetect(const SmallGrey& grey) {
+std::vector<FaceBox> FaceRegions::nextSearch() {
+  const bool full = searches_ % std::max(1, settings_.fullSearchEvery) == 0 || tracker_.missedAny();
+  ++searches_;
+  return full ? std::vector<FaceBox>{} : tracker_.candidates();
+}
+
+std::vector<FaceBox> FaceRegions::timedDetect(const SmallGrey& grey, const std::vector<FaceBox>& around) {
   const auto begin = std::chrono::steady_clock::now();
-  std::vector<FaceBox> found = detector_->detect(grey);
+  std::vector<FaceBox> found = detector_->detect(grey, around);
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
   const std::lock_guard<std::mutex> lock(mutex_);
   ++detections_;
@@ -42,8 +48,9 @@ void FaceRegions::workerLoop() {
     if (stop_) return;
     hasJob_ = false;
     const SmallGrey grey = std::move(job_);
+    const std::vector<FaceBox> around = std::move(jobAround_);
     lock.unlock();
-    std::vector<FaceBox> found = timedDetect(grey);
+    std::vector<FaceBox> found = timedDetect(grey, around);
     lock.lock();
     result_ = std::move(found);
     hasResult_ = true;
@@ -78,7 +85,7 @@ RegionMask FaceRegions::regionsFor(const FrameView& frame) {
   if (!seeded_ || !settings_.background) {
     if (!seeded_ || due) {
       settle();
-      tracker_.update(timedDetect(shrink(frame, settings_.detector.detectionWidth)));
+      tracker_.update(timedDetect(shrink(frame, settings_.detector.detectionWidth), nextSearch()));
       seeded_ = true;
     }
     return regionsOf(tracker_.faces());
@@ -93,9 +100,11 @@ RegionMask FaceRegions::regionsFor(const FrameView& frame) {
     // Shrunk here, outside the lock: the worker keeps no pointer into the host's frame.
     if (handOver) {
       SmallGrey grey = shrink(frame, settings_.detector.detectionWidth);
+      std::vector<FaceBox> around = nextSearch();
       {
         const std::lock_guard<std::mutex> lock(mutex_);
         job_ = std::move(grey);
+        jobAround_ = std::move(around);
         hasJob_ = true;
         busy_ = true;
       }

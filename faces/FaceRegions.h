@@ -21,6 +21,10 @@ struct FaceRegionsSettings {
   TrackerSettings tracker;
   // A detection every this many frames (1: every frame).
   int every = 3;
+  // Between full searches of the frame, detections look only near the faces already known (at a fraction of
+  // the cost): one search in this many is full, and so is every one while no face is known or after one
+  // was missed. New faces appear at the next full search.
+  int fullSearchEvery = 4;
   // Streams: detections run on a worker thread and their faces apply to the frame in hand when they are
   // ready; the frame that hands one over keeps the faces it had. Off: each due frame waits for its own.
   bool background = true;
@@ -34,6 +38,8 @@ struct FaceRegionsSettings {
     settings.background = false;
     settings.tracker.jitterWeight = 1.0f;
     settings.tracker.keepMisses = 0;
+    settings.tracker.confirmHits = 1;
+    settings.fullSearchEvery = 1;
     return settings;
   }
 };
@@ -68,7 +74,9 @@ class FaceRegions {
   const std::string& cascadePath() const { return detector_->cascadePath(); }
 
  private:
-  std::vector<FaceBox> timedDetect(const SmallGrey& grey);
+  std::vector<FaceBox> timedDetect(const SmallGrey& grey, const std::vector<FaceBox>& around);
+  // The known faces to search near, or none for a full search.
+  std::vector<FaceBox> nextSearch();
   void workerLoop();
   // Applies a result the worker finished, if any.
   void collect();
@@ -77,6 +85,7 @@ class FaceRegions {
   std::unique_ptr<FaceDetector> detector_;
   FaceTracker tracker_;
   int64_t frames_ = 0;
+  int64_t searches_ = 0;
   bool seeded_ = false;
 
   mutable std::mutex mutex_;
@@ -87,6 +96,7 @@ class FaceRegions {
   bool hasResult_ = false;
   bool stop_ = false;
   SmallGrey job_;
+  std::vector<FaceBox> jobAround_;
   std::vector<FaceBox> result_;
   int64_t detections_ = 0;
   double totalMilliseconds_ = 0.0;

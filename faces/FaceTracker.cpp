@@ -37,7 +37,7 @@ void FaceTracker::update(const std::vector<FaceBox>& detections) {
       }
     }
     if (best < 0) {
-      born.push_back({detection, 0});
+      born.push_back({detection, 0, seeded_ ? 1 : settings_.confirmHits});
       continue;
     }
     Track& track = tracks_[static_cast<size_t>(best)];
@@ -50,6 +50,7 @@ void FaceTracker::update(const std::vector<FaceBox>& detections) {
     track.box.width += weight * (detection.width - track.box.width);
     track.box.height += weight * (detection.height - track.box.height);
     track.misses = 0;
+    ++track.hits;
   }
   std::vector<Track> kept;
   for (size_t i = 0; i < tracks_.size(); ++i) {
@@ -58,12 +59,25 @@ void FaceTracker::update(const std::vector<FaceBox>& detections) {
   }
   kept.insert(kept.end(), born.begin(), born.end());
   tracks_ = std::move(kept);
+  seeded_ = true;
 }
 
 std::vector<FaceBox> FaceTracker::faces() const {
   std::vector<FaceBox> boxes;
+  for (const Track& track : tracks_) {
+    if (track.hits >= settings_.confirmHits) boxes.push_back(track.box);
+  }
+  return boxes;
+}
+
+std::vector<FaceBox> FaceTracker::candidates() const {
+  std::vector<FaceBox> boxes;
   for (const Track& track : tracks_) boxes.push_back(track.box);
   return boxes;
+}
+
+bool FaceTracker::missedAny() const {
+  return std::any_of(tracks_.begin(), tracks_.end(), [](const Track& track) { return track.misses > 0; });
 }
 
 RegionMask regionsOf(const std::vector<FaceBox>& faces) {

@@ -16,6 +16,9 @@ struct TrackerSettings {
   float followShare = 0.15f;
   // Detections in a row a face may be missed (turned away, a hand before it) before its region goes.
   int keepMisses = 2;
+  // Detections that must find a new face before it counts, so that a false hit seen once never shows. The
+  // faces of the very first detection count at once: a photo, or a stream's first frame, has no second.
+  int confirmHits = 2;
 };
 
 // Faces carried from detection to detection: each detection is matched to the faces already known, which
@@ -25,15 +28,25 @@ class FaceTracker {
   explicit FaceTracker(TrackerSettings settings = {}) : settings_(settings) {}
 
   void update(const std::vector<FaceBox>& detections);
-  void clear() { tracks_.clear(); }
+  void clear() {
+    tracks_.clear();
+    seeded_ = false;
+  }
+  // The faces that count.
   std::vector<FaceBox> faces() const;
+  // Every face followed, those still waiting for confirmation too: where the next search should look.
+  std::vector<FaceBox> candidates() const;
+  // Whether the last detection missed a face it followed (the next search had better look everywhere).
+  bool missedAny() const;
 
  private:
   struct Track {
     FaceBox box;
     int misses = 0;
+    int hits = 1;
   };
   TrackerSettings settings_;
+  bool seeded_ = false;
   std::vector<Track> tracks_;
 };
 
