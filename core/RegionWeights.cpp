@@ -31,6 +31,8 @@ bool RegionWeights::update(const RegionMask& mask, int width, int height) {
   height_ = height;
   firstRow_ = height;
   endRow_ = 0;
+  firstColumn_ = width;
+  endColumn_ = 0;
   if (!limited_) {
     words_.clear();
     words_.shrink_to_fit();
@@ -38,7 +40,7 @@ bool RegionWeights::update(const RegionMask& mask, int width, int height) {
   }
   words_.assign(static_cast<size_t>(width) * static_cast<size_t>(height), 0u);
   for (const RegionEllipse& ellipse : mask.ellipses) draw(ellipse);
-  if (firstRow_ >= endRow_) firstRow_ = endRow_ = 0;
+  if (firstRow_ >= endRow_) firstRow_ = endRow_ = firstColumn_ = endColumn_ = 0;
   return true;
 }
 
@@ -63,6 +65,8 @@ void RegionWeights::draw(const RegionEllipse& e) {
       const auto level = static_cast<uint32_t>(std::lround(t * t * (3.0f - 2.0f * t) * 255.0f));
       if (level == 0) continue;
       row[x] = std::max(row[x], level * 0x01010101u);
+      firstColumn_ = std::min(firstColumn_, x);
+      endColumn_ = std::max(endColumn_, x + 1);
       any = true;
     }
     if (any) {

@@ -16,9 +16,12 @@ class RegionWeights {
   bool update(const RegionMask& mask, int width, int height);
 
   bool limited() const { return limited_; }
-  // Rows [firstRow, endRow) hold every nonzero weight; empty when the region covers nothing.
+  // Rows [firstRow, endRow) and columns [firstColumn, endColumn) hold every nonzero weight; empty when
+  // the region covers nothing.
   int firstRow() const { return firstRow_; }
   int endRow() const { return endRow_; }
+  int firstColumn() const { return firstColumn_; }
+  int endColumn() const { return endColumn_; }
   bool empty() const { return limited_ && firstRow_ >= endRow_; }
   const uint32_t* data() const { return words_.data(); }
   int width() const { return width_; }
@@ -33,6 +36,8 @@ class RegionWeights {
   int height_ = 0;
   int firstRow_ = 0;
   int endRow_ = 0;
+  int firstColumn_ = 0;
+  int endColumn_ = 0;
   std::vector<uint32_t> words_;
 };
 

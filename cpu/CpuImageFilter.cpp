@@ -33,12 +33,21 @@ void detailBlurTaps(cpu::Tap taps[3]) {
   taps[2] = {-1, 0.0f, weights[1]};
 }
 
-// body(worker, y0, y1) over bands of `rows`.
+// body(worker, y0, y1) over bands of the window's rows.
 template <typename Body>
-void parallelRows(cpu::ThreadPool& pool, CpuRows rows, const Body& body) {
-  if (rows.end <= rows.begin) return;
-  pool.parallelFor(rows.end - rows.begin,
-                   [&](int worker, int y0, int y1) { body(worker, rows.begin + y0, rows.begin + y1); });
+void parallelRows(cpu::ThreadPool& pool, CpuWindow window, const Body& body) {
+  if (window.y1 <= window.y0 || window.x1 <= window.x0) return;
+  pool.parallelFor(window.y1 - window.y0,
+                   [&](int worker, int y0, int y1) { body(worker, window.y0 + y0, window.y0 + y1); });
+}
+
+// The window's columns of an image, every row kept: a kernel on it clamps its horizontal taps at the
+// window's sides, so its outputs are the frame's ones only a tap's reach inside them.
+cpu::ConstImage columnsOf(const cpu::ConstImage& image, CpuWindow window) {
+  return {image.data + 4 * static_cast<size_t>(window.x0), image.stride, window.x1 - window.x0, image.height};
+}
+cpu::Image columnsOf(const cpu::Image& image, CpuWindow window) {
+  return {image.data + 4 * static_cast<size_t>(window.x0), image.stride, window.x1 - window.x0, image.height};
 }
 
 void copyPreset(bool inForce, const PresetValues& preset, bool* flag, float matrix[4][4], float offset[4]) {
@@ -284,13 +293,15 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   }
 }
 
-CpuRows CpuImageFilter::regionRows(int margin) const {
-  if (!region_->limited()) return {0, height_};
-  return {std::max(0, region_->firstRow() - margin), std::min(height_, region_->endRow() + margin)};
+CpuWindow CpuImageFilter::regionWindow(int margin) const {
+  if (!region_->limited()) return {0, width_, 0, height_};
+  return {std::max(0, region_->firstColumn() - margin), std::min(width_, region_->endColumn() + margin),
+          std::max(0, region_->firstRow() - margin), std::min(height_, region_->endRow() + margin)};
 }
 
-// Each stage computes the rows the next one reads: the region's rows for the tail, widened by the reach of
-// every vertical tap on the way back. Rows outside are never read, so they are not computed.
+// Each stage computes the rectangle the next one reads correctly: the region's for the tail, widened by the
+// reach of every tap on the way back (both passes of a pair reach as far). Pixels outside are never read,
+// so they are not computed.
 cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::ConstImage& input,
                                               const Conversion* conversion) {
   const size_t tight = static_cast<size_t>(width_) * 4;
@@ -298,20 +309,21 @@ cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
   const int detailReach = plan.detailLayer ? static_cast<int>(FramePlan::kDetailBlurRadius) : 0;
   const int bilateralReach = plan.polish ? scratch_->pad : 0;
-  const CpuRows skinRows = regionRows(detailReach + bilateralReach);
-  const cpu::SkinJob skinJob{input, a};
-  parallelRows(*pool_, skinRows, [&](int worker, int y0, int y1) {
+  const CpuWindow skin = regionWindow(detailReach + bilateralReach);
+  const cpu::SkinJob skinJob{columnsOf(input, skin), columnsOf(a, skin)};
+  parallelRows(*pool_, skin, [&](int worker, int y0, int y1) {
     importBand(conversion, worker, y0, y1);
     cpu::skinDetectRows(skinJob, y0, y1);
   });
-  if (plan.polish) runBilateral(a, b, skinRows, regionRows(detailReach));
+  if (plan.polish) runBilateral(a, b, skin, regionWindow(detailReach));
   if (!plan.detailLayer) return a;
-  runDetailLayer(input, a, b, regionRows(0));
+  runDetailLayer(input, a, b, regionWindow(0));
   return b;
 }
 
 // Skin in `a`, smoothed back into `a` through `b`.
-void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuRows horizontal, CpuRows vertical) {
+void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuWindow horizontal,
+                                  CpuWindow vertical) {
   const float step = scratch_->step;
   cpu::BilateralJob job{};
   job.factor = polish_color_distance_factor_.load(std::memory_order_relaxed);
@@ -331,35 +343,37 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuR
   for (int i = 0; i < 8; ++i) {
     job.taps[i] = tapAt(static_cast<float>(FramePlan::kBilateralOffsets[i]) * step, FramePlan::kBilateralWeights[i]);
   }
-  job.in = a;
-  job.out = b;
+  job.in = columnsOf(a, horizontal);
+  job.out = columnsOf(b, horizontal);
   job.vertical = false;
   parallelRows(*pool_, horizontal, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
-  job.in = b;
-  job.out = a;
+  job.in = columnsOf(b, vertical);
+  job.out = columnsOf(a, vertical);
   job.vertical = true;
   parallelRows(*pool_, vertical, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
 }
 
-// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b` (rows `blurred`); the
+// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b` (the window `blurred`); the
 // tail adds it back doubled.
 void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b,
-                                    CpuRows blurred) {
+                                    CpuWindow blurred) {
   const int reach = static_cast<int>(FramePlan::kDetailBlurRadius);
-  const CpuRows wide{std::max(0, blurred.begin - reach), std::min(height_, blurred.end + reach)};
-  const cpu::OverlayJob highPass{input, a, b, -1.0f, 1.0f, FramePlan::kHighPassOffset};
+  const CpuWindow wide{std::max(0, blurred.x0 - reach), std::min(width_, blurred.x1 + reach),
+                       std::max(0, blurred.y0 - reach), std::min(height_, blurred.y1 + reach)};
+  const cpu::OverlayJob highPass{columnsOf(input, wide), columnsOf(a, wide), columnsOf(b, wide), -1.0f, 1.0f,
+                                 FramePlan::kHighPassOffset};
   parallelRows(*pool_, wide, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
   cpu::GaussianJob blur{};
   std::copy(std::begin(scratch_->blurTaps), std::end(scratch_->blurTaps), blur.taps);
   blur.tapCount = 3;
   blur.rowScratch = scratch_->rows.data();
   blur.pad = scratch_->pad;
-  blur.in = b;
-  blur.out = a;
+  blur.in = columnsOf(b, wide);
+  blur.out = columnsOf(a, wide);
   blur.vertical = false;
   parallelRows(*pool_, wide, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
-  blur.in = a;
-  blur.out = b;
+  blur.in = columnsOf(a, blurred);
+  blur.out = columnsOf(b, blurred);
   blur.vertical = true;
   parallelRows(*pool_, blurred, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
 }

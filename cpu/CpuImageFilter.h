@@ -21,10 +21,12 @@ struct Image;
 }  // namespace cpu
 struct FramePlan;
 
-// Rows [begin, end) of a frame.
-struct CpuRows {
-  int begin;
-  int end;
+// Columns [x0, x1) and rows [y0, y1) of a frame.
+struct CpuWindow {
+  int x0;
+  int x1;
+  int y0;
+  int y1;
 };
 
 // The beautify pass graph on the CPU: the same host interface, settings and deferred application as the GL
@@ -67,10 +69,10 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   // The skin-gated stages before the fused tail; returns the layer the tail reads (smoothed skin, or the
   // blurred detail layer). The first of them converts the input when `conversion` is given.
   cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input, const Conversion* conversion);
-  void runBilateral(const cpu::Image& a, const cpu::Image& b, CpuRows horizontal, CpuRows vertical);
-  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b, CpuRows blurred);
-  // The rows the region weighs, `margin` more on each side (all rows without a region).
-  CpuRows regionRows(int margin) const;
+  void runBilateral(const cpu::Image& a, const cpu::Image& b, CpuWindow horizontal, CpuWindow vertical);
+  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b, CpuWindow blurred);
+  // The rectangle the region weighs, `margin` more on each side (the whole frame without a region).
+  CpuWindow regionWindow(int margin) const;
 
   std::unique_ptr<cpu::ThreadPool> pool_;
   std::unique_ptr<Scratch> scratch_;

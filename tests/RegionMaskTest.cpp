@@ -61,17 +61,24 @@ bool samePixel(const Frame& a, const Frame& b, int x, int y) {
   return true;
 }
 
-// `margin` keeps a sharpen pass's neighbours on the same side of the edge.
-Split split(const Frame& limited, const Frame& usual, const Frame& withoutSkin, const RegionEllipse& e,
+// `margin` keeps a sharpen pass's neighbours on the same side of the edge. Outside means outside every
+// ellipse; inside, inside the solid part of one.
+Split split(const Frame& limited, const Frame& usual, const Frame& withoutSkin, const std::vector<RegionEllipse>& es,
             float margin) {
   Split s;
   for (int y = 0; y < limited.height; ++y) {
     for (int x = 0; x < limited.width; ++x) {
-      const float d = distanceTo(e, x, y);
-      if (d >= 1.0f + margin) {
+      bool outside = true;
+      bool inside = false;
+      for (const RegionEllipse& e : es) {
+        const float d = distanceTo(e, x, y);
+        outside = outside && d >= 1.0f + margin;
+        inside = inside || d <= (1.0f - e.feather) - margin;
+      }
+      if (outside) {
         ++s.outside;
         s.outsideDiffer += samePixel(limited, withoutSkin, x, y) ? 0 : 1;
-      } else if (d <= (1.0f - e.feather) - margin) {
+      } else if (inside) {
         ++s.inside;
         s.insideDiffer += samePixel(limited, usual, x, y) ? 0 : 1;
         s.insideChanged += samePixel(limited, withoutSkin, x, y) ? 0 : 1;
@@ -88,18 +95,50 @@ TEST_P(RegionMaskTest, OutsideIsTheFrameWithoutSkinPassesInsideTheUsualPicture) 
     float sharpen;
     float margin;
   };
+  // The face; one across the top-left corner (the frame's clamping inside the region's window); two apart.
+  const std::vector<std::vector<RegionEllipse>> regions = {
+      {kFace}, {RegionEllipse{30.0f, 40.0f, 70.0f, 90.0f, 0.3f}},
+      {kFace, RegionEllipse{400.0f, 420.0f, 50.0f, 40.0f, 0.5f}}};
   for (const Case c : {Case{BeautifySettings::kDefaultMask, 0.0f, 0.0f}, Case{15, 0.5f, 0.03f},
                        Case{kSkinBits, 0.0f, 0.0f}, Case{BeautifyPolish, 0.0f, 0.0f}}) {
     SCOPED_TRACE("mask " + std::to_string(c.mask));
-    const Frame limited = once(portrait, c.mask, c.sharpen, RegionMask::inside({kFace}));
     const Frame usual = once(portrait, c.mask, c.sharpen, RegionMask::whole());
     const Frame withoutSkin = once(portrait, c.mask & ~kSkinBits, c.sharpen, RegionMask::whole());
-    const Split s = split(limited, usual, withoutSkin, kFace, c.margin);
-    EXPECT_GT(s.outside, 200000);
-    EXPECT_GT(s.inside, 5000);
-    EXPECT_EQ(s.outsideDiffer, 0);
-    EXPECT_EQ(s.insideDiffer, 0);
-    EXPECT_GT(s.insideChanged, s.inside / 2);
+    for (size_t r = 0; r < regions.size(); ++r) {
+      SCOPED_TRACE("region " + std::to_string(r));
+      const Frame limited = once(portrait, c.mask, c.sharpen, RegionMask::inside(regions[r]));
+      const Split s = split(limited, usual, withoutSkin, regions[r], c.margin);
+      EXPECT_GT(s.outside, 150000);
+      EXPECT_GT(s.inside, 2000);
+      EXPECT_EQ(s.outsideDiffer, 0);
+      EXPECT_EQ(s.insideDiffer, 0);
+      EXPECT_GT(s.insideChanged, s.inside / 3);
+    }
+  }
+}
+
+// The same ellipse alone, and with two specks in opposite corners that stretch the region's bounding
+// rectangle over the whole frame: every pixel the ellipse weighs, its soft edge included, comes out the
+// same, so the work skipped outside the rectangle changed nothing.
+TEST_P(RegionMaskTest, SkippedWorkChangesNothingInside) {
+  const Frame portrait = loadSample();
+  const RegionEllipse speckA{1.0f, 1.0f, 2.0f, 2.0f, 0.5f};
+  const RegionEllipse speckB{511.0f, 511.0f, 2.0f, 2.0f, 0.5f};
+  for (const int mask : {BeautifySettings::kDefaultMask, 15, static_cast<int>(BeautifySkinWhiten)}) {
+    SCOPED_TRACE("mask " + std::to_string(mask));
+    const Frame alone = once(portrait, mask, 0.5f, RegionMask::inside({kFace}));
+    const Frame stretched = once(portrait, mask, 0.5f, RegionMask::inside({kFace, speckA, speckB}));
+    int weighed = 0;
+    int differ = 0;
+    for (int y = 0; y < portrait.height; ++y) {
+      for (int x = 0; x < portrait.width; ++x) {
+        if (distanceTo(kFace, x, y) >= 1.0f) continue;
+        ++weighed;
+        differ += samePixel(alone, stretched, x, y) ? 0 : 1;
+      }
+    }
+    EXPECT_GT(weighed, 10000);
+    EXPECT_EQ(differ, 0);
   }
 }
 
@@ -164,7 +203,7 @@ TEST_P(RegionMaskTest, ChangesApplyAtTheNextFrame) {
   EXPECT_EQ(run(*e, portrait).bgra, usual.bgra);
   e->setRegionMask(RegionMask::inside({kFace}));
   EXPECT_TRUE(e->regionMask().ellipses.size() == 1 && !e->regionMask().wholeFrame);
-  const Split s = split(run(*e, portrait), usual, withoutSkin, kFace, 0.0f);
+  const Split s = split(run(*e, portrait), usual, withoutSkin, {kFace}, 0.0f);
   EXPECT_EQ(s.outsideDiffer, 0);
   EXPECT_EQ(s.insideDiffer, 0);
 
@@ -175,7 +214,7 @@ TEST_P(RegionMaskTest, ChangesApplyAtTheNextFrame) {
   });
   const Frame smallLimited = run(*e, small);
   const Split t = split(smallLimited, once(small, mask, 0.0f, RegionMask::whole()),
-                        once(small, mask & ~kSkinBits, 0.0f, RegionMask::whole()), kFace, 0.0f);
+                        once(small, mask & ~kSkinBits, 0.0f, RegionMask::whole()), {kFace}, 0.0f);
   EXPECT_EQ(t.outsideDiffer, 0);
   EXPECT_EQ(t.insideDiffer, 0);
   EXPECT_GT(t.insideChanged, t.inside / 2);
