@@ -28,7 +28,7 @@ FaceRegions::~FaceRegions() {
 std::vector<FaceBox> FaceRegions::nextSearch() {
   const bool full = searches_ % std::max(1, settings_.fullSearchEvery) == 0 || tracker_.missedAny();
   ++searches_;
-  return full ? std::vector<FaceBox>{} : tracker_.candidates();
+  return full ? std::vector<FaceBox>{} : tracker_.candidates(frames_);
 }
 
 std::vector<FaceBox> FaceRegions::timedDetect(const SmallGrey& grey, const std::vector<FaceBox>& around) {
@@ -60,14 +60,16 @@ void FaceRegions::workerLoop() {
 
 void FaceRegions::collect() {
   std::vector<FaceBox> found;
+  int64_t frame = 0;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!hasResult_) return;
     found = std::move(result_);
+    frame = jobFrame_;
     hasResult_ = false;
     busy_ = false;
   }
-  tracker_.update(found);
+  tracker_.update(found, frame);
 }
 
 void FaceRegions::settle() {
@@ -80,18 +82,30 @@ void FaceRegions::settle() {
 }
 
 RegionMask FaceRegions::regionsFor(const FrameView& frame) {
+  // frames_ is this frame's number until the end of the call.
   const bool due = frames_ % settings_.every == 0;
-  ++frames_;
+  const int64_t now = frames_;
+  struct Advance {
+    int64_t& frames;
+    ~Advance() { ++frames; }
+  } advance{frames_};
   if (!seeded_ || !settings_.background) {
     if (!seeded_ || due) {
       settle();
-      tracker_.update(timedDetect(shrink(frame, settings_.detector.detectionWidth), nextSearch()));
+      tracker_.update(timedDetect(shrink(frame, settings_.detector.detectionWidth), nextSearch()), now);
       seeded_ = true;
     }
-    return regionsOf(tracker_.faces());
+    return regionsOf(tracker_.faces(now));
   }
   collect();
   if (due) {
+    bool late = false;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      late = busy_ && now - jobFrame_ >= settings_.maxLag;
+    }
+    // Frames faster than the detections (a file, not a camera): wait rather than fall further behind.
+    if (late) settle();
     bool handOver = false;
     {
       const std::lock_guard<std::mutex> lock(mutex_);
@@ -105,13 +119,14 @@ RegionMask FaceRegions::regionsFor(const FrameView& frame) {
         const std::lock_guard<std::mutex> lock(mutex_);
         job_ = std::move(grey);
         jobAround_ = std::move(around);
+        jobFrame_ = now;
         hasJob_ = true;
         busy_ = true;
       }
       wake_.notify_one();
     }
   }
-  return regionsOf(tracker_.faces());
+  return regionsOf(tracker_.faces(now));
 }
 
 RegionMask FaceRegions::regionsFor(PixelBuffer& buffer) {

@@ -28,6 +28,10 @@ struct FaceRegionsSettings {
   // Streams: detections run on a worker thread and their faces apply to the frame in hand when they are
   // ready; the frame that hands one over keeps the faces it had. Off: each due frame waits for its own.
   bool background = true;
+  // A due frame whose detection in flight was handed over this many frames ago or more waits for it: the
+  // regions never fall further behind than this when frames come faster than detections (a file rather
+  // than a camera). A camera's frames at 30 a second leave a detection 200 ms.
+  int maxLag = 6;
 
   // Frames of a video: detections every third frame on a worker thread, faces carried between them.
   static FaceRegionsSettings video() { return {}; }
@@ -97,6 +101,7 @@ class FaceRegions {
   bool stop_ = false;
   SmallGrey job_;
   std::vector<FaceBox> jobAround_;
+  int64_t jobFrame_ = 0;  // the frame the job was shrunk from
   std::vector<FaceBox> result_;
   int64_t detections_ = 0;
   double totalMilliseconds_ = 0.0;

@@ -20,7 +20,15 @@ float centreDistance(const FaceBox& a, const FaceBox& b) {
 
 }  // namespace
 
-void FaceTracker::update(const std::vector<FaceBox>& detections) {
+FaceBox FaceTracker::at(const Track& track, int64_t frame) const {
+  const auto ahead = static_cast<float>(std::clamp<int64_t>(frame - track.seen, 0, settings_.predictFrames));
+  FaceBox box = track.box;
+  box.x += track.vx * ahead;
+  box.y += track.vy * ahead;
+  return box;
+}
+
+void FaceTracker::update(const std::vector<FaceBox>& detections, int64_t frame) {
   std::vector<bool> matched(tracks_.size(), false);
   std::vector<Track> born;
   for (const FaceBox& detection : detections) {
@@ -29,26 +37,45 @@ void FaceTracker::update(const std::vector<FaceBox>& detections) {
     float bestDistance = 0.0f;
     for (size_t i = 0; i < tracks_.size(); ++i) {
       if (matched[i]) continue;
-      const float distance = centreDistance(tracks_[i].box, detection);
-      const bool same = overlap(tracks_[i].box, detection) > 0.1f || distance < tracks_[i].box.width;
+      const FaceBox expected = at(tracks_[i], frame);
+      const float distance = centreDistance(expected, detection);
+      const bool same = overlap(expected, detection) > 0.1f || distance < expected.width;
       if (same && (best < 0 || distance < bestDistance)) {
         best = static_cast<int>(i);
         bestDistance = distance;
       }
     }
     if (best < 0) {
-      born.push_back({detection, 0, seeded_ ? 1 : settings_.confirmHits});
+      Track track;
+      track.box = detection;
+      track.hits = seeded_ ? 1 : settings_.confirmHits;
+      track.seen = frame;
+      born.push_back(track);
       continue;
     }
     Track& track = tracks_[static_cast<size_t>(best)];
     matched[static_cast<size_t>(best)] = true;
-    const float size = std::max(1.0f, track.box.width);
-    const float moved = std::max(bestDistance, std::fabs(detection.width - track.box.width)) / size;
+    const FaceBox expected = at(track, frame);
+    const float size = std::max(1.0f, expected.width);
+    const float moved = std::max(bestDistance, std::fabs(detection.width - expected.width)) / size;
     const float weight = std::clamp(moved / settings_.followShare, settings_.jitterWeight, 1.0f);
-    track.box.x += weight * (detection.x - track.box.x);
-    track.box.y += weight * (detection.y - track.box.y);
-    track.box.width += weight * (detection.width - track.box.width);
-    track.box.height += weight * (detection.height - track.box.height);
+    FaceBox box = expected;
+    box.x += weight * (detection.x - expected.x);
+    box.y += weight * (detection.y - expected.y);
+    box.width += weight * (detection.width - expected.width);
+    box.height += weight * (detection.height - expected.height);
+    if (frame > track.seen) {
+      // The speed since the last detection; below 2 % of the face's size a frame it is the jitter the box
+      // smoothing leaves, and a still face must hold still.
+      const auto frames = static_cast<float>(frame - track.seen);
+      const float measuredX = (box.x + box.width / 2 - track.box.x - track.box.width / 2) / frames;
+      const float measuredY = (box.y + box.height / 2 - track.box.y - track.box.height / 2) / frames;
+      const bool moving = std::hypot(measuredX, measuredY) >= 0.02f * size;
+      track.vx = moving ? measuredX : 0.0f;
+      track.vy = moving ? measuredY : 0.0f;
+    }
+    track.box = box;
+    track.seen = frame;
     track.misses = 0;
     ++track.hits;
   }
@@ -60,19 +87,20 @@ void FaceTracker::update(const std::vector<FaceBox>& detections) {
   kept.insert(kept.end(), born.begin(), born.end());
   tracks_ = std::move(kept);
   seeded_ = true;
+  lastFrame_ = std::max(lastFrame_, frame);
 }
 
-std::vector<FaceBox> FaceTracker::faces() const {
+std::vector<FaceBox> FaceTracker::faces(int64_t frame) const {
   std::vector<FaceBox> boxes;
   for (const Track& track : tracks_) {
-    if (track.hits >= settings_.confirmHits) boxes.push_back(track.box);
+    if (track.hits >= settings_.confirmHits) boxes.push_back(at(track, frame));
   }
   return boxes;
 }
 
-std::vector<FaceBox> FaceTracker::candidates() const {
+std::vector<FaceBox> FaceTracker::candidates(int64_t frame) const {
   std::vector<FaceBox> boxes;
-  for (const Track& track : tracks_) boxes.push_back(track.box);
+  for (const Track& track : tracks_) boxes.push_back(at(track, frame));
   return boxes;
 }
 

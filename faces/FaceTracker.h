@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include <lumo/RegionMask.h>
@@ -19,34 +20,46 @@ struct TrackerSettings {
   // Detections that must find a new face before it counts, so that a false hit seen once never shows. The
   // faces of the very first detection count at once: a photo, or a stream's first frame, has no second.
   int confirmHits = 2;
+  // A face's motion, measured between its detections, carries its region on between them, for at most
+  // this many frames (so that a face that stops is overshot briefly and by little).
+  int predictFrames = 6;
 };
 
-// Faces carried from detection to detection: each detection is matched to the faces already known, which
-// move towards it; unmatched detections are new faces, faces unmatched for too long are dropped.
+// Faces carried from detection to detection: each detection (of frame `frame`) is matched to the faces
+// already known, where their motion puts them by then, and they move towards it; unmatched detections are
+// new faces, faces unmatched for too long are dropped. Between detections a face moves on at its measured
+// speed, so that a region keeps up with a moving face while the detections lag behind the frames.
 class FaceTracker {
  public:
   explicit FaceTracker(TrackerSettings settings = {}) : settings_(settings) {}
 
-  void update(const std::vector<FaceBox>& detections);
+  void update(const std::vector<FaceBox>& detections, int64_t frame = 0);
   void clear() {
     tracks_.clear();
     seeded_ = false;
   }
-  // The faces that count.
-  std::vector<FaceBox> faces() const;
-  // Every face followed, those still waiting for confirmation too: where the next search should look.
-  std::vector<FaceBox> candidates() const;
+  // The faces that count, where they are at `frame`.
+  std::vector<FaceBox> faces(int64_t frame) const;
+  std::vector<FaceBox> faces() const { return faces(lastFrame_); }
+  // Every face followed, those still waiting for confirmation too, at `frame`: where a search should look.
+  std::vector<FaceBox> candidates(int64_t frame) const;
   // Whether the last detection missed a face it followed (the next search had better look everywhere).
   bool missedAny() const;
 
  private:
   struct Track {
-    FaceBox box;
+    FaceBox box;  // at frame `seen`
     int misses = 0;
     int hits = 1;
+    int64_t seen = 0;
+    float vx = 0.0f;  // pixels a frame
+    float vy = 0.0f;
   };
+  FaceBox at(const Track& track, int64_t frame) const;
+
   TrackerSettings settings_;
   bool seeded_ = false;
+  int64_t lastFrame_ = 0;
   std::vector<Track> tracks_;
 };
 
