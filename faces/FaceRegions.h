@@ -28,10 +28,11 @@ struct FaceRegionsSettings {
   // Streams: detections run on a worker thread and their faces apply to the frame in hand when they are
   // ready; the frame that hands one over keeps the faces it had. Off: each due frame waits for its own.
   bool background = true;
-  // A due frame whose detection in flight was handed over this many frames ago or more waits for it: the
-  // regions never fall further behind than this when frames come faster than detections (a file rather
-  // than a camera). A camera's frames at 30 a second leave a detection 200 ms.
-  int maxLag = 6;
+  // A due frame whose detection in flight was handed over this many frames ago or more waits for it, so
+  // that detections are never more than this and `every` frames behind (within the tracker's prediction)
+  // when frames come faster than detections (a file rather than a camera). A camera's frames at 30 a
+  // second leave a detection 100 ms before any wait.
+  int maxLag = 3;
 
   // Frames of a video: detections every third frame on a worker thread, faces carried between them.
   static FaceRegionsSettings video() { return {}; }

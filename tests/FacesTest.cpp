@@ -188,6 +188,23 @@ TEST(FaceRegions, BackgroundDetectionCarriesTheRegion) {
   EXPECT_GT(regions->statistics().meanMilliseconds, 0.0);
 }
 
+// Frames as fast as a file gives them, detections on the worker thread: once the face's speed is known
+// (two detections), its region keeps within two frames' movement of it, one region a frame.
+TEST(FaceRegions, KeepsUpWithAFileAtFullSpeed) {
+  const Frame portrait = loadSample();
+  std::string why;
+  std::unique_ptr<faces::FaceRegions> regions = faces::FaceRegions::create(faces::FaceRegionsSettings::video(), &why);
+  ASSERT_NE(regions, nullptr) << why;
+  std::vector<Frame> frames;
+  for (int frame = 0; frame < 40; ++frame) frames.push_back(placed(portrait, 0.6f, 640, 400, 20 + 6 * frame, 40));
+  for (int frame = 0; frame < 40; ++frame) {
+    const RegionMask mask = regions->regionsFor(viewOf(frames[static_cast<size_t>(frame)]));
+    ASSERT_EQ(mask.ellipses.size(), 1u) << "frame " << frame;
+    if (frame < 6) continue;
+    EXPECT_LE(std::fabs(mask.ellipses[0].centerX - (20 + 6 * frame + 0.6f * kFaceX)), 2 * 6 + 8) << "frame " << frame;
+  }
+}
+
 // The detector's regions through both engines, with the skin-gated passes only.
 class FacesThroughEngines : public ::testing::TestWithParam<EngineKind> {};
 
