@@ -225,14 +225,11 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   if (scratch_->rows.size() < scratch_->rowLength * workers) scratch_->rows.assign(scratch_->rowLength * workers, 0);
 
   // The input's conversion runs in the first stage's bands when that stage reads only its own rows; a
-  // sharpen pass alone reads its neighbours' rows, so it gets the converted frame first.
-  if (conversion != nullptr && !plan.skinDetect && !plan.whiten && !(!plan.sharpen && plan.preset)) {
-    pool_->parallelFor(height_, [&](int worker, int y0, int y1) { importBand(conversion, worker, y0, y1); });
-    conversion = nullptr;
-  }
+  // sharpen pass alone reads its neighbours' rows, and skin stages limited to a region skip rows, so those
+  // get the converted frame first. The last stage converts back either way.
   const Conversion* importing = conversion;
-  // The skin stages skip the rows no region reaches, so the whole input is converted before them.
-  if (importing != nullptr && plan.skinDetect && region_->limited()) {
+  const bool sharpenFirst = !plan.skinDetect && !plan.whiten && !(!plan.sharpen && plan.preset);
+  if (importing != nullptr && (sharpenFirst || (plan.skinDetect && region_->limited()))) {
     pool_->parallelFor(height_, [&](int worker, int y0, int y1) { importBand(importing, worker, y0, y1); });
     importing = nullptr;
   }
