@@ -4,6 +4,8 @@
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "GlDebug.h"
@@ -423,6 +425,19 @@ const Texture* LumoImageFilter::runPasses(const FramePlan& plan, const Texture* 
 const Texture* LumoImageFilter::runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1,
                                               const Texture* t2, const Texture* region) {
   auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
+  // With a region, the passes up to pink whiten draw only around it: the region's rectangle widened by the
+  // reach of every tap on the way (both bilateral passes, both Gaussian passes). What they leave outside is
+  // weighed 0 by the region pass, which draws the whole frame again, as the blend does.
+  if (region != nullptr) {
+    const int reach = 2 * (static_cast<int>(std::ceil(std::fabs(4.0f * polish_step_.load(std::memory_order_relaxed)))) +
+                           2) +
+                      2 * static_cast<int>(FramePlan::kDetailBlurRadius) + 2;
+    const int x0 = std::max(0, region_->firstColumn() - reach);
+    const int y0 = std::max(0, region_->firstRow() - reach);
+    glEnable(GL_SCISSOR_TEST);
+    glScissor(x0, y0, std::min(m_nViewWidth, region_->endColumn() + reach) - x0,
+              std::min(m_nViewHeight, region_->endRow() + reach) - y0);
+  }
   doRenderWithFilter(t0, nullptr, t1, m_pSkinDetectFilter.get(), 1);
   const Texture* skin = t1;
   if (plan.polish) {
@@ -453,6 +468,7 @@ const Texture* LumoImageFilter::runSkinBranch(const FramePlan& plan, const Textu
     skin = other(skin);
   }
   if (region != nullptr) {
+    glDisable(GL_SCISSOR_TEST);
     if (!regionFilter_) {
       regionFilter_ = std::make_unique<VideoProcessRegionFilter>();
       regionFilter_->initProgram();
