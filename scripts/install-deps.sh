@@ -10,6 +10,10 @@ packages=(
   ffmpeg gstreamer1.0-tools                             # the pipe tests
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev  # the lumobeautify element
+  # lumo-beautify's video files: decoders (avdec_*: H.264, H.265, AAC...; openh264dec), parsers (h264parse,
+  # h265parse), x265enc and voaacenc in -bad, x264enc in -ugly, avenc_aac in -libav; vp9enc and the MP4,
+  # MOV, Matroska and WebM muxers in -good, opusenc, parsebin and decodebin in -base.
+  gstreamer1.0-libav gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
   libbenchmark-dev libopencv-core-dev libopencv-imgproc-dev  # lumo-bench and its CPU baseline
   libopencv-objdetect-dev opencv-data                   # lumo_faces: the faces-only option
   pybind11-dev python3-dev python3-numpy                # the Python package lumo

@@ -1,10 +1,11 @@
-// lumo-beautify: beautify a photo, or a live raw video stream (BGRA, RGBA, NV12, I420...) piped from and to
-// FFmpeg or GStreamer.
+// lumo-beautify: beautify a photo, a video file, or a live raw video stream (BGRA, RGBA, NV12, I420...) piped
+// from and to FFmpeg or GStreamer.
 #include <lumo/lumo.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -15,12 +16,15 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "FaceFinder.h"
 #include "ImageIO.h"
 #include "RawStream.h"
 #include "SafeFile.h"
+#include "VideoFile.h"
 
 namespace {
 
@@ -44,6 +48,10 @@ struct Options {
   lumo::YuvColorimetry colorimetry;  // of YUV frames; unset parts follow the frame height
   lumo::BeautifySettings beautify;
   lumo::EngineKind engine = lumo::EngineKind::Auto;
+  lumo::tools::VideoCodec videoCodec = lumo::tools::VideoCodec::Default;
+  int crf = -1;
+  int bitrateKbps = 0;
+  std::string videoOption;  // the first video-only option given, for the message when there is no video
   bool faces = false;
   std::string faceCascade;
   std::shared_ptr<lumo::tools::FaceFinder> faceFinder;  // with --faces, made once the options are read
@@ -54,17 +62,26 @@ void printHelp() {
       "Usage: lumo-beautify [OPTIONS] [IN] [-o OUT]\n"
       "       lumo-beautify --raw WIDTHxHEIGHT [OPTIONS] IN|- -o OUT|-\n"
       "\n"
-      "Beautifies a portrait photo (PNG or JPEG, the format follows the file name), or a stream of raw\n"
-      "frames. With no IN, beautifies the bundled sample portrait into the current folder.\n"
+      "Beautifies a portrait photo (PNG or JPEG, the format follows the file name), a video file, or a\n"
+      "stream of raw frames. With no IN, beautifies the bundled sample portrait into the current folder.\n"
+      "A video is anything GStreamer's installed plugins decode (.mp4, .mov, .mkv, .webm, .avi, .ts..., or\n"
+      "a file whose content is one), or any IN with OUT named .mp4, .m4v, .mov, .mkv or .webm; OUT gets H.264\n"
+      "(VP9 in .webm), the audio as it was where the container takes it (else AAC, Opus in .webm), and the\n"
+      "frame rate, timestamps, pixel aspect and rotation of IN. Ctrl-C finishes OUT with the frames so far.\n"
       "\n"
-      "  -o, --output FILE       where to write (default: IN's name with -beautified)\n"
+      "  -o, --output FILE       where to write (default: IN's name with -beautified; a video's in its own\n"
+      "                          container when the tool writes it, else .mp4)\n"
       "      --compare           also write a side-by-side before/after image (FILE-compare)\n"
       "      --raw WxH           stream mode: raw frames of W x H from IN (- for stdin) to OUT (- for\n"
       "                          stdout), one frame at a time, each out in the format it came in\n"
       "      --format F          the raw frames' layout: bgra, rgba, bgrx, rgbx, nv12 or i420 (default: bgra)\n"
       "      --matrix M          YUV matrix: bt601 or bt709 (default: bt709 above 576 rows, else bt601)\n"
       "      --range R           YUV range: limited (16..235) or full (0..255) (default: limited)\n"
-      "      --progress          show frames and fps on stderr (default: when stderr is a terminal)\n"
+      "      --progress          show progress on stderr (default: when stderr is a terminal)\n"
+      "      --video-codec C     video: h264, h265 or vp9 (default: h264; vp9 in .webm)\n"
+      "      --crf N             video: constant quality, lower is better (default: 23 h264, 28 h265, 31 vp9;\n"
+      "                          0..50 h264, 0..51 h265, 0..63 vp9)\n"
+      "      --bitrate KBPS      video: average bitrate in kbit/s instead of constant quality, 1..2000000\n"
       "      --mask LIST|N       passes to run: names polish,whiten,skin-whiten,sharpen or a number\n"
       "                          (default: polish,whiten,skin-whiten = 7; 0 = none)\n"
       "      --preset N          colour preset 0..13 (default: 0, none)\n"
@@ -214,6 +231,18 @@ Options parse(int argc, char** argv) {
       options.compare = true;
     } else if (arg == "--progress") {
       options.progress = true;
+    } else if (arg == "--video-codec") {
+      const char* name = value();
+      if (!lumo::tools::parseVideoCodec(name, &options.videoCodec)) {
+        usageError(std::string("option --video-codec wants h264, h265 or vp9, got '") + name + "'");
+      }
+      if (options.videoOption.empty()) options.videoOption = arg;
+    } else if (arg == "--crf") {
+      options.crf = static_cast<int>(parseWholeOption(arg, value(), 0, 63));
+      if (options.videoOption.empty()) options.videoOption = arg;
+    } else if (arg == "--bitrate") {
+      options.bitrateKbps = static_cast<int>(parseWholeOption(arg, value(), 1, 2000000));
+      if (options.videoOption.empty()) options.videoOption = arg;
     } else if (arg == "--raw") {
       parseRawSize(value(), &options.rawWidth, &options.rawHeight);
     } else if (arg == "--format") {
@@ -623,6 +652,129 @@ int runStream(const Options& options) {
   return status;
 }
 
+// Whether the run is a video's: OUT names a container the tool writes, IN's name is a video's, or IN is a
+// regular file (not named as a photo) whose first bytes are a video container's.
+bool isVideoRun(const Options& options) {
+  if (options.rawWidth > 0 || options.input.empty() || options.input == "-") return false;
+  if (lumo::tools::containerForPath(options.output) != lumo::tools::Container::Unknown) return true;
+  if (lumo::tools::isVideoPath(options.input)) return true;
+  if (lumo::tools::formatForPath(options.input) != lumo::tools::ImageFormat::Unknown) return false;
+  const Descriptor in(::open(options.input.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat status {};
+  if (in.fd < 0 || ::fstat(in.fd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  uint8_t head[256];
+  const ssize_t got = ::pread(in.fd, head, sizeof head, 0);
+  return got > 0 && lumo::tools::looksLikeVideo(head, static_cast<size_t>(got));
+}
+
+std::string clockText(double seconds) {
+  const long whole = std::lround(std::max(0.0, seconds));
+  char text[32];
+  std::snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
+  return text;
+}
+
+// One progress line, redrawn in place: percent, frames, frames per second and time left.
+void showVideoProgress(const lumo::tools::VideoProgress& p) {
+  const double fps = p.wallSeconds > 0 ? static_cast<double>(p.frames) / p.wallSeconds : 0;
+  if (p.duration > 0 && p.position > 0) {
+    const double left = (p.duration - p.position) * p.wallSeconds / p.position;
+    std::fprintf(stderr, "\rlumo-beautify: %3.0f%%  %llu frames  %.1f fps  %s left   ",
+                 std::min(100.0, 100 * p.position / p.duration), static_cast<unsigned long long>(p.frames), fps,
+                 clockText(left).c_str());
+  } else {
+    std::fprintf(stderr, "\rlumo-beautify: %llu frames  %.1f fps   ", static_cast<unsigned long long>(p.frames), fps);
+  }
+}
+
+int runVideo(Options options) {
+  using lumo::tools::Container;
+  using lumo::tools::VideoResult;
+  if (options.output.empty()) {
+    const bool written = lumo::tools::containerForPath(options.input) != Container::Unknown;
+    options.output = withSuffix(options.input, "-beautified", written ? extensionOf(options.input) : ".mp4");
+  }
+  lumo::tools::VideoSettings video;
+  video.container = lumo::tools::containerForPath(options.output);
+  if (video.container == Container::Unknown) {
+    usageError("'" + options.input + "' is a video: name the output .mp4, .m4v, .mov, .mkv or .webm, not '" +
+               options.output + "'");
+  }
+  if (options.compare) usageError("--compare makes a side-by-side photo; it does not apply to a video");
+  video.codec = options.videoCodec;
+  const lumo::tools::VideoCodec codec =
+      video.codec == lumo::tools::VideoCodec::Default ? lumo::tools::defaultCodec(video.container) : video.codec;
+  if (!lumo::tools::containerTakes(video.container, codec)) {
+    usageError("'" + options.output + "' cannot hold " + lumo::tools::videoCodecName(codec) +
+               " video (.webm takes vp9, .mp4 and .mov h264 or h265, .mkv all)");
+  }
+  if (options.crf > lumo::tools::maxCrf(codec)) {
+    usageError("option --crf wants a whole number in " + rangeText(0, lumo::tools::maxCrf(codec)) + " for " +
+               lumo::tools::videoCodecName(codec) + ", got " + std::to_string(options.crf));
+  }
+  if (options.crf >= 0 && options.bitrateKbps > 0) usageError("--crf and --bitrate exclude each other: give one");
+  video.crf = options.crf;
+  video.bitrateKbps = options.bitrateKbps;
+  video.beautify = options.beautify;
+  video.engine = options.engine;
+  video.faces = options.faces;
+  video.faceCascade = options.faceCascade;
+
+  std::string error;
+  lumo::tools::FileId inputId;
+  const Descriptor in(lumo::tools::openInput(options.input, lumo::tools::InputUse::Stream, &inputId, &error));
+  if (in.fd < 0) return failure(options.input, error);
+  OutputFile out;
+  if (!out.resolve(options.output, &error)) return failure(options.output, error);
+  if (out.overwrites(inputId)) {
+    usageError("refusing to overwrite the input '" + options.input + "' with '" + options.output + "'");
+  }
+  if (!out.open(&error)) return failure(options.output, error);
+  if (::lseek(out.fd(), 0, SEEK_CUR) < 0) {
+    return failure(options.output, "cannot be written: a video needs a file, not a pipe or terminal");
+  }
+
+  // SIGINT, SIGTERM and SIGHUP end the input where it is; the file is finished with the frames so far.
+  lumo::tools::enableGracefulStop();
+  const volatile std::sig_atomic_t* stop = lumo::tools::stopRequested();
+  const bool showProgress = options.progress || ::isatty(STDERR_FILENO) != 0;
+  bool shown = false;
+  // The GStreamer element reads the descriptor checked above, not whatever the name leads to by now.
+  const VideoResult result = lumo::tools::transcodeVideo(
+      "/proc/self/fd/" + std::to_string(in.fd), out.fd(), video, stop, [&](const lumo::tools::VideoProgress& p) {
+        if (!showProgress) return;
+        showVideoProgress(p);
+        shown = true;
+      });
+  if (shown) std::fputc('\n', stderr);
+  const std::string length = clockText(result.mediaSeconds);
+  char wall[32];
+  std::snprintf(wall, sizeof wall, "%.1f s", result.wallSeconds);
+  const std::string speed = std::to_string(result.frames) + " frames (" + length + ") in " + wall;
+  if (result.outcome == VideoResult::Outcome::Failed) {
+    out.discard();
+    return failure(result.outputFault ? options.output : options.input, result.error);
+  }
+  const int stoppedBy = *stop;
+  if (result.outcome == VideoResult::Outcome::Stopped && result.frames == 0) {
+    out.discard();
+    std::fprintf(stderr, "lumo-beautify: interrupted before the first frame (%s); nothing written\n",
+                 signalName(stoppedBy));
+    return kExitSignalBase + stoppedBy;
+  }
+  if (!out.commit(&error)) return failure(options.output, error);
+  const double fps = result.wallSeconds > 0 ? static_cast<double>(result.frames) / result.wallSeconds : 0;
+  const double realTime = result.wallSeconds > 0 ? result.mediaSeconds / result.wallSeconds : 0;
+  if (result.outcome == VideoResult::Outcome::Stopped) {
+    std::fprintf(stderr, "lumo-beautify: interrupted (%s): wrote %s with the first %s\n", signalName(stoppedBy),
+                 options.output.c_str(), speed.c_str());
+    return kExitSignalBase + stoppedBy;
+  }
+  std::fprintf(stderr, "lumo-beautify: wrote %s: %s, %.1f fps, %.2fx real time\n", options.output.c_str(),
+               speed.c_str(), fps, realTime);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -631,6 +783,11 @@ int main(int argc, char** argv) {
   lumo::tools::installSignalHandlers();
   try {
     const Options options = parse(argc, argv);
+    if (isVideoRun(options)) return runVideo(options);
+    if (!options.videoOption.empty()) {
+      usageError(options.videoOption + " applies to video files, and '" +
+                 (options.input.empty() ? std::string("the sample") : options.input) + "' is not one");
+    }
     return options.rawWidth > 0 ? runStream(options) : runPhoto(options);
   } catch (const std::bad_alloc&) {
     std::fprintf(stderr, "lumo-beautify: out of memory\n");

@@ -1,0 +1,220 @@
+// lumo-beautify on video files made by FFmpeg in each test: frames, rates, audio packets, rotation, failures,
+// missing plugins and Ctrl-C, all checked with ffprobe and FFmpeg on the files the tool wrote.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "ToolHarness.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using lumo::testing::Outcome;
+
+class ToolVideo : public lumo::testing::ToolRun {
+ protected:
+  // A clip of `seconds` from FFmpeg's test sources; `extra` gives the codecs and options.
+  void makeClip(const std::string& name, const std::string& size, int fps, double seconds, bool audio,
+                const std::string& extra) {
+    const std::string inputs = "-f lavfi -i testsrc2=s=" + size + ":r=" + std::to_string(fps) +
+                               (audio ? " -f lavfi -i sine=f=440:r=48000" : "");
+    ASSERT_EQ(shell("ffmpeg -v error -y " + inputs + " -t " + std::to_string(seconds) + " " + extra + " " + name), 0);
+  }
+  std::string capture(const std::string& command) {
+    std::string out;
+    FILE* pipe = ::popen(("cd '" + dir_.string() + "' && " + command).c_str(), "r");
+    if (pipe == nullptr) return out;
+    char chunk[4096];
+    size_t got = 0;
+    while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, got);
+    ::pclose(pipe);
+    while (!out.empty() && (out.back() == '\n' || out.back() == ',')) out.pop_back();
+    return out;
+  }
+  // A field of the first stream of a kind ("v" or "a"); empty when there is no such stream.
+  std::string field(const std::string& file, const std::string& stream, const std::string& name) {
+    return capture("ffprobe -v error -select_streams " + stream + ":0 -show_entries stream=" + name +
+                   " -of csv=p=0 '" + file + "'");
+  }
+  int packets(const std::string& file, const std::string& stream) {
+    const std::string count = capture("ffprobe -v error -select_streams " + stream +
+                                      ":0 -count_packets -show_entries stream=nb_read_packets -of csv=p=0 '" + file +
+                                      "'");
+    return count.empty() ? 0 : std::stoi(count);
+  }
+  // One checksum per packet (copy) or per decoded frame.
+  std::vector<std::string> hashes(const std::string& file, const std::string& stream, bool decoded) {
+    const std::string text = capture("ffmpeg -v error -i '" + file + "' -map 0:" + stream + ":0 " +
+                                     (decoded ? "" : "-c copy ") + "-f framemd5 - | grep -v '^#' | awk -F, '{print $NF}'");
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+  }
+  // Only the named files are in the test's folder: no output, no temporary beside them.
+  void expectOnly(std::set<std::string> expected) {
+    expected.insert("stderr.txt");
+    EXPECT_EQ(names(), expected);
+  }
+};
+
+// Whether `part` appears in `whole` as one contiguous run.
+bool contiguousIn(const std::vector<std::string>& part, const std::vector<std::string>& whole) {
+  return !part.empty() && std::search(whole.begin(), whole.end(), part.begin(), part.end()) != whole.end();
+}
+
+TEST_F(ToolVideo, H264WithAacKeepsFramesRateAndAudioPacketsAndBeautifiesEveryFrame) {
+  makeClip("in.mp4", "160x120", 30, 2, true, "-c:v libx264 -pix_fmt yuv420p -c:a aac");
+  Outcome r = run("in.mp4 -o out.mp4 --engine cpu");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("wrote out.mp4: 60 frames"), std::string::npos) << r.err;
+  EXPECT_EQ(packets("out.mp4", "v"), 60);
+  EXPECT_EQ(field("out.mp4", "v", "codec_name,width,height,r_frame_rate,sample_aspect_ratio"), "h264,160,120,1:1,30/1");
+  // The AAC packets are the input's, byte for byte. GStreamer's MP4 demuxer drops the priming packet before
+  // FFmpeg's edit list and the one past its end: at most two packets of 21 ms.
+  const std::vector<std::string> in = hashes("in.mp4", "a", false), out = hashes("out.mp4", "a", false);
+  EXPECT_TRUE(contiguousIn(out, in));
+  EXPECT_GE(out.size() + 2, in.size());
+  // The same file through the same encoder with no pass: every beautified frame differs from it.
+  ASSERT_EQ(run("in.mp4 -o plain.mp4 --engine cpu --mask 0").status, 0);
+  const std::vector<std::string> plain = hashes("plain.mp4", "v", true), drawn = hashes("out.mp4", "v", true);
+  ASSERT_EQ(plain.size(), 60u);
+  ASSERT_EQ(drawn.size(), 60u);
+  for (size_t i = 0; i < drawn.size(); ++i) EXPECT_NE(drawn[i], plain[i]) << "frame " << i;
+  // The default name, in the input's container, and the quality options.
+  ASSERT_EQ(run("in.mp4 --engine cpu --crf 40").status, 0);
+  ASSERT_EQ(run("in.mp4 -o small.mkv --engine cpu --bitrate 50").status, 0);
+  EXPECT_EQ(packets("in-beautified.mp4", "v"), 60);
+  EXPECT_LT(fs::file_size(dir_ / "in-beautified.mp4"), fs::file_size(dir_ / "out.mp4")) << "crf 40 is below 23";
+  EXPECT_EQ(field("small.mkv", "a", "codec_name"), "aac") << "Matroska takes AAC as it is";
+  expectOnly({"in.mp4", "out.mp4", "plain.mp4", "in-beautified.mp4", "small.mkv"});
+}
+
+TEST_F(ToolVideo, Vp9WithOpusStaysVp9AndOpusAndAudioIsReencodedWhereTheContainerRefusesIt) {
+  makeClip("in.webm", "160x120", 25, 2, true, "-c:v libvpx-vp9 -deadline realtime -c:a libopus");
+  ASSERT_EQ(run("in.webm -o out.webm --engine cpu").status, 0) << err();
+  EXPECT_EQ(field("out.webm", "v", "codec_name,r_frame_rate"), "vp9,25/1");
+  EXPECT_EQ(packets("out.webm", "v"), 50);
+  EXPECT_EQ(hashes("out.webm", "a", false), hashes("in.webm", "a", false)) << "Opus packets untouched";
+  // AAC cannot go into WebM: Opus, as long as the input's audio.
+  makeClip("aac.mp4", "160x120", 30, 2, true, "-c:v libx264 -pix_fmt yuv420p -c:a aac");
+  ASSERT_EQ(run("aac.mp4 -o aac.webm --engine cpu").status, 0) << err();
+  EXPECT_EQ(field("aac.webm", "v", "codec_name"), "vp9");
+  EXPECT_EQ(field("aac.webm", "a", "codec_name"), "opus");
+  const double audio = std::stod(capture("ffprobe -v error -show_entries format=duration -of csv=p=0 aac.webm"));
+  EXPECT_NEAR(audio, 2.0, 0.1);
+  // No audio in, none out; H.265 on request.
+  makeClip("silent.mkv", "160x120", 30, 1, false, "-c:v libx264 -pix_fmt yuv420p");
+  ASSERT_EQ(run("silent.mkv -o silent.mov --engine cpu --video-codec h265").status, 0) << err();
+  EXPECT_EQ(field("silent.mov", "v", "codec_name"), "hevc");
+  EXPECT_EQ(packets("silent.mov", "v"), 30);
+  EXPECT_EQ(field("silent.mov", "a", "codec_name"), "");
+}
+
+TEST_F(ToolVideo, RotatedPhoneClipIsTurnedUpright) {
+  makeClip("flat.mp4", "160x120", 30, 1, false, "-c:v libx264 -pix_fmt yuv420p");
+  ASSERT_EQ(shell("ffmpeg -v error -i flat.mp4 -c copy -metadata:s:v:0 rotate=90 phone.mp4"), 0);
+  ASSERT_EQ(capture("ffprobe -v error -show_streams phone.mp4 | grep -c rotation=90"), "1");
+  for (const char* out : {"up.mp4", "up.webm"}) {
+    ASSERT_EQ(run(std::string("phone.mp4 -o ") + out + " --engine cpu").status, 0) << err();
+    EXPECT_EQ(field(out, "v", "width,height"), "120,160") << out;
+    EXPECT_EQ(capture(std::string("ffprobe -v error -show_streams ") + out + " | grep -c rotation="), "0") << out;
+    EXPECT_EQ(packets(out, "v"), 30) << out;
+  }
+}
+
+TEST_F(ToolVideo, BadInputsAndOptionsFailWithTheirNameAndLeaveNothing) {
+  makeClip("in.mp4", "160x120", 30, 2, true, "-c:v libx264 -pix_fmt yuv420p -c:a aac");
+  ASSERT_EQ(shell("head -c 20000 in.mp4 > cut.mp4"), 0);
+  ASSERT_EQ(shell("ffmpeg -v error -f lavfi -i sine=r=48000 -t 1 -c:a aac song.m4a"), 0);
+  lumo::testing::writeFile(dir_ / "notes.mkv", "not a video at all\n");
+  Outcome r = run("cut.mp4 -o a.mp4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("cut.mp4: cannot be transcoded"), std::string::npos) << r.err;
+  r = run("song.m4a -o b.mp4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("song.m4a: has no video stream"), std::string::npos) << r.err;
+  EXPECT_EQ(run("notes.mkv -o c.mp4").status, 1);
+  // Usage errors, before anything is read.
+  EXPECT_EQ(run("in.mp4 -o d.mp4 --crf 51").status, 2) << "x264's quality scale ends at 50";
+  EXPECT_EQ(run("in.mp4 -o d.mp4 --video-codec vp9").status, 2);
+  EXPECT_EQ(run("in.mp4 -o d.webm --video-codec h264").status, 2);
+  EXPECT_EQ(run("in.mp4 -o d.mp4 --crf 20 --bitrate 900").status, 2);
+  EXPECT_EQ(run("in.mp4 -o d.png").status, 2);
+  EXPECT_EQ(run("in.mp4 -o d.mp4 --compare").status, 2);
+  EXPECT_EQ(run("'" LUMO_SAMPLE_IMAGE "' -o d.png --crf 20").status, 2);
+  r = run("in.mp4 -o in.mp4");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find("refusing to overwrite the input"), std::string::npos);
+  // A video named as something else is found by its content.
+  fs::copy_file(dir_ / "in.mp4", dir_ / "clip.bin");
+  ASSERT_EQ(run("clip.bin --engine cpu").status, 0) << err();
+  EXPECT_EQ(packets("clip-beautified.mp4", "v"), 60);
+  expectOnly({"in.mp4", "cut.mp4", "song.m4a", "notes.mkv", "clip.bin", "clip-beautified.mp4"});
+}
+
+TEST_F(ToolVideo, MissingPluginsNameTheirPackage) {
+  makeClip("in.mp4", "64x48", 30, 1, false, "-c:v libx264 -pix_fmt yuv420p");
+  // GStreamer's own plugins less one library each time, as on a system without that package.
+  const std::string system = capture("pkg-config --variable=pluginsdir gstreamer-1.0");
+  ASSERT_FALSE(system.empty());
+  struct Case {
+    std::set<std::string> without;
+    const char* package;
+  } cases[] = {{{"libgstlibav.so", "libgstopenh264.so"}, "gstreamer1.0-libav"},  // no H.264 decoder
+               {{"libgstx264.so"}, "gstreamer1.0-plugins-ugly"}};
+  for (const Case& c : cases) {
+    const fs::path plugins = dir_ / ("without-" + std::string(c.package));
+    fs::create_directories(plugins);
+    for (const auto& entry : fs::directory_iterator(system)) {
+      if (c.without.count(entry.path().filename().string()) == 0) {
+        fs::create_symlink(entry.path(), plugins / entry.path().filename());
+      }
+    }
+    const std::string environment = "GST_PLUGIN_SYSTEM_PATH_1_0='" + plugins.string() + "' GST_REGISTRY_1_0='" +
+                                    plugins.string() + ".bin'";
+    const Outcome r = run("in.mp4 -o out.mp4 --engine cpu", environment);
+    EXPECT_EQ(r.status, 1) << c.package;
+    EXPECT_NE(r.err.find(std::string("install ") + c.package), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(dir_ / "out.mp4"));
+    fs::remove_all(plugins);
+    fs::remove(plugins.string() + ".bin");
+  }
+  expectOnly({"in.mp4"});
+}
+
+TEST_F(ToolVideo, InterruptFinishesAPlayableFileWithTheFramesSoFar) {
+  makeClip("long.mp4", "320x240", 30, 20, true, "-c:v libx264 -preset ultrafast -pix_fmt yuv420p -c:a aac");
+  const pid_t child = spawn({"long.mp4", "-o", "out.mp4", "--engine", "cpu", "--progress"});
+  ASSERT_GT(child, 0);
+  // Once the progress line shows frames, Ctrl-C.
+  for (int i = 0; i < 3000 && err().find(" frames ") == std::string::npos; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ::kill(child, SIGINT);
+  int status = 0;
+  ASSERT_TRUE(waitFor(child, &status));
+  ASSERT_TRUE(WIFEXITED(status)) << err();
+  EXPECT_EQ(WEXITSTATUS(status), 130) << err();
+  std::smatch match;
+  const std::string text = err();
+  ASSERT_TRUE(std::regex_search(text, match, std::regex("interrupted \\(SIGINT\\): wrote out.mp4 with the first "
+                                                        "([0-9]+) frames")))
+      << text;
+  const int frames = std::stoi(match[1]);
+  EXPECT_GT(frames, 0);
+  EXPECT_LT(frames, 600);
+  EXPECT_EQ(packets("out.mp4", "v"), frames);
+  // Decodes to the end; FFmpeg may leave out a last frame cut from its B-frames by the stop.
+  EXPECT_GE(hashes("out.mp4", "v", true).size() + 1, static_cast<size_t>(frames));
+  EXPECT_GT(packets("out.mp4", "a"), 0);
+  expectOnly({"long.mp4", "out.mp4"});
+}
+
+}  // namespace
