@@ -4,8 +4,13 @@
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
 
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
 #include "GlDebug.h"
 #include "GlHandle.h"
+#include "RegionWeights.h"
 #include "VideoProcessAlphaBlendFilter.h"
 #include "VideoProcessBilateralFilter.h"
 #include "VideoProcessCustomizedFilter.h"
@@ -13,13 +18,14 @@
 #include "VideoProcessOverlayFilter.h"
 #include "VideoProcessPassThroughFilter.h"
 #include "VideoProcessPinkWhitenFilter.h"
+#include "VideoProcessRegionFilter.h"
 #include "VideoProcessSharpenFilter.h"
 #include "VideoProcessSkinDetectFilter.h"
 #include "VideoProcessWhitenFilter.h"
 #include "VideoProcessYuvFilters.h"
 
 namespace lumo {
-LumoImageFilter::LumoImageFilter() = default;
+LumoImageFilter::LumoImageFilter() : region_(std::make_unique<RegionWeights>()) {}
 
 LumoImageFilter::~LumoImageFilter() { destroy(); }
 
@@ -73,6 +79,7 @@ int32_t LumoImageFilter::destroy() {
     conversionFramebuffer_ = 0;
     yuvInputRgb_.reset();
     yuvOutput_.reset();
+    regionBuffer_.reset();
     // Only our references go: a buffer the host still holds stays alive with it.
     m_pRenderPixelBuffer.reset();
     m_pRenderPixelBuffer2.reset();
@@ -169,6 +176,7 @@ void LumoImageFilter::uninitBeautifying() {
   m_pPassThroughFilter.reset();
   m_pOverlayFilter.reset();
   m_pPinkWhitenFilter.reset();
+  regionFilter_.reset();
 }
 
 void LumoImageFilter::initCustomizedFilter() {
@@ -195,10 +203,11 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
 
   if ((m_nEnableBeautifying < 1 && !m_pCustomizedFilter) || !pixelBuffer) return pixelBuffer;
   // Packed orders other than BGRA come back undrawn (hosts hand such frames to the CPU engine).
-  if (pixelFormatIsYuv(pixelBuffer->pixelFormat())) {
-    return renderYuv(pixelBuffer, FramePlan::make(m_nEnableBeautifying, m_pCustomizedFilter != nullptr));
-  }
-  if (pixelBuffer->pixelFormat() != kPixelFormat32BGRA) return pixelBuffer;
+  const bool yuv = pixelFormatIsYuv(pixelBuffer->pixelFormat());
+  if (!yuv && pixelBuffer->pixelFormat() != kPixelFormat32BGRA) return pixelBuffer;
+  const FramePlan plan = planFrame(*pixelBuffer);
+  if (!plan.any()) return pixelBuffer;
+  if (yuv) return renderYuv(pixelBuffer, plan);
 
   m_nCurrentFrameIndex = 0;
   ContextGuard guard(m_pGLContext.get());
@@ -212,10 +221,10 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
 
   if (guard.ok() && m_pTexCache) mapFrameTextures(pixelBuffer, &t0, &t1, &t2);
 
+  TextureRef region = mapRegion(plan);
   PixelBufferRef result = pixelBuffer;
   if (t0 && t1 && t2) {
-    const Texture* last =
-        runPasses(FramePlan::make(m_nEnableBeautifying, m_pCustomizedFilter != nullptr), t0.get(), t1.get(), t2.get());
+    const Texture* last = runPasses(plan, t0.get(), t1.get(), t2.get(), region.get());
     if (last == t1.get()) {
       result = m_pRenderPixelBuffer;
     } else if (last == t2.get()) {
@@ -224,7 +233,7 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
     glFinish();
     glBindTexture(GL_TEXTURE_2D, 0);
   }
-  for (TextureRef* texture : {&t0, &t1, &t2}) {
+  for (TextureRef* texture : {&t0, &t1, &t2, &region}) {
     if (*texture) {
       glBindTexture((*texture)->target(), 0);
       texture->reset();
@@ -288,6 +297,7 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
   TextureRef t2;
   mapFrameTextures(yuvInputRgb_, &t0, &t1, &t2);
 
+  TextureRef region = mapRegion(plan);
   PixelBufferRef result = pixelBuffer;
   if (mapped && t0 && t1 && t2) {
     glActiveTexture(GL_TEXTURE0);
@@ -302,7 +312,7 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
     glActiveTexture(GL_TEXTURE3);
     glBindTexture(GL_TEXTURE_2D, 0);
 
-    const Texture* last = runPasses(plan, t0.get(), t1.get(), t2.get());
+    const Texture* last = runPasses(plan, t0.get(), t1.get(), t2.get(), region.get());
     if (last != t0.get()) {
       using Plane = VideoProcessRgbToYuvFilter::Plane;
       const Plane kinds[3] = {Plane::Luma, interleaved ? Plane::ChromaInterleaved : Plane::Cb, Plane::Cr};
@@ -321,7 +331,7 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
     glFinish();
   }
   for (TextureRef* texture : {&sources[0], &sources[1], &sources[2], &targets[0], &targets[1], &targets[2], &t0, &t1,
-                              &t2}) {
+                              &t2, &region}) {
     if (*texture) {
       glBindTexture((*texture)->target(), 0);
       texture->reset();
@@ -353,11 +363,43 @@ void LumoImageFilter::drawConversion(VideoProcessFilter* filter, const Texture* 
   glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
 }
 
+FramePlan LumoImageFilter::planFrame(const PixelBuffer& frame) {
+  takeRegionMask(&regionSeen_, &regionWanted_);
+  FramePlan plan = FramePlan::make(m_nEnableBeautifying, m_pCustomizedFilter != nullptr);
+  if (!plan.skinDetect) return plan;
+  if (region_->update(regionWanted_, frame.width(), frame.height()) && region_->limited()) {
+    if (!regionBuffer_ || regionBuffer_->width() != frame.width() || regionBuffer_->height() != frame.height()) {
+      regionBuffer_.reset();
+      PixelBuffer::create(frame.width(), frame.height(), kPixelFormat32BGRA, PixelBufferAttributes{}, &regionBuffer_);
+    }
+    // Written through a lock, so that the texture cache uploads the new weights at their next mapping.
+    if (regionBuffer_ && regionBuffer_->lockBaseAddress(0) == kPixelBufferSuccess) {
+      auto* to = static_cast<uint8_t*>(regionBuffer_->baseAddress());
+      const size_t rowBytes = static_cast<size_t>(frame.width()) * 4;
+      for (int32_t y = 0; y < frame.height(); ++y) {
+        std::memcpy(to + regionBuffer_->bytesPerRow() * static_cast<size_t>(y),
+                    region_->data() + static_cast<size_t>(y) * static_cast<size_t>(frame.width()), rowBytes);
+      }
+      regionBuffer_->unlockBaseAddress(0);
+    }
+  }
+  if (region_->empty()) plan.dropSkinBranch();
+  return plan;
+}
+
+TextureRef LumoImageFilter::mapRegion(const FramePlan& plan) {
+  TextureRef texture;
+  if (!plan.skinDetect || !region_->limited() || !regionBuffer_ || !m_pTexCache) return texture;
+  m_pTexCache->createTextureFromImage(regionBuffer_, GL_TEXTURE_2D, GL_RGBA, regionBuffer_->width(),
+                                      regionBuffer_->height(), GL_BGRA_EXT, GL_UNSIGNED_BYTE, 0, &texture);
+  return texture;
+}
+
 const Texture* LumoImageFilter::runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1,
-                                          const Texture* t2) {
+                                          const Texture* t2, const Texture* region) {
   // Every pass writes the other target of its source: T2 after T1, T1 after anything else.
   auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
-  const Texture* current = plan.skinDetect ? runSkinBranch(plan, t0, t1, t2) : t0;
+  const Texture* current = plan.skinDetect ? runSkinBranch(plan, t0, t1, t2, region) : t0;
   if (plan.whiten) {
     m_pWhitenFilter->setWhitenFactor(whiten_factor_.load(std::memory_order_relaxed));
     doRenderWithFilter(current, nullptr, other(current), m_pWhitenFilter.get(), 1);
@@ -378,8 +420,21 @@ const Texture* LumoImageFilter::runPasses(const FramePlan& plan, const Texture* 
 // Skin detect, smoothing, the detail layer, pink whiten and the blend back into the input through the skin
 // mask; returns the blend's target.
 const Texture* LumoImageFilter::runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1,
-                                              const Texture* t2) {
+                                              const Texture* t2, const Texture* region) {
   auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
+  // With a region, the passes up to pink whiten draw only around it: the region's rectangle widened by the
+  // reach of every tap on the way (both bilateral passes, both Gaussian passes). What they leave outside is
+  // weighed 0 by the region pass, which draws the whole frame again, as the blend does.
+  if (region != nullptr) {
+    const int reach = 2 * (static_cast<int>(std::ceil(std::fabs(4.0f * polish_step_.load(std::memory_order_relaxed)))) +
+                           2) +
+                      2 * static_cast<int>(FramePlan::kDetailBlurRadius) + 2;
+    const int x0 = std::max(0, region_->firstColumn() - reach);
+    const int y0 = std::max(0, region_->firstRow() - reach);
+    glEnable(GL_SCISSOR_TEST);
+    glScissor(x0, y0, std::min(m_nViewWidth, region_->endColumn() + reach) - x0,
+              std::min(m_nViewHeight, region_->endRow() + reach) - y0);
+  }
   doRenderWithFilter(t0, nullptr, t1, m_pSkinDetectFilter.get(), 1);
   const Texture* skin = t1;
   if (plan.polish) {
@@ -407,6 +462,15 @@ const Texture* LumoImageFilter::runSkinBranch(const FramePlan& plan, const Textu
   if (plan.pinkWhiten) {
     m_pPinkWhitenFilter->setWhitenFactor(pinkwhiten_factor_.load(std::memory_order_relaxed));
     doRenderWithFilter(skin, nullptr, other(skin), m_pPinkWhitenFilter.get(), 1);
+    skin = other(skin);
+  }
+  if (region != nullptr) {
+    glDisable(GL_SCISSOR_TEST);
+    if (!regionFilter_) {
+      regionFilter_ = std::make_unique<VideoProcessRegionFilter>();
+      regionFilter_->initProgram();
+    }
+    doRenderWithFilter(skin, region, other(skin), regionFilter_.get(), 1);
     skin = other(skin);
   }
   m_pAlphaBlendFilter->setAlpha(plan.skinBlendWeight);

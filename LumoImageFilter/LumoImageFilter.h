@@ -9,6 +9,7 @@
 #include "Export.h"
 #include "GLContext.h"
 #include "PixelBuffer.h"
+#include "RegionMask.h"
 #include "TextureCache.h"
 
 extern "C" {
@@ -32,6 +33,8 @@ class VideoProcessOverlayFilter;
 class VideoProcessPinkWhitenFilter;
 class VideoProcessYuvToRgbFilter;
 class VideoProcessRgbToYuvFilter;
+class VideoProcessRegionFilter;
+class RegionWeights;
 
 // The beautify pipeline on the GPU: one BGRA frame in, the processed frame out. An NV12 or I420 frame is
 // converted into an RGB texture by one pass before the beautify passes, and the result drawn into the Y and
@@ -98,9 +101,17 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   bool _isCreated = false;
 
  private:
-  // The frame plan's passes, starting from T0; returns the texture holding the last pass.
-  const Texture* runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2);
-  const Texture* runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2);
+  // The frame's plan under the host's region mask, whose weights it redraws when the mask or the frame size
+  // changed: no skin-gated branch when the region covers nothing.
+  FramePlan planFrame(const PixelBuffer& frame);
+  // The region weights as a texture, or null without a region.
+  TextureRef mapRegion(const FramePlan& plan);
+  // The frame plan's passes, starting from T0; returns the texture holding the last pass. `region`, when
+  // given, weighs the skin layer before the blend.
+  const Texture* runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2,
+                           const Texture* region);
+  const Texture* runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2,
+                               const Texture* region);
   // T0 from `first`, T1 and T2 from the two output buffers; the statuses are not looked at, only whether
   // each texture came back.
   void mapFrameTextures(const PixelBufferRef& first, TextureRef* t0, TextureRef* t1, TextureRef* t2);
@@ -117,6 +128,14 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToLuma_;
   std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToChroma_;
   uint32_t conversionFramebuffer_ = 0;
+
+  // The host's region mask as last taken, its weights at the frame size, the buffer they are uploaded from
+  // and the pass that applies them (made on the first limited frame).
+  uint64_t regionSeen_ = 0;
+  RegionMask regionWanted_;
+  std::unique_ptr<RegionWeights> region_;
+  PixelBufferRef regionBuffer_;
+  std::unique_ptr<VideoProcessRegionFilter> regionFilter_;
 };
 
 }  // namespace lumo

@@ -6,6 +6,7 @@
 #include "BeautifySettings.h"
 #include "Export.h"
 #include "FramePlan.h"
+#include "RegionMask.h"
 #include "GLContext.h"
 #include "GlHandle.h"
 #include "GlObjects.h"

@@ -60,6 +60,25 @@ int32_t BeautifyEngine::setSkinWhitenFactor(float factor) {
   return 0;
 }
 
+void BeautifyEngine::setRegionMask(RegionMask mask) {
+  const std::lock_guard<std::mutex> lock(regionMutex_);
+  region_ = std::move(mask);
+  regionVersion_.fetch_add(1, std::memory_order_release);
+}
+
+RegionMask BeautifyEngine::regionMask() const {
+  const std::lock_guard<std::mutex> lock(regionMutex_);
+  return region_;
+}
+
+bool BeautifyEngine::takeRegionMask(uint64_t* seen, RegionMask* mask) const {
+  if (regionVersion_.load(std::memory_order_acquire) == *seen) return false;
+  const std::lock_guard<std::mutex> lock(regionMutex_);
+  *mask = region_;
+  *seen = regionVersion_.load(std::memory_order_relaxed);
+  return true;
+}
+
 void BeautifyEngine::applySettings(const BeautifySettings& settings) {
   enableBeautifying(static_cast<uintptr_t>(static_cast<uint32_t>(settings.mask)));
   setCustomizedFilter(static_cast<uintptr_t>(static_cast<uint32_t>(settings.preset)));

@@ -3,11 +3,13 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "BeautifySettings.h"
 #include "Export.h"
 #include "PixelBuffer.h"
+#include "RegionMask.h"
 
 namespace lumo {
 
@@ -47,6 +49,11 @@ class LUMO_EXPORT BeautifyEngine {
   int32_t setSharppenFactor(float factor);
   int32_t setSkinWhitenFactor(float factor);
 
+  // Limits the skin-gated passes to the mask's regions from the next frame on; RegionMask::whole() (the
+  // default) lifts the limit. Any thread, like the other setters.
+  void setRegionMask(RegionMask mask);
+  RegionMask regionMask() const;
+
   // All seven settings, as the setters would record them.
   void applySettings(const BeautifySettings& settings);
   // What the host asked for last (applied at the next frame, if not already).
@@ -58,6 +65,9 @@ class LUMO_EXPORT BeautifyEngine {
   // At the top of a frame: hands a wanted mask or preset index that differs from the one in force to
   // doEnableBeautifying / doSetCustomizedFilter, which build or release what it needs.
   void applyWantedSettings();
+  // The region mask the host set since `*seen`, copied into `*mask`; false (and no copy) when it has not
+  // changed, so that a steady frame takes no lock and allocates nothing.
+  bool takeRegionMask(uint64_t* seen, RegionMask* mask) const;
   virtual int32_t doEnableBeautifying(int32_t mask) = 0;
   virtual int32_t doSetCustomizedFilter(int32_t index) = 0;
 
@@ -71,6 +81,11 @@ class LUMO_EXPORT BeautifyEngine {
   std::atomic<float> whiten_factor_{BeautifySettings::kWhiten.fallback};
   std::atomic<float> sharppen_factor_{BeautifySettings::kSharpen.fallback};
   std::atomic<float> pinkwhiten_factor_{BeautifySettings::kSkinWhiten.fallback};
+
+ private:
+  mutable std::mutex regionMutex_;
+  RegionMask region_;
+  std::atomic<uint64_t> regionVersion_{0};
 };
 
 // An engine on which create() has succeeded, or null with the reason in `why`. Gl fails where no GL

@@ -37,6 +37,11 @@ struct LUMO_EXPORT FramePlan {
 
   // `mask` counts only when greater than 0; `preset` is whether a preset is in force.
   static FramePlan make(int32_t mask, bool preset);
+  // The same frame without the skin-gated branch: what a frame gets outside every region.
+  void dropSkinBranch() {
+    skinDetect = polish = detailLayer = pinkWhiten = false;
+    skinBlendWeight = kSkinBlendWeight;
+  }
   // False when the frame comes back untouched.
   bool any() const { return skinDetect || whiten || sharpen || preset; }
 };

@@ -9,6 +9,7 @@
 #include "CpuFormats.h"
 #include "CpuKernels.h"
 #include "FramePlan.h"
+#include "RegionWeights.h"
 #include "ThreadPool.h"
 
 namespace lumo {
@@ -54,6 +55,23 @@ void firstStageBand(bool converts, int y0, int y1, const Import& import, const P
   });
 }
 
+// body(worker, y0, y1) over bands of the window's rows.
+template <typename Body>
+void parallelRows(cpu::ThreadPool& pool, CpuWindow window, const Body& body) {
+  if (window.y1 <= window.y0 || window.x1 <= window.x0) return;
+  pool.parallelFor(window.y1 - window.y0,
+                   [&](int worker, int y0, int y1) { body(worker, window.y0 + y0, window.y0 + y1); });
+}
+
+// The window's columns of an image, every row kept: a kernel on it clamps its horizontal taps at the
+// window's sides, so its outputs are the frame's ones only a tap's reach inside them.
+cpu::ConstImage columnsOf(const cpu::ConstImage& image, CpuWindow window) {
+  return {image.data + 4 * static_cast<size_t>(window.x0), image.stride, window.x1 - window.x0, image.height};
+}
+cpu::Image columnsOf(const cpu::Image& image, CpuWindow window) {
+  return {image.data + 4 * static_cast<size_t>(window.x0), image.stride, window.x1 - window.x0, image.height};
+}
+
 void copyPreset(bool inForce, const PresetValues& preset, bool* flag, float matrix[4][4], float offset[4]) {
   *flag = inForce;
   std::memcpy(matrix, preset.matrix, sizeof preset.matrix);
@@ -95,6 +113,8 @@ int32_t CpuImageFilter::create() {
   if (created_) return 0;
   pool_ = std::make_unique<cpu::ThreadPool>(static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
   scratch_ = std::make_unique<Scratch>();
+  region_ = std::make_unique<RegionWeights>();
+  regionSeen_ = 0;
   detailBlurTaps(scratch_->blurTaps);
   width_ = 0;
   height_ = 0;
@@ -109,6 +129,7 @@ int32_t CpuImageFilter::destroy() {
   if (!created_) return 0;
   pool_.reset();
   scratch_.reset();
+  region_.reset();
   outputs_[0].reset();
   outputs_[1].reset();
   created_ = false;
@@ -173,8 +194,14 @@ cpu::Planes planesOf(const PixelBuffer& buffer) {
 PixelBufferRef CpuImageFilter::render(const PixelBufferRef& pixelBuffer) {
   if (!created_) return nullptr;
   applyWantedSettings();
-  const FramePlan plan = FramePlan::make(m_nEnableBeautifying, presetInForce_);
-  if (!pixelBuffer || !plan.any()) return pixelBuffer;
+  takeRegionMask(&regionSeen_, &regionWanted_);
+  FramePlan plan = FramePlan::make(m_nEnableBeautifying, presetInForce_);
+  if (!pixelBuffer) return pixelBuffer;
+  if (plan.skinDetect) {
+    region_->update(regionWanted_, pixelBuffer->width(), pixelBuffer->height());
+    if (region_->empty()) plan.dropSkinBranch();
+  }
+  if (!plan.any()) return pixelBuffer;
   if (!prepare(pixelBuffer->width(), pixelBuffer->height(), pixelBuffer->pixelFormat())) return pixelBuffer;
 
   PixelBufferRef output = outputs_[nextOutput_];
@@ -227,8 +254,13 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   if (scratch_->rows.size() < scratch_->rowLength * workers) scratch_->rows.assign(scratch_->rowLength * workers, 0);
 
   // The first stage converts the input in its bands, the last converts its bands back, a few rows at a time
-  // so that converted rows are still in cache when the stage reads them or the conversion back does.
+  // so that converted rows are still in cache when the stage reads them or the conversion back does. Skin
+  // stages limited to a region skip rows, so those get the converted frame first.
   const Conversion* importing = conversion;
+  if (importing != nullptr && plan.skinDetect && region_->limited()) {
+    pool_->parallelFor(height_, [&](int worker, int y0, int y1) { importBand(importing, worker, y0, y1); });
+    importing = nullptr;
+  }
   const cpu::ConstImage skin = plan.skinDetect ? runSkinStages(plan, input, importing) : cpu::ConstImage{};
   if (plan.skinDetect) importing = nullptr;
   auto lastStage = [&](auto&& stage) {
@@ -259,6 +291,11 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     tail.whiten = plan.whiten;
     tail.whitenFactor = whiten_factor_.load(std::memory_order_relaxed);
     tail.pinkCurve = pinkWhitenCurve().data();
+    if (plan.skinDetect && region_->limited()) {
+      tail.region = region_->data();
+      tail.regionFirstRow = region_->firstRow();
+      tail.regionEndRow = region_->endRow();
+    }
     copyPreset(!plan.sharpen && plan.preset, preset_, &tail.preset, tail.presetMatrix, tail.presetOffset);
     auto rows = [&](int worker, int y0, int y1) {
       firstStageBand(
@@ -314,25 +351,39 @@ void CpuImageFilter::sharpenFirst(const cpu::SharpenJob& job, const Conversion& 
   });
 }
 
+CpuWindow CpuImageFilter::regionWindow(int margin) const {
+  if (!region_->limited()) return {0, width_, 0, height_};
+  return {std::max(0, region_->firstColumn() - margin), std::min(width_, region_->endColumn() + margin),
+          std::max(0, region_->firstRow() - margin), std::min(height_, region_->endRow() + margin)};
+}
+
+// Each stage computes the rectangle the next one reads correctly: the region's for the tail, widened by the
+// reach of every tap on the way back (both passes of a pair reach as far). Pixels outside are never read,
+// so they are not computed.
 cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::ConstImage& input,
                                               const Conversion* conversion) {
   const size_t tight = static_cast<size_t>(width_) * 4;
   const cpu::Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width_, height_};
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
-  const cpu::SkinJob skinJob{input, a};
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) {
+  const int detailReach = plan.detailLayer ? static_cast<int>(FramePlan::kDetailBlurRadius) : 0;
+  const int bilateralReach = plan.polish ? scratch_->pad : 0;
+  const CpuWindow skin = regionWindow(detailReach + bilateralReach);
+  const cpu::SkinJob skinJob{columnsOf(input, skin), columnsOf(a, skin)};
+  // A conversion here means the whole frame (no region): its rows are the window's.
+  parallelRows(*pool_, skin, [&](int worker, int y0, int y1) {
     firstStageBand(
         conversion != nullptr, y0, y1, [&](int c0, int c1) { importBand(conversion, worker, c0, c1); },
         [&](int c0, int c1) { cpu::skinDetectRows(skinJob, c0, c1); });
   });
-  if (plan.polish) runBilateral(a, b);
+  if (plan.polish) runBilateral(a, b, skin, regionWindow(detailReach));
   if (!plan.detailLayer) return a;
-  runDetailLayer(input, a, b);
+  runDetailLayer(input, a, b, regionWindow(0));
   return b;
 }
 
 // Skin in `a`, smoothed back into `a` through `b`.
-void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b) {
+void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuWindow horizontal,
+                                  CpuWindow vertical) {
   const float step = scratch_->step;
   cpu::BilateralJob job{};
   job.factor = polish_color_distance_factor_.load(std::memory_order_relaxed);
@@ -352,34 +403,39 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b) {
   for (int i = 0; i < 8; ++i) {
     job.taps[i] = tapAt(static_cast<float>(FramePlan::kBilateralOffsets[i]) * step, FramePlan::kBilateralWeights[i]);
   }
-  job.in = a;
-  job.out = b;
+  job.in = columnsOf(a, horizontal);
+  job.out = columnsOf(b, horizontal);
   job.vertical = false;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
-  job.in = b;
-  job.out = a;
+  parallelRows(*pool_, horizontal, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
+  job.in = columnsOf(b, vertical);
+  job.out = columnsOf(a, vertical);
   job.vertical = true;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
+  parallelRows(*pool_, vertical, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
 }
 
-// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b`; the tail adds it back
-// doubled.
-void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b) {
-  const cpu::OverlayJob highPass{input, a, b, -1.0f, 1.0f, FramePlan::kHighPassOffset};
-  pool_->parallelFor(height_, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
+// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b` (the window `blurred`); the
+// tail adds it back doubled.
+void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b,
+                                    CpuWindow blurred) {
+  const int reach = static_cast<int>(FramePlan::kDetailBlurRadius);
+  const CpuWindow wide{std::max(0, blurred.x0 - reach), std::min(width_, blurred.x1 + reach),
+                       std::max(0, blurred.y0 - reach), std::min(height_, blurred.y1 + reach)};
+  const cpu::OverlayJob highPass{columnsOf(input, wide), columnsOf(a, wide), columnsOf(b, wide), -1.0f, 1.0f,
+                                 FramePlan::kHighPassOffset};
+  parallelRows(*pool_, wide, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
   cpu::GaussianJob blur{};
   std::copy(std::begin(scratch_->blurTaps), std::end(scratch_->blurTaps), blur.taps);
   blur.tapCount = 3;
   blur.rowScratch = scratch_->rows.data();
   blur.pad = scratch_->pad;
-  blur.in = b;
-  blur.out = a;
+  blur.in = columnsOf(b, wide);
+  blur.out = columnsOf(a, wide);
   blur.vertical = false;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
-  blur.in = a;
-  blur.out = b;
+  parallelRows(*pool_, wide, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
+  blur.in = columnsOf(a, blurred);
+  blur.out = columnsOf(b, blurred);
   blur.vertical = true;
-  pool_->parallelFor(height_, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
+  parallelRows(*pool_, blurred, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
 }
 
 }  // namespace lumo

@@ -8,8 +8,11 @@
 #include "BeautifySettings.h"
 #include "Export.h"
 #include "PixelBuffer.h"
+#include "RegionMask.h"
 
 namespace lumo {
+
+class RegionWeights;
 
 namespace cpu {
 class ThreadPool;
@@ -18,6 +21,14 @@ struct Image;
 struct SharpenJob;
 }  // namespace cpu
 struct FramePlan;
+
+// Columns [x0, x1) and rows [y0, y1) of a frame.
+struct CpuWindow {
+  int x0;
+  int x1;
+  int y0;
+  int y1;
+};
 
 // The beautify pass graph on the CPU: the same host interface, settings and deferred application as the GL
 // facade, and the same arithmetic as the shaders (single precision, linear sampling with clamp to edge,
@@ -61,8 +72,10 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   // The skin-gated stages before the fused tail; returns the layer the tail reads (smoothed skin, or the
   // blurred detail layer). The first of them converts the input when `conversion` is given.
   cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input, const Conversion* conversion);
-  void runBilateral(const cpu::Image& a, const cpu::Image& b);
-  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b);
+  void runBilateral(const cpu::Image& a, const cpu::Image& b, CpuWindow horizontal, CpuWindow vertical);
+  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b, CpuWindow blurred);
+  // The rectangle the region weighs, `margin` more on each side (the whole frame without a region).
+  CpuWindow regionWindow(int margin) const;
 
   std::unique_ptr<cpu::ThreadPool> pool_;
   std::unique_ptr<Scratch> scratch_;
@@ -73,6 +86,10 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   uint32_t format_ = kPixelFormat32BGRA;
   bool presetInForce_ = false;
   PresetValues preset_{};
+  // The host's region mask as last taken, and drawn at the frame size.
+  uint64_t regionSeen_ = 0;
+  RegionMask regionWanted_;
+  std::unique_ptr<RegionWeights> region_;
   bool created_ = false;
 };
 

@@ -406,12 +406,17 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
   const V<D> addBackOffset = hn::Set(d, -256.0f / 255.0f);
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
-    const uint8_t* skinRow = job.beautify ? job.skin.row(y) : nullptr;
+    const bool beautify =
+        job.beautify && (job.region == nullptr || (y >= job.regionFirstRow && y < job.regionEndRow));
+    const uint8_t* skinRow = beautify ? job.skin.row(y) : nullptr;
+    const uint8_t* regionRow =
+        job.region == nullptr ? nullptr
+                              : reinterpret_cast<const uint8_t*>(job.region + static_cast<size_t>(y) * job.input.width);
     uint8_t* out = job.out.row(y);
     forEachVector(d, job.input.width, [&](int x) {
       const Px<D> in = load(d, input, x);
       Px<D> c = in;
-      if (job.beautify) {
+      if (beautify) {
         Px<D> s = load(d, skinRow, x);
         if (job.addBack) s = stored(d, overlayPx(d, in, s, one, addBackMultiply, addBackOffset));
         if (job.pinkWhiten) {
@@ -419,6 +424,8 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
           s = stored(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
                               mix(s.g, green, pink, oneMinusPink), mix(s.b, green, pink, oneMinusPink), s.a});
         }
+        // The region pass stores the weighted alpha before the blend reads it.
+        if (regionRow != nullptr) s.a = stored(d, hn::Mul(s.a, load(d, regionRow, x).a));
         const V<D> k = hn::Mul(s.a, alpha);
         const V<D> oneMinusK = hn::Sub(one, k);
         c = Px<D>{mix(in.r, s.r, k, oneMinusK), mix(in.g, s.g, k, oneMinusK), mix(in.b, s.b, k, oneMinusK), in.a};

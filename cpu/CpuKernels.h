@@ -92,6 +92,12 @@ struct TailJob {
   bool whiten;
   float whitenFactor;
   const float* pinkCurve;  // 256 levels, 0..1
+  // The region weights (a level in each byte of a word, `input.width` words a row), or null for the whole
+  // frame: the skin layer's alpha is multiplied by them before the blend. Rows outside [regionFirstRow,
+  // regionEndRow) weigh nothing: they skip the skin stages, whose layer holds nothing there.
+  const uint32_t* region;
+  int regionFirstRow;
+  int regionEndRow;
   bool preset;
   float presetMatrix[4][4];  // row k forms output channel k (r, g, b, a) from colour * 255
   float presetOffset[4];

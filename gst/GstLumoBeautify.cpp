@@ -6,6 +6,10 @@
 
 #include <lumo/lumo.h>
 
+#if LUMO_HAVE_FACES
+#include "FaceRegions.h"
+#endif
+
 #include <memory>
 #include <new>
 #include <string>
@@ -21,6 +25,8 @@ using lumo::BeautifySettings;
 struct Settings {
   BeautifySettings beautify;
   gint engine = static_cast<gint>(lumo::EngineKind::Auto);
+  bool faces = false;
+  std::string faceCascade;  // empty: Debian's
 
   bool passthrough() const { return beautify.mask == 0 && beautify.preset == 0; }
 };
@@ -31,6 +37,11 @@ struct State {
   std::unique_ptr<lumo::BeautifyEngine> filter;  // made in start(), gone after stop()
   // Draws the frames the GL engine cannot (see transformFrame); made on the first such frame.
   std::unique_ptr<lumo::BeautifyEngine> fallback;
+#if LUMO_HAVE_FACES
+  // With the faces property on: the regions of the faces in each frame; made on the first such frame.
+  std::unique_ptr<lumo::faces::FaceRegions> faces;
+#endif
+  bool regionLimited = false;  // the engines have a region mask in force
 };
 
 enum Property : guint {
@@ -42,6 +53,8 @@ enum Property : guint {
   kPropSharpen,
   kPropSkinWhiten,
   kPropEngine,
+  kPropFaces,
+  kPropFaceCascade,
 };
 
 }  // namespace
@@ -115,6 +128,11 @@ void setProperty(GObject* object, guint id, const GValue* value, GParamSpec* psp
     settings.beautify.preset = static_cast<int32_t>(g_value_get_uint(value));
   } else if (id == kPropEngine) {
     settings.engine = g_value_get_enum(value);
+  } else if (id == kPropFaces) {
+    settings.faces = g_value_get_boolean(value) != FALSE;
+  } else if (id == kPropFaceCascade) {
+    const gchar* path = g_value_get_string(value);
+    settings.faceCascade = path != nullptr ? path : "";
   } else if (gfloat* field = floatField(settings, id)) {
     *field = g_value_get_float(value);
   } else {
@@ -133,6 +151,10 @@ void getProperty(GObject* object, guint id, GValue* value, GParamSpec* pspec) {
     g_value_set_uint(value, static_cast<guint>(settings.beautify.preset));
   } else if (id == kPropEngine) {
     g_value_set_enum(value, settings.engine);
+  } else if (id == kPropFaces) {
+    g_value_set_boolean(value, settings.faces ? TRUE : FALSE);
+  } else if (id == kPropFaceCascade) {
+    g_value_set_string(value, settings.faceCascade.c_str());
   } else if (gfloat* field = floatField(settings, id)) {
     g_value_set_float(value, *field);
   } else {
@@ -179,6 +201,10 @@ gboolean stop(GstBaseTransform* transform) {
   withCallerContext([&] {
     element->state.filter.reset();
     element->state.fallback.reset();
+#if LUMO_HAVE_FACES
+    element->state.faces.reset();
+#endif
+    element->state.regionLimited = false;
     return 0;
   });
   return TRUE;
@@ -252,6 +278,41 @@ bool renderInto(lumo::BeautifyEngine& engine, const lumo::PixelBufferRef& input,
   });
 }
 
+// With the faces property on, hands the engine this frame's face regions (the first frame waits for its
+// detection, later ones take the faces a worker thread carries); off again, the whole frame. False, with
+// the error posted, when faces are wanted and cannot be found.
+bool limitToFaces(GstLumoBeautify* element, const Settings& settings, lumo::BeautifyEngine& filter,
+                  lumo::PixelBuffer& input) {
+  State& state = element->state;
+  if (!settings.faces) {
+    if (state.regionLimited) filter.setRegionMask(lumo::RegionMask::whole());
+    state.regionLimited = false;
+    return true;
+  }
+#if LUMO_HAVE_FACES
+  if (!state.faces) {
+    lumo::faces::FaceRegionsSettings faceSettings = lumo::faces::FaceRegionsSettings::video();
+    faceSettings.detector.cascade = settings.faceCascade;
+    std::string why;
+    state.faces = lumo::faces::FaceRegions::create(faceSettings, &why);
+    if (!state.faces) {
+      GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("lumobeautify cannot find faces: %s", why.c_str()), (nullptr));
+      return false;
+    }
+    GST_INFO_OBJECT(element, "faces: cascade %s", state.faces->cascadePath().c_str());
+  }
+  filter.setRegionMask(state.faces->regionsFor(input));
+  state.regionLimited = true;
+  return true;
+#else
+  (void)filter;
+  (void)input;
+  GST_ELEMENT_ERROR(element, RESOURCE, FAILED,
+                    ("lumobeautify was built without face detection (OpenCV's objdetect)"), (nullptr));
+  return false;
+#endif
+}
+
 GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, GstVideoFrame* out) {
   GstLumoBeautify* element = self(videoFilter);
   lumo::BeautifyEngine* filter = element->state.filter.get();
@@ -278,7 +339,12 @@ GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, Gst
                       ("wrapping the frame failed with status %d", wrapped));
     return GST_FLOW_ERROR;
   }
+  if (!limitToFaces(element, settings, *filter, *input)) return GST_FLOW_ERROR;
   if (renderInto(*filter, input, out)) return GST_FLOW_OK;
+  // No face, and only skin-gated passes asked for: the frame is rightly unchanged.
+  if (element->state.regionLimited && filter->regionMask().ellipses.empty()) {
+    return gst_video_frame_copy(out, in) ? GST_FLOW_OK : GST_FLOW_ERROR;
+  }
   // Not in passthrough, so a pass was due: the GL engine could not draw this frame (larger than the GPU's
   // texture limit, a first frame of 1 x 1, a lost context, a format it does not map). The CPU engine draws
   // the same picture.
@@ -292,6 +358,7 @@ GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, Gst
                           (nullptr));
     }
     element->state.fallback->applySettings(settings.beautify);
+    element->state.fallback->setRegionMask(filter->regionMask());
     if (renderInto(*element->state.fallback, input, out)) return GST_FLOW_OK;
   }
   GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify could not process a %d x %d frame", width, height),
@@ -336,6 +403,17 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
           "engine", "Engine", "Where the passes run; chosen when the element starts", engineType(),
           static_cast<gint>(lumo::EngineKind::Auto),
           static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS | GST_PARAM_MUTABLE_READY)));
+  g_object_class_install_property(
+      objectClass, kPropFaces,
+      g_param_spec_boolean("faces", "Faces only",
+                           "Smoothing and skin whitening on the faces OpenCV's detector finds only", FALSE,
+                           kParamFlags));
+  g_object_class_install_property(
+      objectClass, kPropFaceCascade,
+      g_param_spec_string("face-cascade", "Face cascade",
+                          "The detector's cascade file (empty: Debian's frontal-face cascade); read when the "
+                          "first frame with faces on arrives",
+                          "", static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)));
   g_object_class_install_property(
       objectClass, kPropSkinWhiten,
       floatSpec("skin-whiten", "Skin whiten", "Pink whiten strength on skin", BeautifySettings::kSkinWhiten));

@@ -15,6 +15,7 @@ packages=(
   # MOV, Matroska and WebM muxers in -good, opusenc, parsebin and decodebin in -base.
   gstreamer1.0-libav gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly
   libbenchmark-dev libopencv-core-dev libopencv-imgproc-dev  # lumo-bench and its CPU baseline
+  libopencv-objdetect-dev opencv-data                   # lumo_faces: the faces-only option
   pybind11-dev python3-dev python3-numpy                # the Python package lumo
   python3-opencv python3-distributed python3-pytest     # lumo.batch and the Python tests
   clang libclang-rt-14-dev                              # libFuzzer for scripts/fuzz.sh

@@ -45,7 +45,7 @@ TEST_F(Tool, SimdCapIsNamedAndDrawsTheSamePicture) {
   const Outcome scalar = run("'" LUMO_SAMPLE_IMAGE "' -o scalar.png --engine cpu --simd scalar");
   ASSERT_EQ(scalar.status, 0) << scalar.err;
   EXPECT_NE(scalar.err.find("engine cpu (SCALAR;"), std::string::npos) << scalar.err;
-  EXPECT_EQ(readFile(dir_ / "scalar.png"), readFile(dir_ / "best.png"));
+  EXPECT_EQ(lumo::testing::readFile(dir_ / "scalar.png"), lumo::testing::readFile(dir_ / "best.png"));
   const Outcome bad = run("--simd neon");
   EXPECT_EQ(bad.status, 2);
   EXPECT_NE(bad.err.find("--simd wants best, avx3, avx2, sse4 or scalar, got 'neon'"), std::string::npos) << bad.err;

@@ -191,6 +191,16 @@ TEST(YuvFramesAcrossEngines, GlAndCpuEnginesDrawTheSamePlanes) {
       EXPECT_LT(agree(gl, nv12, 0, luma).within2, 0.9) << "drawn, not handed back";
     }
   }
+  // Sharpen alone: the CPU engine converts the whole frame before the pass and back after it.
+  std::unique_ptr<BeautifyEngine> glSharpen = engineOf(EngineKind::Gl, BeautifySharpen);
+  std::unique_ptr<BeautifyEngine> cpuSharpen = engineOf(EngineKind::Cpu, BeautifySharpen);
+  glSharpen->setSharppenFactor(0.5f);
+  cpuSharpen->setSharppenFactor(0.5f);
+  const Raw gl = render(*glSharpen, nv12, kPixelFormatNV12, w, h);
+  const Raw cpu = render(*cpuSharpen, nv12, kPixelFormatNV12, w, h);
+  EXPECT_GE(agree(gl, cpu, 0, luma).within2, 0.995);
+  EXPECT_GE(agree(gl, cpu, luma, gl.size()).within2, 0.995);
+  EXPECT_LT(agree(cpu, nv12, 0, luma).within2, 0.9) << "drawn, not handed back";
 }
 
 // Deinterleaves NV12's chroma plane into I420's two planes.

@@ -341,6 +341,9 @@ void Transcode::addVideo(GstPad* pad) {
                static_cast<gdouble>(b.whiten), "sharpen", static_cast<gdouble>(b.sharpen), "skin-whiten",
                static_cast<gdouble>(b.skinWhiten), nullptr);
   gst_util_set_object_arg(G_OBJECT(beautify), "engine", engineKindName(settings_.engine));
+  if (settings_.faces) {
+    g_object_set(beautify, "faces", TRUE, "face-cascade", settings_.faceCascade.c_str(), nullptr);
+  }
   Ref<GstPad> counted(gst_element_get_static_pad(beautify, "src"));
   gst_pad_add_probe(counted.get(), GST_PAD_PROBE_TYPE_BUFFER, onFrame, this, nullptr);
 

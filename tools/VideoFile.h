@@ -39,6 +39,8 @@ struct VideoSettings {
   int bitrateKbps = 0;   // average bitrate instead of constant quality; 0: not asked
   BeautifySettings beautify;
   EngineKind engine = EngineKind::Auto;
+  bool faces = false;       // the skin-gated passes on faces only (the element's faces property)
+  std::string faceCascade;  // empty: Debian's
 };
 
 struct VideoProgress {

@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "FaceFinder.h"
 #include "ImageIO.h"
 #include "RawStream.h"
 #include "SafeFile.h"
@@ -51,6 +52,9 @@ struct Options {
   int crf = -1;
   int bitrateKbps = 0;
   std::string videoOption;  // the first video-only option given, for the message when there is no video
+  bool faces = false;
+  std::string faceCascade;
+  std::shared_ptr<lumo::tools::FaceFinder> faceFinder;  // with --faces, made once the options are read
 };
 
 void printHelp() {
@@ -90,6 +94,10 @@ void printHelp() {
       "                          software rasterizer or there is no GL, the GPU otherwise)\n"
       "      --simd S            cap the CPU engine's instruction set: best, avx3, avx2, sse4 or scalar\n"
       "                          (default: best; the engine line on stderr names the one in use)\n"
+      "      --faces             smoothing and skin whitening on faces only (OpenCV's face detector);\n"
+      "                          a frame without a face gets the whole-frame passes only\n"
+      "      --face-cascade FILE the detector's cascade file, implies --faces (default: Debian's\n"
+      "                          /usr/share/opencv4/haarcascades/haarcascade_frontalface_alt2.xml)\n"
       "  -h, --help              this text\n"
       "      --version           the library's version\n");
 }
@@ -284,6 +292,11 @@ Options parse(int argc, char** argv) {
       options.beautify.whiten = parseRange(arg, value(), settings::kWhiten);
     } else if (arg == "--sharpen") {
       options.beautify.sharpen = parseRange(arg, value(), settings::kSharpen);
+    } else if (arg == "--faces") {
+      options.faces = true;
+    } else if (arg == "--face-cascade") {
+      options.faces = true;
+      options.faceCascade = value();
     } else if (arg == "--skin-whiten") {
       options.beautify.skinWhiten = parseRange(arg, value(), settings::kSkinWhiten);
     } else if (arg.size() > 1 && arg[0] == '-') {
@@ -301,6 +314,15 @@ Options parse(int argc, char** argv) {
   }
   if (options.rawWidth > 0 && (options.input.empty() || options.output.empty())) {
     usageError("--raw needs an input (- for stdin) and -o OUT (- for stdout)");
+  }
+  if (options.faces) {
+    lumo::tools::SignalsHeld held;  // a stream's detection thread leaves signals to the main thread
+    std::string why;
+    options.faceFinder = lumo::tools::FaceFinder::create(options.faceCascade, options.rawWidth > 0, &why);
+    if (!options.faceFinder) {
+      std::fprintf(stderr, "lumo-beautify: --faces: %s\n", why.c_str());
+      std::exit(kExitFailure);
+    }
   }
   return options;
 }
@@ -356,7 +378,16 @@ bool process(lumo::BeautifyEngine& filter, std::unique_ptr<lumo::BeautifyEngine>
     *why = "the frame could not be wrapped in a pixel buffer";
     return false;
   }
-  const bool drawsSomething = options.beautify.mask != 0 || options.beautify.preset != 0;
+  bool drawsSomething = options.beautify.mask != 0 || options.beautify.preset != 0;
+  if (options.faceFinder) {
+    options.faceFinder->apply(*input, filter);
+    // No face and only the skin-gated passes asked for: the frame rightly comes back as it was.
+    const int32_t skinPasses = lumo::BeautifyPolish | lumo::BeautifySkinWhiten;
+    if (filter.regionMask().ellipses.empty() && (options.beautify.mask & ~skinPasses) == 0 &&
+        options.beautify.preset == 0) {
+      drawsSomething = false;
+    }
+  }
   lumo::PixelBufferRef result = filter.render(input);
   if (result && result == input && drawsSomething) {
     if (!fallback) {
@@ -366,6 +397,7 @@ bool process(lumo::BeautifyEngine& filter, std::unique_ptr<lumo::BeautifyEngine>
       fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
       fallback->applySettings(options.beautify);
     }
+    fallback->setRegionMask(filter.regionMask());
     result = fallback->render(input);
   }
   if (!result || (result == input && drawsSomething)) {
@@ -488,6 +520,7 @@ int runPhoto(Options options) {
   filter->destroy();
   if (fallback) fallback->destroy();
   if (!drawn) return failure(options.input, "the picture could not be processed: " + error);
+  if (options.faceFinder) std::fprintf(stderr, "lumo-beautify: %s\n", options.faceFinder->summary().c_str());
 
   // Both files are written completely before either replaces anything.
   if (!writeEncoded(result, options.output, after, &error)) return failure(options.output, error);
@@ -615,6 +648,7 @@ int runStream(const Options& options) {
   const double p95 = sorted.empty() ? 0 : sorted[std::min(sorted.size() - 1, sorted.size() * 95 / 100)];
   std::fprintf(stderr, "lumo-beautify: %zu frame%s, mean %.2f ms, p95 %.2f ms per frame\n", millis.size(),
                millis.size() == 1 ? "" : "s", mean, p95);
+  if (options.faceFinder) std::fprintf(stderr, "lumo-beautify: %s\n", options.faceFinder->summary().c_str());
   return status;
 }
 
@@ -683,6 +717,8 @@ int runVideo(Options options) {
   video.bitrateKbps = options.bitrateKbps;
   video.beautify = options.beautify;
   video.engine = options.engine;
+  video.faces = options.faces;
+  video.faceCascade = options.faceCascade;
 
   std::string error;
   lumo::tools::FileId inputId;

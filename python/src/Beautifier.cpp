@@ -8,6 +8,14 @@
 #include <lumo/PixelBuffer.h>
 #include <lumo/PixelRows.h>
 
+#if LUMO_HAVE_FACES
+#include "FaceRegions.h"
+#else
+namespace lumo::faces {
+class FaceRegions {};  // never made in such a build
+}  // namespace lumo::faces
+#endif
+
 namespace lumo::python {
 namespace {
 
@@ -21,9 +29,11 @@ auto withCallerContext(Work&& work) {
   return result;
 }
 
-bool passDue(const BeautifySettings& settings) {
-  return FramePlan::make(settings.mask, settings.preset > 0 && settings.preset <= BeautifySettings::kPresetCount)
-      .any();
+bool passDue(const BeautifySettings& settings, bool noRegion) {
+  FramePlan plan =
+      FramePlan::make(settings.mask, settings.preset > 0 && settings.preset <= BeautifySettings::kPresetCount);
+  if (noRegion) plan.dropSkinBranch();
+  return plan.any();
 }
 
 }  // namespace
@@ -31,6 +41,40 @@ bool passDue(const BeautifySettings& settings) {
 Beautifier::Beautifier(EngineKind kind) {
   engine_ = withCallerContext([&] { return makeEngine(kind, &reason_); });
   if (!engine_) throw std::runtime_error("no " + std::string(engineKindName(kind)) + " engine: " + reason_);
+}
+
+void Beautifier::setFaces(FacesMode mode) {
+#if !LUMO_HAVE_FACES
+  if (mode != FacesMode::Off) {
+    throw std::runtime_error("this build has no face detection (it needs OpenCV's objdetect)");
+  }
+#endif
+  faces_.store(mode, std::memory_order_relaxed);
+}
+
+bool Beautifier::limitToFaces(PixelBuffer& input) {
+  const FacesMode mode = faces_.load(std::memory_order_relaxed);
+  if (mode != facesInForce_) {
+    faceRegions_.reset();
+    facesInForce_ = mode;
+    if (mode == FacesMode::Off) engine_->setRegionMask(RegionMask::whole());
+  }
+  if (mode == FacesMode::Off) return false;
+#if LUMO_HAVE_FACES
+  if (!faceRegions_) {
+    std::string why;
+    faceRegions_ = faces::FaceRegions::create(
+        mode == FacesMode::Video ? faces::FaceRegionsSettings::video() : faces::FaceRegionsSettings::photos(), &why);
+    if (!faceRegions_) throw std::runtime_error("cannot find faces: " + why);
+  }
+  RegionMask mask = faceRegions_->regionsFor(input);
+  const bool none = mask.ellipses.empty();
+  engine_->setRegionMask(std::move(mask));
+  return none;
+#else
+  (void)input;
+  return false;
+#endif
 }
 
 Beautifier::~Beautifier() {
@@ -78,10 +122,11 @@ bool Beautifier::process(const FrameFormat& format, const FrameView& in, const F
                          YuvColorimetry colorimetry) {
   const std::lock_guard<std::mutex> lock(mutex_);
   const PixelBufferRef input = wrap(format, in, colorimetry);
+  const bool noRegion = limitToFaces(*input);
   const BeautifySettings wanted = engine_->wantedSettings();
   PixelBufferRef result = render(*engine_, input);
   // A setter racing this frame may have switched every pass off: only a pass due before and after counts.
-  const bool due = passDue(wanted) && passDue(engine_->wantedSettings());
+  const bool due = passDue(wanted, noRegion) && passDue(engine_->wantedSettings(), noRegion);
   bool fellBack = false;
   if (result == input && due && engine_->kind() == EngineKind::Gl) {
     // A frame the GL engine cannot draw (beyond its texture limit, a first frame of 1 x 1): the CPU engine
@@ -91,6 +136,7 @@ bool Beautifier::process(const FrameFormat& format, const FrameView& in, const F
       fellBack = true;
     }
     fallback_->applySettings(wanted);
+    fallback_->setRegionMask(engine_->regionMask());
     result = render(*fallback_, input);
   }
   if (!result) throw std::runtime_error("the engine is not created");

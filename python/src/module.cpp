@@ -256,6 +256,24 @@ void setField(Beautifier& beautifier, Field field) {
   beautifier.applySettings(settings);
 }
 
+// faces=: False (everywhere), True or 'video' (a video's frames, faces carried between detections), or
+// 'photos' (each picture's own faces).
+FacesMode parseFaces(const py::object& value) {
+  if (py::isinstance<py::bool_>(value)) return value.cast<bool>() ? FacesMode::Video : FacesMode::Off;
+  if (py::isinstance<py::str>(value)) {
+    const std::string name = value.cast<std::string>();
+    if (name == "video") return FacesMode::Video;
+    if (name == "photos") return FacesMode::Photos;
+  }
+  valueError("faces wants False, True, 'video' or 'photos', got " + py::repr(value).cast<std::string>());
+  return FacesMode::Off;
+}
+
+py::object facesValue(FacesMode mode) {
+  if (mode == FacesMode::Off) return py::bool_(false);
+  return py::str(mode == FacesMode::Video ? "video" : "photos");
+}
+
 }  // namespace
 }  // namespace lumo::python
 
@@ -302,21 +320,23 @@ that may change between frames (and from any thread). One frame at a time: threa
 are serialised; give each thread its own to run frames in parallel.)doc")
       .def(py::init([](const std::string& engine, const py::object& mask, const py::object& preset,
                        const py::object& polishStep, const py::object& polishFactor, const py::object& whiten,
-                       const py::object& sharpen, const py::object& skinWhiten) {
+                       const py::object& sharpen, const py::object& skinWhiten, const py::object& faces) {
              lumo::EngineKind kind;
              if (!lumo::parseEngineKind(engine, &kind)) {
                lp::valueError("engine wants auto, gl or cpu, got '" + engine + "'");
              }
              const Settings settings =
                  lp::parseSettings(mask, preset, polishStep, polishFactor, whiten, sharpen, skinWhiten);
+             const lp::FacesMode facesMode = lp::parseFaces(faces);
              auto beautifier = std::make_unique<Beautifier>(kind);
              beautifier->applySettings(settings);
+             beautifier->setFaces(facesMode);
              return beautifier;
            }),
            py::arg("engine") = "auto", py::arg("mask") = defaults.mask, py::arg("preset") = defaults.preset,
            py::arg("polish_step") = defaults.polishStep, py::arg("polish_factor") = defaults.polishFactor,
            py::arg("whiten") = defaults.whiten, py::arg("sharpen") = defaults.sharpen,
-           py::arg("skin_whiten") = defaults.skinWhiten)
+           py::arg("skin_whiten") = defaults.skinWhiten, py::arg("faces") = false)
       .def("process", &lp::process, py::arg("frame"), py::arg("out") = py::none(), py::kw_only(),
            py::arg("format") = py::none(), py::arg("matrix") = py::none(), py::arg("range") = py::none(),
            "Beautifies one frame; returns a new array, or `out` filled (same shape, may be `frame` itself). "
@@ -326,6 +346,12 @@ are serialised; give each thread its own to run frames in parallel.)doc")
       .def_property_readonly("engine", [](const Beautifier& b) { return lumo::engineKindName(b.kind()); },
                              "'gl' or 'cpu': the engine that runs")
       .def_property_readonly("engine_reason", &Beautifier::reason, "what decided the engine")
+      .def_property(
+          "faces", [](const Beautifier& b) { return lp::facesValue(b.faces()); },
+          [](Beautifier& b, const py::object& v) { b.setFaces(lp::parseFaces(v)); },
+          "smoothing and skin whitening on faces only: False (everywhere), True or 'video' (a video's frames, "
+          "detections every third frame on a worker thread), or 'photos' (each frame its own detection); a frame "
+          "without a face gets the whole-frame passes only")
       .def_property(
           "mask", [](const Beautifier& b) { return b.settings().mask; },
           [](Beautifier& b, const py::object& v) {
