@@ -14,7 +14,7 @@ ctest --preset release -j "$jobs"
 
 cmake --preset asan
 cmake --build --preset asan -j "$jobs"
-# Mesa's driver keeps a few allocations for the life of the process; scripts/lsan.supp names them.
+# scripts/lsan.supp names what libraries keep for the life of the process (GLib at load time, libx265).
 ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS="suppressions=$PWD/scripts/lsan.supp:print_suppressions=0" \
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --preset asan -j "$jobs"
