@@ -61,22 +61,19 @@ int32_t LumoImageFilter::destroy() {
       glDeleteFramebuffers(1, &m_hFrameBufferPool[0]);
       glDeleteFramebuffers(1, &m_hFrameBufferPool[1]);
       globjects::noteDeleted((m_hFrameBufferPool[0] != 0) + (m_hFrameBufferPool[1] != 0));
-      if (conversionFramebuffer_ != 0) {
-        glDeleteFramebuffers(1, &conversionFramebuffer_);
-        globjects::noteDeleted(1);
-      }
+      conversionFramebuffer_.reset();
       yuvToRgb_.reset();
       rgbToLuma_.reset();
       rgbToChroma_.reset();
     } else {
       // No context to delete them in: the programs went with it.
+      conversionFramebuffer_.release();  // NOLINT(bugprone-unused-return-value)
       yuvToRgb_.release();     // NOLINT(bugprone-unused-return-value)
       rgbToLuma_.release();    // NOLINT(bugprone-unused-return-value)
       rgbToChroma_.release();  // NOLINT(bugprone-unused-return-value)
     }
     m_hFrameBufferPool[0] = 0;
     m_hFrameBufferPool[1] = 0;
-    conversionFramebuffer_ = 0;
     yuvInputRgb_.reset();
     yuvOutput_.reset();
     regionBuffer_.reset();
@@ -267,8 +264,7 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
     rgbToLuma_->initProgram();
     rgbToChroma_ = std::make_unique<VideoProcessRgbToYuvFilter>(false);
     rgbToChroma_->initProgram();
-    glGenFramebuffers(1, &conversionFramebuffer_);
-    globjects::noteCreated(1);
+    conversionFramebuffer_.reset(gl::genFramebuffer());
   }
   if (!yuvInputRgb_ || !yuvOutput_) return pixelBuffer;
 
@@ -351,7 +347,7 @@ void LumoImageFilter::mapFrameTextures(const PixelBufferRef& first, TextureRef* 
 
 void LumoImageFilter::drawConversion(VideoProcessFilter* filter, const Texture* target, int32_t width,
                                      int32_t height) {
-  glBindFramebuffer(GL_FRAMEBUFFER, conversionFramebuffer_);
+  glBindFramebuffer(GL_FRAMEBUFFER, conversionFramebuffer_.get());
   glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target->name(), 0);
   glViewport(0, 0, width, height);
   glUseProgram(filter->program());

@@ -8,6 +8,7 @@
 #include "FramePlan.h"
 #include "Export.h"
 #include "GLContext.h"
+#include "GlHandle.h"
 #include "PixelBuffer.h"
 #include "RegionMask.h"
 #include "TextureCache.h"
@@ -127,7 +128,7 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   std::unique_ptr<VideoProcessYuvToRgbFilter> yuvToRgb_;
   std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToLuma_;
   std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToChroma_;
-  uint32_t conversionFramebuffer_ = 0;
+  GlFramebuffer conversionFramebuffer_;
 
   // The host's region mask as last taken, its weights at the frame size, the buffer they are uploaded from
   // and the pass that applies them (made on the first limited frame).

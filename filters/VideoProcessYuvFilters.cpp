@@ -77,7 +77,7 @@ void VideoProcessYuvToRgbFilter::setUniforms(int32_t pass) {
   for (int i = 0; i < 3; ++i) glUniform4fv(rowsUniform_[i], 1, rows[static_cast<size_t>(i)].data());
 }
 
-VideoProcessRgbToYuvFilter::VideoProcessRgbToYuvFilter(bool luma) : luma_(luma) {
+VideoProcessRgbToYuvFilter::VideoProcessRgbToYuvFilter(bool luma) {
   setFragmentShader(luma ? kRgbToLumaFragmentShaderString : kRgbToYuvFragmentShaderString);
 }
 
@@ -91,7 +91,7 @@ void VideoProcessRgbToYuvFilter::initUniforms(uint32_t program) {
 }
 
 void VideoProcessRgbToYuvFilter::setPlane(Plane plane, int32_t width, int32_t height, YuvColorimetry colorimetry) {
-  plane_ = luma_ ? Plane::Luma : (plane == Plane::Luma ? Plane::Cb : plane);
+  plane_ = plane;
   width_ = width;
   height_ = height;
   colorimetry_ = colorimetry;

@@ -39,7 +39,7 @@ class VideoProcessYuvToRgbFilter : public VideoProcessFilter {
 // whose texels are the plane's bytes, four at a time (Y, Cb or Cr: four samples a texel; NV12's CbCr: two
 // pairs), so that the plane is read back as it is stored. A chroma sample is the mean of its 2 x 2 block of
 // pixels (the last column or row repeated at an odd edge), converted. One program draws luma (one fetch a
-// sample), another the chroma planes.
+// sample: Plane::Luma only), another the chroma planes.
 class VideoProcessRgbToYuvFilter : public VideoProcessFilter {
  public:
   enum class Plane { Luma, ChromaInterleaved, Cb, Cr };
@@ -57,7 +57,6 @@ class VideoProcessRgbToYuvFilter : public VideoProcessFilter {
   int32_t samplesPerTexelUniform_ = -1;
   int32_t sampleInTexelUniform_ = -1;
   int32_t rowsUniform_ = -1;
-  bool luma_;
   Plane plane_ = Plane::Luma;
   int32_t width_ = 1;
   int32_t height_ = 1;

@@ -82,6 +82,23 @@ const char* pixelFormatName(uint32_t pixelFormat) {
   return nullptr;
 }
 
+bool parseYuvMatrix(const std::string& name, YuvMatrix* matrix) {
+  if (name != "bt601" && name != "bt709") return false;
+  *matrix = name == "bt601" ? YuvMatrix::Bt601 : YuvMatrix::Bt709;
+  return true;
+}
+
+bool parseYuvRange(const std::string& name, YuvRange* range) {
+  if (name == "limited" || name == "tv") {
+    *range = YuvRange::Limited;
+  } else if (name == "full" || name == "pc") {
+    *range = YuvRange::Full;
+  } else {
+    return false;
+  }
+  return true;
+}
+
 bool parsePixelFormat(const std::string& name, uint32_t* pixelFormat) {
   std::string lower = name;
   for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));

@@ -57,6 +57,9 @@ struct YuvColorimetry {
   bool operator==(const YuvColorimetry& other) const { return matrix == other.matrix && range == other.range; }
   bool operator!=(const YuvColorimetry& other) const { return !(*this == other); }
 };
+// "bt601" or "bt709"; "limited" (or "tv") or "full" (or "pc"), as FFmpeg names them. False otherwise.
+LUMO_EXPORT bool parseYuvMatrix(const std::string& name, YuvMatrix* matrix);
+LUMO_EXPORT bool parseYuvRange(const std::string& name, YuvRange* range);
 // `colorimetry` with Auto parts resolved for a frame of `height` rows.
 LUMO_EXPORT YuvColorimetry resolveColorimetry(YuvColorimetry colorimetry, int32_t height);
 

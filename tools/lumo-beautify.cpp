@@ -253,20 +253,12 @@ Options parse(int argc, char** argv) {
       formatGiven = true;
     } else if (arg == "--matrix") {
       const std::string name = value();
-      if (name == "bt601") {
-        options.colorimetry.matrix = lumo::YuvMatrix::Bt601;
-      } else if (name == "bt709") {
-        options.colorimetry.matrix = lumo::YuvMatrix::Bt709;
-      } else {
+      if (!lumo::parseYuvMatrix(name, &options.colorimetry.matrix)) {
         usageError("option --matrix wants bt601 or bt709, got '" + name + "'");
       }
     } else if (arg == "--range") {
       const std::string name = value();
-      if (name == "limited" || name == "tv") {
-        options.colorimetry.range = lumo::YuvRange::Limited;
-      } else if (name == "full" || name == "pc") {
-        options.colorimetry.range = lumo::YuvRange::Full;
-      } else {
+      if (!lumo::parseYuvRange(name, &options.colorimetry.range)) {
         usageError("option --range wants limited or full, got '" + name + "'");
       }
     } else if (arg == "--engine") {

@@ -188,25 +188,12 @@ bool overlaps(const py::array& a, const py::array& b) {
 
 YuvColorimetry colorimetryOf(const py::object& matrix, const py::object& range) {
   YuvColorimetry colorimetry;
-  if (!matrix.is_none()) {
-    const std::string text = py::isinstance<py::str>(matrix) ? matrix.cast<std::string>() : "";
-    if (text == "bt601") {
-      colorimetry.matrix = YuvMatrix::Bt601;
-    } else if (text == "bt709") {
-      colorimetry.matrix = YuvMatrix::Bt709;
-    } else {
-      valueError("matrix wants 'bt601' or 'bt709', got " + py::repr(matrix).cast<std::string>());
-    }
+  auto text = [](const py::object& value) { return py::isinstance<py::str>(value) ? value.cast<std::string>() : ""; };
+  if (!matrix.is_none() && !parseYuvMatrix(text(matrix), &colorimetry.matrix)) {
+    valueError("matrix wants 'bt601' or 'bt709', got " + py::repr(matrix).cast<std::string>());
   }
-  if (!range.is_none()) {
-    const std::string text = py::isinstance<py::str>(range) ? range.cast<std::string>() : "";
-    if (text == "limited") {
-      colorimetry.range = YuvRange::Limited;
-    } else if (text == "full") {
-      colorimetry.range = YuvRange::Full;
-    } else {
-      valueError("range wants 'limited' or 'full', got " + py::repr(range).cast<std::string>());
-    }
+  if (!range.is_none() && !parseYuvRange(text(range), &colorimetry.range)) {
+    valueError("range wants 'limited' or 'full', got " + py::repr(range).cast<std::string>());
   }
   return colorimetry;
 }

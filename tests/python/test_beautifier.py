@@ -156,7 +156,7 @@ def test_yuv_colorimetry_is_checked():
     with pytest.raises(ValueError, match="matrix wants 'bt601' or 'bt709', got 'bt2020'"):
         beautifier.process(frame, format="nv12", matrix="bt2020")
     with pytest.raises(ValueError, match="range wants 'limited' or 'full'"):
-        beautifier.process(frame, format="nv12", range="tv")
+        beautifier.process(frame, format="nv12", range="narrow")
     with pytest.raises(ValueError, match="matrix and range are for nv12 and i420 frames, not bgr"):
         beautifier.process(np.zeros((8, 8, 3), np.uint8), matrix="bt601")
 
