@@ -388,16 +388,13 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuW
   cpu::BilateralJob job{};
   job.factor = polish_color_distance_factor_.load(std::memory_order_relaxed);
   job.pad = scratch_->pad;
-  job.ringSize = 2 * scratch_->pad + 2;
-  job.floatRowLength = scratch_->rowLength;
-  job.floatScratchPerWorker = static_cast<size_t>(job.ringSize + 1) * 4 * scratch_->rowLength;
+  job.floatScratchPerWorker = cpu::bilateralScratchFloats(width_, scratch_->pad);
   const size_t workers = static_cast<size_t>(pool_->size());
   if (scratch_->floatRows.size() < job.floatScratchPerWorker * workers) {
     scratch_->floatRows.assign(job.floatScratchPerWorker * workers, 0.0f);
   }
-  if (scratch_->ringRows.size() < static_cast<size_t>(job.ringSize) * workers) {
-    scratch_->ringRows.assign(static_cast<size_t>(job.ringSize) * workers, -1);
-  }
+  const size_t ringRows = (2 * static_cast<size_t>(scratch_->pad) + 2) * workers;
+  if (scratch_->ringRows.size() < ringRows) scratch_->ringRows.assign(ringRows, -1);
   job.floatScratch = scratch_->floatRows.data();
   job.ringRows = scratch_->ringRows.data();
   for (int i = 0; i < 8; ++i) {

@@ -183,17 +183,23 @@ struct FloatRow {
 
 FloatRow floatRow(float* base, size_t length) { return {base, base + length, base + 2 * length, base + 3 * length}; }
 
+// Columns [x0, x0 + count) of row y into `row` at [0, count).
+template <class D>
+HWY_INLINE void convertColumns(D d, const ConstImage& in, int y, int x0, int count, const FloatRow& row) {
+  const uint8_t* source = in.row(y) + 4 * static_cast<size_t>(x0);
+  forEachVector(d, count, [&](int x) {
+    const Px<D> p = load(d, source, x);
+    hn::StoreU(p.r, d, row.r + x);
+    hn::StoreU(p.g, d, row.g + x);
+    hn::StoreU(p.b, d, row.b + x);
+    hn::StoreU(p.a, d, row.a + x);
+  });
+}
+
 // Converts row y into `row` at [pad, pad + width) and repeats the edge texels into the pads.
 template <class D>
 HWY_INLINE void convertRow(D d, const ConstImage& in, int y, const FloatRow& row, int pad) {
-  const uint8_t* source = in.row(y);
-  forEachVector(d, in.width, [&](int x) {
-    const Px<D> p = load(d, source, x);
-    hn::StoreU(p.r, d, row.r + pad + x);
-    hn::StoreU(p.g, d, row.g + pad + x);
-    hn::StoreU(p.b, d, row.b + pad + x);
-    hn::StoreU(p.a, d, row.a + pad + x);
-  });
+  convertColumns(d, in, y, 0, in.width, row.shifted(pad));
   for (float* plane : {row.r, row.g, row.b, row.a}) {
     std::fill(plane, plane + pad, plane[pad]);
     std::fill(plane + pad + in.width, plane + 2 * pad + in.width, plane[pad + in.width - 1]);
@@ -205,17 +211,12 @@ HWY_INLINE Px<D> loadRow(D d, const FloatRow& row, int x) {
   return {hn::LoadU(d, row.r + x), hn::LoadU(d, row.g + x), hn::LoadU(d, row.b + x), hn::LoadU(d, row.a + x)};
 }
 
-// The rows a vertical pass reads, converted on first use and kept in a ring large enough for every row one
-// output row needs.
+// The rows of a strip of columns a vertical pass reads, converted on first use and kept in a ring large
+// enough for every row one output row needs.
 class RowRing {
  public:
-  RowRing(const BilateralJob& job, int worker)
-      : in_(job.in),
-        length_(job.floatRowLength),
-        size_(job.ringSize),
-        pad_(job.pad),
-        base_(job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker),
-        rows_(job.ringRows + static_cast<size_t>(worker) * static_cast<size_t>(job.ringSize)) {
+  RowRing(const ConstImage& in, int x0, int count, float* base, size_t planeLength, int* rows, int size)
+      : in_(in), x0_(x0), count_(count), planeLength_(planeLength), base_(base), rows_(rows), size_(size) {
     std::fill(rows_, rows_ + size_, -1);
   }
 
@@ -223,73 +224,230 @@ class RowRing {
   FloatRow get(D d, int y) {
     y = std::clamp(y, 0, in_.height - 1);
     const int slot = y % size_;
-    // Slot 0 of the scratch is the horizontal pass's row; the ring starts after it.
-    const FloatRow row = floatRow(base_ + (static_cast<size_t>(slot) + 1) * 4 * length_, length_);
+    const FloatRow row = floatRow(base_ + static_cast<size_t>(slot) * 4 * planeLength_, planeLength_);
     if (rows_[slot] != y) {
-      convertRow(d, in_, y, row, pad_);
+      convertColumns(d, in_, y, x0_, count_, row);
       rows_[slot] = y;
     }
-    return row.shifted(pad_);
+    return row;
   }
 
  private:
   ConstImage in_;
-  size_t length_;
-  int size_;
-  int pad_;
+  int x0_;
+  int count_;
+  size_t planeLength_;
   float* base_;
   int* rows_;
+  int size_;
 };
 
+// body(x0, count) over strips of at most kBilateralStrip columns, of even widths: none narrower than a
+// vector where the frame is not.
+template <typename Body>
+HWY_INLINE void forEachStrip(int width, const Body& body) {
+  const int strips = (width + kBilateralStrip - 1) / kBilateralStrip;
+  for (int i = 0; i < strips; ++i) {
+    const int x0 = width * i / strips;
+    body(x0, width * (i + 1) / strips - x0);
+  }
+}
+
+size_t ringOffset(const BilateralJob& job, int worker) {
+  return static_cast<size_t>(worker) * (2 * static_cast<size_t>(job.pad) + 2);
+}
+
+// One tap's weight: its spatial weight scaled down by the colour distance between centre and sample.
 template <class D>
-void BilateralRowsT(D d, const BilateralJob& job, int worker, int y0, int y1) {
-  const V<D> factor = hn::Set(d, job.factor);
+HWY_INLINE V<D> tapWeight(D d, const Px<D>& c, const Px<D>& s, V<D> spatial, V<D> factor) {
   const V<D> one = hn::Set(d, 1.0f);
+  const V<D> dr = hn::Sub(c.r, s.r);
+  const V<D> dg = hn::Sub(c.g, s.g);
+  const V<D> db = hn::Sub(c.b, s.b);
+  const V<D> da = hn::Sub(c.a, s.a);
+  const V<D> squared = hn::Add(hn::Add(hn::Add(hn::Mul(dr, dr), hn::Mul(dg, dg)), hn::Mul(db, db)), hn::Mul(da, da));
+  const V<D> distance = hn::Min(hn::Mul(hn::Sqrt(squared), factor), one);
+  return hn::Mul(spatial, hn::Sub(one, distance));
+}
+
+// The weighted mean of the centre and its eight taps, in tap order, stored as the pass's output; tap(i, s,
+// w) gives tap i's sample and weight, one tap at a time so that only the sums stay in registers.
+template <class D, typename Tap>
+HWY_INLINE void storeMean(D d, uint8_t* out, int x, const Px<D>& c, const Tap& tap) {
   const V<D> centreWeight = hn::Set(d, 0.18f);
-  const FloatRow horizontal =
-      floatRow(job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker, job.floatRowLength);
-  RowRing ring(job, worker);
-  for (int y = y0; y < y1; ++y) {
-    FloatRow centre{};
-    FloatRow first[8];
-    FloatRow second[8];
-    if (job.vertical) {
-      centre = ring.get(d, y);
-      for (int i = 0; i < 8; ++i) {
-        first[i] = ring.get(d, y + job.taps[i].index);
-        second[i] = job.taps[i].fraction != 0.0f ? ring.get(d, y + job.taps[i].index + 1) : first[i];
-      }
-    } else {
-      convertRow(d, job.in, y, horizontal, job.pad);
-      centre = horizontal.shifted(job.pad);
+  V<D> total = centreWeight;
+  Px<D> sum{hn::Mul(c.r, centreWeight), hn::Mul(c.g, centreWeight), hn::Mul(c.b, centreWeight),
+            hn::Mul(c.a, centreWeight)};
+  for (int i = 0; i < 8; ++i) {
+    Px<D> s;
+    V<D> weight;
+    tap(i, s, weight);
+    total = hn::Add(total, weight);
+    sum = {hn::Add(sum.r, hn::Mul(s.r, weight)), hn::Add(sum.g, hn::Mul(s.g, weight)),
+           hn::Add(sum.b, hn::Mul(s.b, weight)), hn::Add(sum.a, hn::Mul(s.a, weight))};
+  }
+  store(d, out, x, {hn::Div(sum.r, total), hn::Div(sum.g, total), hn::Div(sum.b, total), hn::Div(sum.a, total)});
+}
+
+// Any taps: each output pixel computes its eight weights.
+template <class D>
+void BilateralAnyTapsT(D d, const BilateralJob& job, int worker, int y0, int y1) {
+  const V<D> factor = hn::Set(d, job.factor);
+  float* scratch = job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker;
+  auto mean = [&](uint8_t* out, int width, const FloatRow& centre, const FloatRow* first, const FloatRow* second) {
+    forEachVector(d, width, [&](int x) {
+      const Px<D> c = loadRow(d, centre, x);
+      storeMean(d, out, x, c, [&](int i, Px<D>& s, V<D>& weight) {
+        s = loadRow(d, first[i], x);
+        if (job.taps[i].fraction != 0.0f) s = lerp(d, s, loadRow(d, second[i], x), job.taps[i].fraction);
+        weight = tapWeight(d, c, s, hn::Set(d, job.taps[i].weight), factor);
+      });
+    });
+  };
+  if (!job.vertical) {
+    const size_t length = static_cast<size_t>(job.in.width) + 2 * static_cast<size_t>(job.pad);
+    const FloatRow padded = floatRow(scratch, length);
+    for (int y = y0; y < y1; ++y) {
+      convertRow(d, job.in, y, padded, job.pad);
+      const FloatRow centre = padded.shifted(job.pad);
+      FloatRow first[8];
+      FloatRow second[8];
       for (int i = 0; i < 8; ++i) {
         first[i] = centre.shifted(job.taps[i].index);
         second[i] = centre.shifted(job.taps[i].index + 1);
       }
+      mean(job.out.row(y), job.in.width, centre, first, second);
     }
-    uint8_t* out = job.out.row(y);
-    forEachVector(d, job.in.width, [&](int x) {
-      const Px<D> c = loadRow(d, centre, x);
-      V<D> total = centreWeight;
-      Px<D> sum{hn::Mul(c.r, centreWeight), hn::Mul(c.g, centreWeight), hn::Mul(c.b, centreWeight),
-                hn::Mul(c.a, centreWeight)};
+    return;
+  }
+  forEachStrip(job.in.width, [&](int x0, int count) {
+    RowRing ring(job.in, x0, count, scratch, kBilateralStrip, job.ringRows + ringOffset(job, worker),
+                 2 * job.pad + 2);
+    for (int y = y0; y < y1; ++y) {
+      const FloatRow centre = ring.get(d, y);
+      FloatRow first[8];
+      FloatRow second[8];
       for (int i = 0; i < 8; ++i) {
-        Px<D> s = loadRow(d, first[i], x);
-        if (job.taps[i].fraction != 0.0f) s = lerp(d, s, loadRow(d, second[i], x), job.taps[i].fraction);
-        const V<D> dr = hn::Sub(c.r, s.r);
-        const V<D> dg = hn::Sub(c.g, s.g);
-        const V<D> db = hn::Sub(c.b, s.b);
-        const V<D> da = hn::Sub(c.a, s.a);
-        const V<D> squared =
-            hn::Add(hn::Add(hn::Add(hn::Mul(dr, dr), hn::Mul(dg, dg)), hn::Mul(db, db)), hn::Mul(da, da));
-        const V<D> distance = hn::Min(hn::Mul(hn::Sqrt(squared), factor), one);
-        const V<D> weight = hn::Mul(hn::Set(d, job.taps[i].weight), hn::Sub(one, distance));
-        total = hn::Add(total, weight);
-        sum = {hn::Add(sum.r, hn::Mul(s.r, weight)), hn::Add(sum.g, hn::Mul(s.g, weight)),
-               hn::Add(sum.b, hn::Mul(s.b, weight)), hn::Add(sum.a, hn::Mul(s.a, weight))};
+        first[i] = ring.get(d, y + job.taps[i].index);
+        second[i] = job.taps[i].fraction != 0.0f ? ring.get(d, y + job.taps[i].index + 1) : first[i];
       }
-      store(d, out, x, {hn::Div(sum.r, total), hn::Div(sum.g, total), hn::Div(sum.b, total), hn::Div(sum.a, total)});
+      mean(job.out.row(y) + 4 * static_cast<size_t>(x0), count, centre, first, second);
+    }
+  });
+}
+// Taps on texel centres, mirrored about the pixel with mirrored weights (any whole step): the weight of
+// pixel p's tap at +o is the weight of pixel p + o's tap at -o, since the colour difference only changes
+// sign and its square not at all. Each pair's weight is computed once and read by both pixels: half the
+// square roots and distances, the same bytes.
+struct MirroredTaps {
+  int offset[4];  // the taps at +offset[j] and -offset[j]
+  float weight[4];
+};
+
+bool mirroredTaps(const BilateralJob& job, MirroredTaps* taps) {
+  for (int j = 0; j < 4; ++j) {
+    const Tap& minus = job.taps[3 - j];
+    const Tap& plus = job.taps[4 + j];
+    if (minus.fraction != 0.0f || plus.fraction != 0.0f || minus.index != -plus.index || plus.index < 0 ||
+        minus.weight != plus.weight) {
+      return false;
+    }
+    taps->offset[j] = plus.index;
+    taps->weight[j] = plus.weight;
+  }
+  return true;
+}
+
+// weights[x] for x in [0, count): the tap weight between centre[x] and other[x].
+template <class D>
+HWY_INLINE void pairWeights(D d, int count, const FloatRow& centre, const FloatRow& other, float spatial,
+                            V<D> factor, float* weights) {
+  const V<D> w = hn::Set(d, spatial);
+  forEachVector(d, count, [&](int x) {
+    hn::StoreU(tapWeight(d, loadRow(d, centre, x), loadRow(d, other, x), w, factor), d, weights + x);
+  });
+}
+
+// Output pixels [0, count) from the centre, the eight samples and their weights, in tap order.
+template <class D>
+HWY_INLINE void meanOfRows(D d, int count, const FloatRow& centre, const FloatRow* samples,
+                           const float* const* weights, uint8_t* out) {
+  forEachVector(d, count, [&](int x) {
+    storeMean(d, out, x, loadRow(d, centre, x), [&](int i, Px<D>& s, V<D>& weight) {
+      s = loadRow(d, samples[i], x);
+      weight = hn::LoadU(d, weights[i] + x);
     });
+  });
+}
+
+template <class D>
+void BilateralMirroredT(D d, const BilateralJob& job, const MirroredTaps& taps, int worker, int y0, int y1) {
+  const V<D> factor = hn::Set(d, job.factor);
+  float* scratch = job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker;
+  const int width = job.in.width;
+  if (!job.vertical) {
+    const size_t length = static_cast<size_t>(width) + 2 * static_cast<size_t>(job.pad);
+    const FloatRow padded = floatRow(scratch, length);
+    float* pairs = scratch + 4 * length;  // a row per offset, from -pad
+    for (int y = y0; y < y1; ++y) {
+      convertRow(d, job.in, y, padded, job.pad);
+      const FloatRow centre = padded.shifted(job.pad);
+      FloatRow samples[8];
+      const float* weights[8];
+      for (int j = 0; j < 4; ++j) {
+        const int o = taps.offset[j];
+        float* row = pairs + static_cast<size_t>(j) * length + job.pad;
+        pairWeights(d, width + o, centre.shifted(-o), centre, taps.weight[j], factor, row - o);
+        samples[3 - j] = centre.shifted(-o);
+        weights[3 - j] = row - o;
+        samples[4 + j] = centre.shifted(o);
+        weights[4 + j] = row;
+      }
+      meanOfRows(d, width, centre, samples, weights, job.out.row(y));
+    }
+    return;
+  }
+  // Rows of pair weights: for each offset, a ring of the rows (y, y + o) computed so far, which row y + o
+  // reads back; rows whose partner above lies outside this band compute theirs afresh.
+  const int ringSize = 2 * job.pad + 2;
+  const int pairRing = job.pad;
+  const size_t stripPlane = kBilateralStrip;
+  float* pairs = scratch + static_cast<size_t>(ringSize) * 4 * stripPlane;
+  float* fresh = pairs + 4 * static_cast<size_t>(pairRing) * stripPlane;
+  forEachStrip(width, [&](int x0, int count) {
+    RowRing ring(job.in, x0, count, scratch, stripPlane, job.ringRows + ringOffset(job, worker), ringSize);
+    for (int y = y0; y < y1; ++y) {
+      const FloatRow centre = ring.get(d, y);
+      FloatRow samples[8];
+      const float* weights[8];
+      for (int j = 0; j < 4; ++j) {
+        const int o = taps.offset[j];
+        float* ringOfJ = pairs + static_cast<size_t>(j) * pairRing * stripPlane;
+        float* below = ringOfJ + static_cast<size_t>(y % pairRing) * stripPlane;
+        samples[4 + j] = ring.get(d, y + o);
+        pairWeights(d, count, centre, samples[4 + j], taps.weight[j], factor, below);
+        weights[4 + j] = below;
+        samples[3 - j] = ring.get(d, y - o);
+        if (y - o >= y0) {
+          weights[3 - j] = ringOfJ + static_cast<size_t>((y - o) % pairRing) * stripPlane;
+        } else {
+          float* above = fresh + static_cast<size_t>(j) * stripPlane;
+          pairWeights(d, count, centre, samples[3 - j], taps.weight[j], factor, above);
+          weights[3 - j] = above;
+        }
+      }
+      meanOfRows(d, count, centre, samples, weights, job.out.row(y) + 4 * static_cast<size_t>(x0));
+    }
+  });
+}
+
+template <class D>
+void BilateralRowsT(D d, const BilateralJob& job, int worker, int y0, int y1) {
+  MirroredTaps taps;
+  if (mirroredTaps(job, &taps)) {
+    BilateralMirroredT(d, job, taps, worker, y0, y1);
+  } else {
+    BilateralAnyTapsT(d, job, worker, y0, y1);
   }
 }
 
@@ -532,6 +690,15 @@ HWY_EXPORT(SharpenRowsImpl);
 HWY_EXPORT(TargetNameImpl);
 
 void skinDetectRows(const SkinJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(SkinDetectRowsImpl)(job, y0, y1); }
+size_t bilateralScratchFloats(int width, int pad) {
+  const size_t length = static_cast<size_t>(width) + 2 * static_cast<size_t>(pad);
+  const size_t horizontal = 8 * length;  // the padded row and a row of pair weights per offset
+  const size_t ringSize = 2 * static_cast<size_t>(pad) + 2;
+  // The ring of rows, a ring of pair weights per offset and a fresh row per offset.
+  const size_t vertical = (4 * ringSize + 4 * static_cast<size_t>(pad) + 4) * kBilateralStrip;
+  return std::max(horizontal, vertical);
+}
+
 void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(BilateralRowsImpl)(job, worker, y0, y1);
 }

@@ -48,14 +48,16 @@ struct BilateralJob {
   float factor;
   bool vertical;
   int pad;  // texels repeated beyond each edge: at least the widest tap, plus one
-  // Float rows per worker: one for the horizontal pass, then `ringSize` for the vertical pass's ring
-  // (at least 2 * pad + 2), each 4 planes of `floatRowLength` (width + 2 * pad) floats.
+  // bilateralScratchFloats(in.width, pad) floats per worker, and 2 * pad + 2 ints per worker.
   float* floatScratch;
   size_t floatScratchPerWorker;
-  size_t floatRowLength;
-  int* ringRows;  // ringSize per worker
-  int ringSize;
+  int* ringRows;
 };
+
+// The vertical pass runs over strips of this many columns, so that the rows it keeps stay in cache.
+constexpr int kBilateralStrip = 256;
+
+size_t bilateralScratchFloats(int width, int pad);
 
 // base * direction + over * multiply + offset per colour channel; alpha from `over`.
 struct OverlayJob {
