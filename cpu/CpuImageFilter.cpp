@@ -24,13 +24,16 @@ cpu::Tap tapAt(float texels, float weight) {
   return {static_cast<int>(whole), fraction, weight};
 }
 
-// The detail blur's taps as its shader generator lays them out: the centre, then the pair at offset 1 (the
-// pair's second weight is the spare zero, so the pair sits on a texel centre).
-void detailBlurTaps(cpu::Tap taps[3]) {
+// The detail blur's weights as its shader generator lays them out: the centre, then the pair at offset 1
+// (the pair's second weight is the spare zero, so the pair sits on a texel centre).
+struct DetailBlur {
+  float centre;
+  float side;
+};
+
+DetailBlur detailBlur() {
   const std::vector<float> weights = gaussianWeights(FramePlan::kDetailBlurRadius, FramePlan::kDetailBlurSigma);
-  taps[0] = {0, 0.0f, weights[0]};
-  taps[1] = {1, 0.0f, weights[1]};
-  taps[2] = {-1, 0.0f, weights[1]};
+  return {weights[0], weights[1]};
 }
 
 // Rows of a band in chunks small enough to stay in cache from one conversion or pass to the next; even, for
@@ -90,13 +93,16 @@ struct CpuImageFilter::Scratch {
   std::vector<uint32_t> output;
   std::vector<uint16_t> importRows;  // per worker
   std::vector<uint32_t> edgeRows;    // per worker: the rows either side of a band, converted privately
-  std::vector<uint32_t> rows;
   std::vector<float> floatRows;
   std::vector<int> ringRows;
   float step = 0.0f;  // the polish step of this frame, read once: the padding is sized for it
   int pad = 0;
-  size_t rowLength = 0;
-  cpu::Tap blurTaps[3];
+  DetailBlur blur{};
+  // Float rows of the per-worker size given, for every worker.
+  float* floatRowsOf(size_t perWorker, size_t workers) {
+    if (floatRows.size() < perWorker * workers) floatRows.assign(perWorker * workers, 0.0f);
+    return floatRows.data();
+  }
 };
 
 struct CpuImageFilter::Conversion {
@@ -115,7 +121,7 @@ int32_t CpuImageFilter::create() {
   scratch_ = std::make_unique<Scratch>();
   region_ = std::make_unique<RegionWeights>();
   regionSeen_ = 0;
-  detailBlurTaps(scratch_->blurTaps);
+  scratch_->blur = detailBlur();
   width_ = 0;
   height_ = 0;
   m_nEnableBeautifying = 0;
@@ -246,12 +252,9 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   const cpu::Image a{reinterpret_cast<uint8_t*>(scratch_->a.data()), tight, width_, height_};
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
 
-  // Padded rows for the horizontal passes: enough for the widest tap, one row per worker.
+  // Padding for the bilateral's horizontal pass: enough for the widest tap.
   scratch_->step = polish_step_.load(std::memory_order_relaxed);
   scratch_->pad = static_cast<int>(std::ceil(std::fabs(4.0f * scratch_->step))) + 2;
-  scratch_->rowLength = static_cast<size_t>(width_) + 2 * static_cast<size_t>(scratch_->pad);
-  const size_t workers = static_cast<size_t>(pool_->size());
-  if (scratch_->rows.size() < scratch_->rowLength * workers) scratch_->rows.assign(scratch_->rowLength * workers, 0);
 
   // The first stage converts the input in its bands, the last converts its bands back, a few rows at a time
   // so that converted rows are still in cache when the stage reads them or the conversion back does. Skin
@@ -285,6 +288,8 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     tail.out = !plan.sharpen ? output : (skin.data == a.data ? b : a);
     tail.beautify = plan.skinDetect;
     tail.addBack = plan.detailLayer;
+    tail.blurCentre = scratch_->blur.centre;
+    tail.blurSide = scratch_->blur.side;
     tail.pinkWhiten = plan.pinkWhiten;
     tail.pinkFactor = pinkwhiten_factor_.load(std::memory_order_relaxed);
     tail.blendAlpha = plan.skinBlendWeight;
@@ -390,12 +395,9 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuW
   job.pad = scratch_->pad;
   job.floatScratchPerWorker = cpu::bilateralScratchFloats(width_, scratch_->pad);
   const size_t workers = static_cast<size_t>(pool_->size());
-  if (scratch_->floatRows.size() < job.floatScratchPerWorker * workers) {
-    scratch_->floatRows.assign(job.floatScratchPerWorker * workers, 0.0f);
-  }
+  job.floatScratch = scratch_->floatRowsOf(job.floatScratchPerWorker, workers);
   const size_t ringRows = (2 * static_cast<size_t>(scratch_->pad) + 2) * workers;
   if (scratch_->ringRows.size() < ringRows) scratch_->ringRows.assign(ringRows, -1);
-  job.floatScratch = scratch_->floatRows.data();
   job.ringRows = scratch_->ringRows.data();
   for (int i = 0; i < 8; ++i) {
     job.taps[i] = tapAt(static_cast<float>(FramePlan::kBilateralOffsets[i]) * step, FramePlan::kBilateralWeights[i]);
@@ -410,29 +412,22 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuW
   parallelRows(*pool_, vertical, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
 }
 
-// The detail layer: input minus smoothed (in `a`) around mid grey, blurred into `b` (the window `blurred`); the
-// tail adds it back doubled.
+// The detail layer's high pass and its blur along rows, from the smoothed skin in `a` into `b` (the window
+// `blurred`, a row more above and below for the tail's blur along columns).
 void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b,
                                     CpuWindow blurred) {
   const int reach = static_cast<int>(FramePlan::kDetailBlurRadius);
   const CpuWindow wide{std::max(0, blurred.x0 - reach), std::min(width_, blurred.x1 + reach),
                        std::max(0, blurred.y0 - reach), std::min(height_, blurred.y1 + reach)};
-  const cpu::OverlayJob highPass{columnsOf(input, wide), columnsOf(a, wide), columnsOf(b, wide), -1.0f, 1.0f,
-                                 FramePlan::kHighPassOffset};
-  parallelRows(*pool_, wide, [&](int, int y0, int y1) { cpu::overlayRows(highPass, y0, y1); });
-  cpu::GaussianJob blur{};
-  std::copy(std::begin(scratch_->blurTaps), std::end(scratch_->blurTaps), blur.taps);
-  blur.tapCount = 3;
-  blur.rowScratch = scratch_->rows.data();
-  blur.pad = scratch_->pad;
-  blur.in = columnsOf(b, wide);
-  blur.out = columnsOf(a, wide);
-  blur.vertical = false;
-  parallelRows(*pool_, wide, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
-  blur.in = columnsOf(a, blurred);
-  blur.out = columnsOf(b, blurred);
-  blur.vertical = true;
-  parallelRows(*pool_, blurred, [&](int worker, int y0, int y1) { cpu::gaussianRows(blur, worker, y0, y1); });
+  cpu::DetailJob job{};
+  job.input = columnsOf(input, wide);
+  job.smoothed = columnsOf(a, wide);
+  job.out = columnsOf(b, wide);
+  job.centreWeight = scratch_->blur.centre;
+  job.sideWeight = scratch_->blur.side;
+  job.floatScratch =
+      scratch_->floatRowsOf(cpu::detailScratchFloats(width_), static_cast<size_t>(pool_->size()));
+  parallelRows(*pool_, wide, [&](int worker, int y0, int y1) { cpu::detailRows(job, worker, y0, y1); });
 }
 
 }  // namespace lumo

@@ -66,10 +66,12 @@ HWY_INLINE V<D> levelOf(D d, V<D> v) {
   return hn::Min(hn::Max(q, hn::Zero(d)), hn::Set(d, 255.0f));
 }
 
+// The level as an integer, in the low byte: adding 2^23 to a whole number below 2^23 puts it in the low
+// mantissa bits, exactly, without a conversion and its overflow checks.
 template <class D>
-HWY_INLINE hn::Vec<DI<D>> level(D d, V<D> v) {
-  const DI<D> di;
-  return hn::ConvertTo(di, levelOf(d, v));
+HWY_INLINE hn::Vec<DU<D>> levelBits(D d, V<D> v) {
+  const DU<D> du;
+  return hn::BitCast(du, hn::Add(levelOf(d, v), hn::Set(d, 8388608.0f)));
 }
 
 // What the next pass reads back after this one stored 8 bits.
@@ -83,13 +85,20 @@ HWY_INLINE Px<D> stored(D d, const Px<D>& p) {
   return {stored(d, p.r), stored(d, p.g), stored(d, p.b), stored(d, p.a)};
 }
 
+// The same where alpha is already a level read from 8 bits (storing it again gives it back).
+template <class D>
+HWY_INLINE Px<D> storedColour(D d, const Px<D>& p) {
+  return {stored(d, p.r), stored(d, p.g), stored(d, p.b), p.a};
+}
+
 template <class D>
 HWY_INLINE void store(D d, uint8_t* row, int x, const Px<D>& p) {
   const DU<D> du;
-  const auto b = hn::BitCast(du, level(d, p.b));
-  const auto g = hn::ShiftLeft<8>(hn::BitCast(du, level(d, p.g)));
-  const auto r = hn::ShiftLeft<16>(hn::BitCast(du, level(d, p.r)));
-  const auto a = hn::ShiftLeft<24>(hn::BitCast(du, level(d, p.a)));
+  // The shifts push the exponent bits above the low byte out of the word.
+  const auto b = hn::And(levelBits(d, p.b), hn::Set(du, 0xFFu));
+  const auto g = hn::ShiftLeft<8>(levelBits(d, p.g));
+  const auto r = hn::ShiftLeft<16>(levelBits(d, p.r));
+  const auto a = hn::ShiftLeft<24>(levelBits(d, p.a));
   hn::StoreU(hn::Or(hn::Or(b, g), hn::Or(r, a)), du, reinterpret_cast<uint32_t*>(row) + x);
 }
 
@@ -115,45 +124,11 @@ HWY_INLINE void forEachVector(D d, int width, const Body& body) {
   if (x < width) body(width - lanes);
 }
 
-// The row with `pad` copies of its edge pixels on each side: clamp to edge for horizontal taps.
 // Host rows need not be 4-byte aligned, so pixels are copied as bytes.
 HWY_INLINE uint32_t pixelAt(const uint8_t* row, int x) {
   uint32_t pixel;
   std::memcpy(&pixel, row + 4 * static_cast<size_t>(x), sizeof pixel);
   return pixel;
-}
-
-HWY_INLINE const uint8_t* paddedRow(const ConstImage& in, int y, uint32_t* scratch, int pad) {
-  const uint8_t* source = in.row(y);
-  std::fill(scratch, scratch + pad, pixelAt(source, 0));
-  std::memcpy(scratch + pad, source, static_cast<size_t>(in.width) * 4);
-  std::fill(scratch + pad + in.width, scratch + pad + in.width + pad, pixelAt(source, in.width - 1));
-  return reinterpret_cast<const uint8_t*>(scratch + pad);
-}
-
-// A tap along the pass's axis: from the padded row (horizontal) or from clamped rows (vertical).
-struct TapSource {
-  const uint8_t* first;
-  const uint8_t* second;
-  int offset;
-  float fraction;
-};
-
-HWY_INLINE TapSource tapSource(const ConstImage& in, const uint8_t* padded, bool vertical, int y, const Tap& tap) {
-  if (vertical) {
-    const int y0 = std::clamp(y + tap.index, 0, in.height - 1);
-    const int y1 = std::clamp(y + tap.index + 1, 0, in.height - 1);
-    return {in.row(y0), in.row(y1), 0, tap.fraction};
-  }
-  return {padded, padded, tap.index, tap.fraction};
-}
-
-template <class D>
-HWY_INLINE Px<D> fetch(D d, const TapSource& source, bool vertical, int x) {
-  if (source.fraction == 0.0f) return load(d, source.first, x + source.offset);
-  const Px<D> a = load(d, source.first, x + source.offset);
-  const Px<D> b = vertical ? load(d, source.second, x) : load(d, source.first, x + source.offset + 1);
-  return lerp(d, a, b, source.fraction);
 }
 
 template <class D>
@@ -459,37 +434,42 @@ HWY_INLINE Px<D> overlayPx(D d, const Px<D>& base, const Px<D>& over, V<D> direc
 }
 
 template <class D>
-void OverlayRowsT(D d, const OverlayJob& job, int y0, int y1) {
-  const V<D> direction = hn::Set(d, job.direction);
-  const V<D> multiply = hn::Set(d, job.multiply);
-  const V<D> offset = hn::Set(d, job.offset);
+void DetailRowsT(D d, const DetailJob& job, int worker, int y0, int y1) {
+  const int width = job.input.width;
+  const size_t length = static_cast<size_t>(width) + 2;
+  const FloatRow padded = floatRow(job.floatScratch + static_cast<size_t>(worker) * detailScratchFloats(width), length);
+  const FloatRow highPass = padded.shifted(1);
+  const V<D> minusOne = hn::Set(d, -1.0f);
+  const V<D> one = hn::Set(d, 1.0f);
+  const V<D> offset = hn::Set(d, 128.0f / 255.0f);  // mid grey
+  const V<D> centre = hn::Set(d, job.centreWeight);
+  const V<D> side = hn::Set(d, job.sideWeight);
   for (int y = y0; y < y1; ++y) {
-    const uint8_t* base = job.base.row(y);
-    const uint8_t* over = job.over.row(y);
-    uint8_t* out = job.out.row(y);
-    forEachVector(d, job.base.width, [&](int x) {
-      store(d, out, x, overlayPx(d, load(d, base, x), load(d, over, x), direction, multiply, offset));
+    const uint8_t* input = job.input.row(y);
+    const uint8_t* smoothed = job.smoothed.row(y);
+    // The high pass as the blur reads it back from 8 bits; alpha is the smoothed layer's, already a level.
+    forEachVector(d, width, [&](int x) {
+      const Px<D> p = overlayPx(d, load(d, input, x), load(d, smoothed, x), minusOne, one, offset);
+      hn::StoreU(stored(d, p.r), d, highPass.r + x);
+      hn::StoreU(stored(d, p.g), d, highPass.g + x);
+      hn::StoreU(stored(d, p.b), d, highPass.b + x);
+      hn::StoreU(p.a, d, highPass.a + x);
     });
-  }
-}
-
-template <class D>
-void GaussianRowsT(D d, const GaussianJob& job, int worker, int y0, int y1) {
-  uint32_t* scratch = job.rowScratch + static_cast<size_t>(worker) * (job.in.width + 2 * job.pad);
-  for (int y = y0; y < y1; ++y) {
-    const uint8_t* padded = job.vertical ? nullptr : paddedRow(job.in, y, scratch, job.pad);
-    TapSource sources[3];
-    for (int i = 0; i < job.tapCount; ++i) sources[i] = tapSource(job.in, padded, job.vertical, y, job.taps[i]);
+    for (float* plane : {padded.r, padded.g, padded.b, padded.a}) {
+      plane[0] = plane[1];
+      plane[width + 1] = plane[width];
+    }
+    const FloatRow right = highPass.shifted(1);
+    const FloatRow left = highPass.shifted(-1);
     uint8_t* out = job.out.row(y);
-    forEachVector(d, job.in.width, [&](int x) {
-      Px<D> sum{hn::Zero(d), hn::Zero(d), hn::Zero(d), hn::Zero(d)};
-      for (int i = 0; i < job.tapCount; ++i) {
-        const Px<D> s = fetch(d, sources[i], job.vertical, x);
-        const V<D> w = hn::Set(d, job.taps[i].weight);
-        sum = {hn::Add(sum.r, hn::Mul(s.r, w)), hn::Add(sum.g, hn::Mul(s.g, w)), hn::Add(sum.b, hn::Mul(s.b, w)),
-               hn::Add(sum.a, hn::Mul(s.a, w))};
-      }
-      store(d, out, x, sum);
+    forEachVector(d, width, [&](int x) {
+      const Px<D> c = loadRow(d, highPass, x);
+      const Px<D> r = loadRow(d, right, x);
+      const Px<D> l = loadRow(d, left, x);
+      auto blur = [&](V<D> cc, V<D> rr, V<D> ll) {
+        return hn::Add(hn::Add(hn::Mul(cc, centre), hn::Mul(rr, side)), hn::Mul(ll, side));
+      };
+      store(d, out, x, {blur(c.r, r.r, l.r), blur(c.g, r.g, l.g), blur(c.b, r.b, l.b), blur(c.a, r.a, l.a)});
     });
   }
 }
@@ -562,11 +542,15 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
   const V<D> whitenFactor = hn::Set(d, job.whitenFactor);
   const V<D> addBackMultiply = hn::Set(d, 2.0f);
   const V<D> addBackOffset = hn::Set(d, -256.0f / 255.0f);
+  const V<D> blurCentre = hn::Set(d, job.blurCentre);
+  const V<D> blurSide = hn::Set(d, job.blurSide);
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
         job.beautify && (job.region == nullptr || (y >= job.regionFirstRow && y < job.regionEndRow));
     const uint8_t* skinRow = beautify ? job.skin.row(y) : nullptr;
+    const uint8_t* belowRow = beautify ? job.skin.row(std::min(y + 1, job.skin.height - 1)) : nullptr;
+    const uint8_t* aboveRow = beautify ? job.skin.row(std::max(y - 1, 0)) : nullptr;
     const uint8_t* regionRow =
         job.region == nullptr ? nullptr
                               : reinterpret_cast<const uint8_t*>(job.region + static_cast<size_t>(y) * job.input.width);
@@ -576,10 +560,19 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
       Px<D> c = in;
       if (beautify) {
         Px<D> s = load(d, skinRow, x);
-        if (job.addBack) s = stored(d, overlayPx(d, in, s, one, addBackMultiply, addBackOffset));
+        if (job.addBack) {
+          const Px<D> below = load(d, belowRow, x);
+          const Px<D> above = load(d, aboveRow, x);
+          auto blur = [&](V<D> c, V<D> b, V<D> a) {
+            return hn::Add(hn::Add(hn::Mul(c, blurCentre), hn::Mul(b, blurSide)), hn::Mul(a, blurSide));
+          };
+          s = stored(d, Px<D>{blur(s.r, below.r, above.r), blur(s.g, below.g, above.g), blur(s.b, below.b, above.b),
+                              blur(s.a, below.a, above.a)});
+          s = storedColour(d, overlayPx(d, in, s, one, addBackMultiply, addBackOffset));
+        }
         if (job.pinkWhiten) {
           const V<D> green = curve(d, job.pinkCurve, s.g);
-          s = stored(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
+          s = storedColour(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
                               mix(s.g, green, pink, oneMinusPink), mix(s.b, green, pink, oneMinusPink), s.a});
         }
         // The region pass stores the weighted alpha before the blend reads it.
@@ -587,11 +580,11 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
         const V<D> k = hn::Mul(s.a, alpha);
         const V<D> oneMinusK = hn::Sub(one, k);
         c = Px<D>{mix(in.r, s.r, k, oneMinusK), mix(in.g, s.g, k, oneMinusK), mix(in.b, s.b, k, oneMinusK), in.a};
-        if (job.whiten || job.preset) c = stored(d, c);
+        if (job.whiten || job.preset) c = storedColour(d, c);
       }
       if (job.whiten) {
         c = whitenPx(d, c, whitenFactor);
-        if (job.preset) c = stored(d, c);
+        if (job.preset) c = storedColour(d, c);
       }
       if (job.preset) c = presetPx(d, c, job.presetMatrix, job.presetOffset);
       store(d, out, x, c);
@@ -636,7 +629,7 @@ void SharpenRowsT(D d, const SharpenJob& job, int y0, int y1, const uint8_t* abo
       };
       Px<D> result{channel(c.r, left.r, right.r, top.r, bottom.r), channel(c.g, left.g, right.g, top.g, bottom.g),
                    channel(c.b, left.b, right.b, top.b, bottom.b), bottom.a};
-      if (job.preset) result = presetPx(d, stored(d, result), job.presetMatrix, job.presetOffset);
+      if (job.preset) result = presetPx(d, storedColour(d, result), job.presetMatrix, job.presetOffset);
       store(d, out, x, result);
     });
   }
@@ -659,11 +652,8 @@ void SkinDetectRowsImpl(const SkinJob& job, int y0, int y1) {
 void BilateralRowsImpl(const BilateralJob& job, int worker, int y0, int y1) {
   withTag(job.in.width, [&](auto d) { BilateralRowsT(d, job, worker, y0, y1); });
 }
-void OverlayRowsImpl(const OverlayJob& job, int y0, int y1) {
-  withTag(job.base.width, [&](auto d) { OverlayRowsT(d, job, y0, y1); });
-}
-void GaussianRowsImpl(const GaussianJob& job, int worker, int y0, int y1) {
-  withTag(job.in.width, [&](auto d) { GaussianRowsT(d, job, worker, y0, y1); });
+void DetailRowsImpl(const DetailJob& job, int worker, int y0, int y1) {
+  withTag(job.input.width, [&](auto d) { DetailRowsT(d, job, worker, y0, y1); });
 }
 void TailRowsImpl(const TailJob& job, int y0, int y1) {
   withTag(job.input.width, [&](auto d) { TailRowsT(d, job, y0, y1); });
@@ -683,8 +673,7 @@ namespace lumo::cpu {
 
 HWY_EXPORT(SkinDetectRowsImpl);
 HWY_EXPORT(BilateralRowsImpl);
-HWY_EXPORT(OverlayRowsImpl);
-HWY_EXPORT(GaussianRowsImpl);
+HWY_EXPORT(DetailRowsImpl);
 HWY_EXPORT(TailRowsImpl);
 HWY_EXPORT(SharpenRowsImpl);
 HWY_EXPORT(TargetNameImpl);
@@ -702,9 +691,9 @@ size_t bilateralScratchFloats(int width, int pad) {
 void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(BilateralRowsImpl)(job, worker, y0, y1);
 }
-void overlayRows(const OverlayJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(OverlayRowsImpl)(job, y0, y1); }
-void gaussianRows(const GaussianJob& job, int worker, int y0, int y1) {
-  HWY_DYNAMIC_DISPATCH(GaussianRowsImpl)(job, worker, y0, y1);
+size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2); }
+void detailRows(const DetailJob& job, int worker, int y0, int y1) {
+  HWY_DYNAMIC_DISPATCH(DetailRowsImpl)(job, worker, y0, y1);
 }
 void tailRows(const TailJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, y0, y1); }
 void sharpenRows(const SharpenJob& job, int y0, int y1, const uint8_t* above, const uint8_t* below) {

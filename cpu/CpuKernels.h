@@ -59,35 +59,29 @@ constexpr int kBilateralStrip = 256;
 
 size_t bilateralScratchFloats(int width, int pad);
 
-// base * direction + over * multiply + offset per colour channel; alpha from `over`.
-struct OverlayJob {
-  ConstImage base;
-  ConstImage over;
+// The detail layer's first half: the high pass (input minus smoothed around mid grey, the smoothed alpha)
+// and the small Gaussian's horizontal pass over it, fused row by row; the tail runs the vertical pass.
+struct DetailJob {
+  ConstImage input;
+  ConstImage smoothed;
   Image out;
-  float direction;
-  float multiply;
-  float offset;
+  float centreWeight;  // the blur's taps: the pixel, then its right and left neighbours
+  float sideWeight;
+  float* floatScratch;  // detailScratchFloats(width) per worker
 };
 
-// One direction of the small Gaussian: taps in the shader's order.
-struct GaussianJob {
-  ConstImage in;
-  Image out;
-  Tap taps[3];
-  int tapCount;
-  bool vertical;
-  uint32_t* rowScratch;
-  int pad;
-};
+size_t detailScratchFloats(int width);
 
 // The per-pixel passes from the detail layer's add-back to the preset, fused: each stage rounds to 8 bits
 // as a pass into a texture would.
 struct TailJob {
   ConstImage input;  // the frame
-  ConstImage skin;   // skin layer: smoothed skin, or the blurred detail layer when addBack is set
+  ConstImage skin;   // skin layer: smoothed skin, or the detail layer blurred along rows when addBack is set
   Image out;
   bool beautify;  // the skin stages run (mask bits 1 or 4)
-  bool addBack;   // skin holds the blurred layer: add it back to the input first
+  bool addBack;   // skin holds the detail layer: blur it along columns, add it back to the input first
+  float blurCentre;  // the column blur's taps: the pixel, then the rows below and above
+  float blurSide;
   bool pinkWhiten;
   float pinkFactor;
   float blendAlpha;
@@ -117,8 +111,7 @@ struct SharpenJob {
 
 void skinDetectRows(const SkinJob& job, int y0, int y1);
 void bilateralRows(const BilateralJob& job, int worker, int y0, int y1);
-void overlayRows(const OverlayJob& job, int y0, int y1);
-void gaussianRows(const GaussianJob& job, int worker, int y0, int y1);
+void detailRows(const DetailJob& job, int worker, int y0, int y1);
 void tailRows(const TailJob& job, int y0, int y1);
 // `above` and `below`, where given, stand for rows y0 - 1 and y1 of the input (rows another thread may be
 // writing while this one runs).
