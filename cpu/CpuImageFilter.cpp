@@ -290,6 +290,7 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     tail.addBack = plan.detailLayer;
     tail.blurCentre = scratch_->blur.centre;
     tail.blurSide = scratch_->blur.side;
+    tail.detailScratch = scratch_->floatRowsOf(cpu::detailScratchFloats(width_), static_cast<size_t>(pool_->size()));
     tail.pinkWhiten = plan.pinkWhiten;
     tail.pinkFactor = pinkwhiten_factor_.load(std::memory_order_relaxed);
     tail.blendAlpha = plan.skinBlendWeight;
@@ -305,7 +306,7 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
     auto rows = [&](int worker, int y0, int y1) {
       firstStageBand(
           importing != nullptr, y0, y1, [&](int c0, int c1) { importBand(importing, worker, c0, c1); },
-          [&](int c0, int c1) { cpu::tailRows(tail, c0, c1); });
+          [&](int c0, int c1) { cpu::tailRows(tail, worker, c0, c1); });
     };
     if (plan.sharpen) {
       pool_->parallelFor(height_, rows);
@@ -381,9 +382,7 @@ cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::
         [&](int c0, int c1) { cpu::skinDetectRows(skinJob, c0, c1); });
   });
   if (plan.polish) runBilateral(a, b, skin, regionWindow(detailReach));
-  if (!plan.detailLayer) return a;
-  runDetailLayer(input, a, b, regionWindow(0));
-  return b;
+  return a;
 }
 
 // Skin in `a`, smoothed back into `a` through `b`.
@@ -410,24 +409,6 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuW
   job.out = columnsOf(a, vertical);
   job.vertical = true;
   parallelRows(*pool_, vertical, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
-}
-
-// The detail layer's high pass and its blur along rows, from the smoothed skin in `a` into `b` (the window
-// `blurred`, a row more above and below for the tail's blur along columns).
-void CpuImageFilter::runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b,
-                                    CpuWindow blurred) {
-  const int reach = static_cast<int>(FramePlan::kDetailBlurRadius);
-  const CpuWindow wide{std::max(0, blurred.x0 - reach), std::min(width_, blurred.x1 + reach),
-                       std::max(0, blurred.y0 - reach), std::min(height_, blurred.y1 + reach)};
-  cpu::DetailJob job{};
-  job.input = columnsOf(input, wide);
-  job.smoothed = columnsOf(a, wide);
-  job.out = columnsOf(b, wide);
-  job.centreWeight = scratch_->blur.centre;
-  job.sideWeight = scratch_->blur.side;
-  job.floatScratch =
-      scratch_->floatRowsOf(cpu::detailScratchFloats(width_), static_cast<size_t>(pool_->size()));
-  parallelRows(*pool_, wide, [&](int worker, int y0, int y1) { cpu::detailRows(job, worker, y0, y1); });
 }
 
 }  // namespace lumo

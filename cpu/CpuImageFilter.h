@@ -69,11 +69,10 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   void importBand(const Conversion* conversion, int worker, int y0, int y1);
   void importBand(const Conversion* conversion, int worker, int y0, int y1, const cpu::Image& into);
   void sharpenFirst(const cpu::SharpenJob& job, const Conversion& conversion);
-  // The skin-gated stages before the fused tail; returns the layer the tail reads (smoothed skin, or the
-  // blurred detail layer). The first of them converts the input when `conversion` is given.
+  // The skin-gated stages before the fused tail; returns the smoothed skin layer the tail reads. The first
+  // of them converts the input when `conversion` is given.
   cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input, const Conversion* conversion);
   void runBilateral(const cpu::Image& a, const cpu::Image& b, CpuWindow horizontal, CpuWindow vertical);
-  void runDetailLayer(const cpu::ConstImage& input, const cpu::Image& a, const cpu::Image& b, CpuWindow blurred);
   // The rectangle the region weighs, `margin` more on each side (the whole frame without a region).
   CpuWindow regionWindow(int margin) const;
 

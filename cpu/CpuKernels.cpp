@@ -433,21 +433,41 @@ HWY_INLINE Px<D> overlayPx(D d, const Px<D>& base, const Px<D>& over, V<D> direc
   return {channel(base.r, over.r), channel(base.g, over.g), channel(base.b, over.b), over.a};
 }
 
+// The detail layer's rows as the blur along columns reads them: the high pass (input minus smoothed around
+// mid grey, with the smoothed alpha) blurred along the row, at 8 bits. Each row is computed once, into a
+// ring of the three rows one output row reads.
 template <class D>
-void DetailRowsT(D d, const DetailJob& job, int worker, int y0, int y1) {
-  const int width = job.input.width;
-  const size_t length = static_cast<size_t>(width) + 2;
-  const FloatRow padded = floatRow(job.floatScratch + static_cast<size_t>(worker) * detailScratchFloats(width), length);
-  const FloatRow highPass = padded.shifted(1);
-  const V<D> minusOne = hn::Set(d, -1.0f);
-  const V<D> one = hn::Set(d, 1.0f);
-  const V<D> offset = hn::Set(d, 128.0f / 255.0f);  // mid grey
-  const V<D> centre = hn::Set(d, job.centreWeight);
-  const V<D> side = hn::Set(d, job.sideWeight);
-  for (int y = y0; y < y1; ++y) {
-    const uint8_t* input = job.input.row(y);
-    const uint8_t* smoothed = job.smoothed.row(y);
-    // The high pass as the blur reads it back from 8 bits; alpha is the smoothed layer's, already a level.
+class DetailRows {
+ public:
+  DetailRows(D d, const TailJob& job, float* scratch)
+      : d_(d),
+        job_(job),
+        width_(static_cast<size_t>(job.input.width)),
+        padded_(floatRow(scratch, width_ + 2)),
+        ring_(scratch + 4 * (width_ + 2)) {}
+
+  FloatRow get(int y) {
+    y = std::clamp(y, 0, job_.input.height - 1);
+    const int slot = y % 3;
+    const FloatRow row = floatRow(ring_ + static_cast<size_t>(slot) * 4 * width_, width_);
+    if (rows_[slot] != y) {
+      compute(y, row);
+      rows_[slot] = y;
+    }
+    return row;
+  }
+
+ private:
+  void compute(int y, const FloatRow& out) {
+    const D d = d_;
+    const int width = static_cast<int>(width_);
+    const uint8_t* input = job_.input.row(y);
+    const uint8_t* smoothed = job_.skin.row(y);
+    const FloatRow highPass = padded_.shifted(1);
+    const V<D> minusOne = hn::Set(d, -1.0f);
+    const V<D> one = hn::Set(d, 1.0f);
+    const V<D> offset = hn::Set(d, 128.0f / 255.0f);  // mid grey
+    // Alpha is the smoothed layer's, already a level.
     forEachVector(d, width, [&](int x) {
       const Px<D> p = overlayPx(d, load(d, input, x), load(d, smoothed, x), minusOne, one, offset);
       hn::StoreU(stored(d, p.r), d, highPass.r + x);
@@ -455,24 +475,35 @@ void DetailRowsT(D d, const DetailJob& job, int worker, int y0, int y1) {
       hn::StoreU(stored(d, p.b), d, highPass.b + x);
       hn::StoreU(p.a, d, highPass.a + x);
     });
-    for (float* plane : {padded.r, padded.g, padded.b, padded.a}) {
+    for (float* plane : {padded_.r, padded_.g, padded_.b, padded_.a}) {
       plane[0] = plane[1];
       plane[width + 1] = plane[width];
     }
+    const V<D> centre = hn::Set(d, job_.blurCentre);
+    const V<D> side = hn::Set(d, job_.blurSide);
     const FloatRow right = highPass.shifted(1);
     const FloatRow left = highPass.shifted(-1);
-    uint8_t* out = job.out.row(y);
     forEachVector(d, width, [&](int x) {
       const Px<D> c = loadRow(d, highPass, x);
       const Px<D> r = loadRow(d, right, x);
       const Px<D> l = loadRow(d, left, x);
       auto blur = [&](V<D> cc, V<D> rr, V<D> ll) {
-        return hn::Add(hn::Add(hn::Mul(cc, centre), hn::Mul(rr, side)), hn::Mul(ll, side));
+        return stored(d, hn::Add(hn::Add(hn::Mul(cc, centre), hn::Mul(rr, side)), hn::Mul(ll, side)));
       };
-      store(d, out, x, {blur(c.r, r.r, l.r), blur(c.g, r.g, l.g), blur(c.b, r.b, l.b), blur(c.a, r.a, l.a)});
+      hn::StoreU(blur(c.r, r.r, l.r), d, out.r + x);
+      hn::StoreU(blur(c.g, r.g, l.g), d, out.g + x);
+      hn::StoreU(blur(c.b, r.b, l.b), d, out.b + x);
+      hn::StoreU(blur(c.a, r.a, l.a), d, out.a + x);
     });
   }
-}
+
+  D d_;
+  const TailJob& job_;
+  size_t width_;
+  FloatRow padded_;
+  float* ring_;
+  int rows_[3] = {-1, -1, -1};
+};
 
 // The pink-whiten curve, 0..255 -> 0..1, as the filter uploads it.
 template <class D>
@@ -534,7 +565,7 @@ HWY_INLINE Px<D> presetPx(D d, const Px<D>& c, const float (*matrix)[4], const f
 }
 
 template <class D>
-void TailRowsT(D d, const TailJob& job, int y0, int y1) {
+void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
   const V<D> one = hn::Set(d, 1.0f);
   const V<D> pink = hn::Set(d, job.pinkFactor);
   const V<D> oneMinusPink = hn::Set(d, 1.0f - job.pinkFactor);
@@ -544,13 +575,20 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
   const V<D> addBackOffset = hn::Set(d, -256.0f / 255.0f);
   const V<D> blurCentre = hn::Set(d, job.blurCentre);
   const V<D> blurSide = hn::Set(d, job.blurSide);
+  DetailRows<D> detail(d, job, job.detailScratch + static_cast<size_t>(worker) * detailScratchFloats(job.input.width));
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
         job.beautify && (job.region == nullptr || (y >= job.regionFirstRow && y < job.regionEndRow));
     const uint8_t* skinRow = beautify ? job.skin.row(y) : nullptr;
-    const uint8_t* belowRow = beautify ? job.skin.row(std::min(y + 1, job.skin.height - 1)) : nullptr;
-    const uint8_t* aboveRow = beautify ? job.skin.row(std::max(y - 1, 0)) : nullptr;
+    FloatRow above{};
+    FloatRow centre{};
+    FloatRow below{};
+    if (beautify && job.addBack) {
+      above = detail.get(y - 1);
+      centre = detail.get(y);
+      below = detail.get(y + 1);
+    }
     const uint8_t* regionRow =
         job.region == nullptr ? nullptr
                               : reinterpret_cast<const uint8_t*>(job.region + static_cast<size_t>(y) * job.input.width);
@@ -559,16 +597,19 @@ void TailRowsT(D d, const TailJob& job, int y0, int y1) {
       const Px<D> in = load(d, input, x);
       Px<D> c = in;
       if (beautify) {
-        Px<D> s = load(d, skinRow, x);
+        Px<D> s;
         if (job.addBack) {
-          const Px<D> below = load(d, belowRow, x);
-          const Px<D> above = load(d, aboveRow, x);
-          auto blur = [&](V<D> c, V<D> b, V<D> a) {
-            return hn::Add(hn::Add(hn::Mul(c, blurCentre), hn::Mul(b, blurSide)), hn::Mul(a, blurSide));
+          // The detail layer blurred along columns (rows below, then above), added back doubled.
+          const Px<D> c = loadRow(d, centre, x);
+          const Px<D> b = loadRow(d, below, x);
+          const Px<D> a = loadRow(d, above, x);
+          auto blur = [&](V<D> cc, V<D> bb, V<D> aa) {
+            return hn::Add(hn::Add(hn::Mul(cc, blurCentre), hn::Mul(bb, blurSide)), hn::Mul(aa, blurSide));
           };
-          s = stored(d, Px<D>{blur(s.r, below.r, above.r), blur(s.g, below.g, above.g), blur(s.b, below.b, above.b),
-                              blur(s.a, below.a, above.a)});
+          s = stored(d, Px<D>{blur(c.r, b.r, a.r), blur(c.g, b.g, a.g), blur(c.b, b.b, a.b), blur(c.a, b.a, a.a)});
           s = storedColour(d, overlayPx(d, in, s, one, addBackMultiply, addBackOffset));
+        } else {
+          s = load(d, skinRow, x);
         }
         if (job.pinkWhiten) {
           const V<D> green = curve(d, job.pinkCurve, s.g);
@@ -652,11 +693,8 @@ void SkinDetectRowsImpl(const SkinJob& job, int y0, int y1) {
 void BilateralRowsImpl(const BilateralJob& job, int worker, int y0, int y1) {
   withTag(job.in.width, [&](auto d) { BilateralRowsT(d, job, worker, y0, y1); });
 }
-void DetailRowsImpl(const DetailJob& job, int worker, int y0, int y1) {
-  withTag(job.input.width, [&](auto d) { DetailRowsT(d, job, worker, y0, y1); });
-}
-void TailRowsImpl(const TailJob& job, int y0, int y1) {
-  withTag(job.input.width, [&](auto d) { TailRowsT(d, job, y0, y1); });
+void TailRowsImpl(const TailJob& job, int worker, int y0, int y1) {
+  withTag(job.input.width, [&](auto d) { TailRowsT(d, job, worker, y0, y1); });
 }
 void SharpenRowsImpl(const SharpenJob& job, int y0, int y1, const uint8_t* above, const uint8_t* below) {
   withTag(job.in.width, [&](auto d) { SharpenRowsT(d, job, y0, y1, above, below); });
@@ -673,7 +711,6 @@ namespace lumo::cpu {
 
 HWY_EXPORT(SkinDetectRowsImpl);
 HWY_EXPORT(BilateralRowsImpl);
-HWY_EXPORT(DetailRowsImpl);
 HWY_EXPORT(TailRowsImpl);
 HWY_EXPORT(SharpenRowsImpl);
 HWY_EXPORT(TargetNameImpl);
@@ -691,11 +728,12 @@ size_t bilateralScratchFloats(int width, int pad) {
 void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(BilateralRowsImpl)(job, worker, y0, y1);
 }
-size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2); }
-void detailRows(const DetailJob& job, int worker, int y0, int y1) {
-  HWY_DYNAMIC_DISPATCH(DetailRowsImpl)(job, worker, y0, y1);
+
+// A padded row for the high pass, and the ring of three rows of the detail layer.
+size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 12 * static_cast<size_t>(width); }
+void tailRows(const TailJob& job, int worker, int y0, int y1) {
+  HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, worker, y0, y1);
 }
-void tailRows(const TailJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, y0, y1); }
 void sharpenRows(const SharpenJob& job, int y0, int y1, const uint8_t* above, const uint8_t* below) {
   HWY_DYNAMIC_DISPATCH(SharpenRowsImpl)(job, y0, y1, above, below);
 }

@@ -59,29 +59,18 @@ constexpr int kBilateralStrip = 256;
 
 size_t bilateralScratchFloats(int width, int pad);
 
-// The detail layer's first half: the high pass (input minus smoothed around mid grey, the smoothed alpha)
-// and the small Gaussian's horizontal pass over it, fused row by row; the tail runs the vertical pass.
-struct DetailJob {
-  ConstImage input;
-  ConstImage smoothed;
-  Image out;
-  float centreWeight;  // the blur's taps: the pixel, then its right and left neighbours
-  float sideWeight;
-  float* floatScratch;  // detailScratchFloats(width) per worker
-};
-
-size_t detailScratchFloats(int width);
-
-// The per-pixel passes from the detail layer's add-back to the preset, fused: each stage rounds to 8 bits
-// as a pass into a texture would.
+// The per-pixel passes from the detail layer to the preset, fused: each stage rounds to 8 bits as a pass into
+// a texture would. The detail layer's high pass and blur along rows are computed a row at a time, as the
+// blur along columns needs them.
 struct TailJob {
   ConstImage input;  // the frame
-  ConstImage skin;   // skin layer: smoothed skin, or the detail layer blurred along rows when addBack is set
+  ConstImage skin;   // the smoothed skin layer
   Image out;
-  bool beautify;  // the skin stages run (mask bits 1 or 4)
-  bool addBack;   // skin holds the detail layer: blur it along columns, add it back to the input first
-  float blurCentre;  // the column blur's taps: the pixel, then the rows below and above
+  bool beautify;     // the skin stages run (mask bits 1 or 4)
+  bool addBack;      // the detail layer: high pass from skin, blurred, added back to the input first
+  float blurCentre;  // the detail blur's taps: the pixel, then its neighbours either side
   float blurSide;
+  float* detailScratch;  // detailScratchFloats(input.width) per worker
   bool pinkWhiten;
   float pinkFactor;
   float blendAlpha;
@@ -111,8 +100,8 @@ struct SharpenJob {
 
 void skinDetectRows(const SkinJob& job, int y0, int y1);
 void bilateralRows(const BilateralJob& job, int worker, int y0, int y1);
-void detailRows(const DetailJob& job, int worker, int y0, int y1);
-void tailRows(const TailJob& job, int y0, int y1);
+size_t detailScratchFloats(int width);
+void tailRows(const TailJob& job, int worker, int y0, int y1);
 // `above` and `below`, where given, stand for rows y0 - 1 and y1 of the input (rows another thread may be
 // writing while this one runs).
 void sharpenRows(const SharpenJob& job, int y0, int y1, const uint8_t* above = nullptr, const uint8_t* below = nullptr);
