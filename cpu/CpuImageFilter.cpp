@@ -374,6 +374,19 @@ cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::
   const int detailReach = plan.detailLayer ? static_cast<int>(FramePlan::kDetailBlurRadius) : 0;
   const int bilateralReach = plan.polish ? scratch_->pad : 0;
   const CpuWindow skin = regionWindow(detailReach + bilateralReach);
+  const CpuWindow smoothed = regionWindow(detailReach);
+  cpu::BilateralJob smooth = plan.polish ? bilateralJob() : cpu::BilateralJob{};
+  if (plan.polish && cpu::skinSmoothFuses(smooth)) {
+    // One sweep from the input, whose bands read rows either side of their own: a conversion runs first.
+    if (conversion != nullptr) {
+      pool_->parallelFor(height_, [&](int worker, int y0, int y1) { importBand(conversion, worker, y0, y1); });
+    }
+    smooth.in = columnsOf(input, skin);
+    smooth.out = columnsOf(a, skin);
+    parallelRows(*pool_, {skin.x0, skin.x1, smoothed.y0, smoothed.y1},
+                 [&](int worker, int y0, int y1) { cpu::skinSmoothRows(smooth, worker, y0, y1); });
+    return a;
+  }
   const cpu::SkinJob skinJob{columnsOf(input, skin), columnsOf(a, skin)};
   // A conversion here means the whole frame (no region): its rows are the window's.
   parallelRows(*pool_, skin, [&](int worker, int y0, int y1) {
@@ -381,13 +394,21 @@ cpu::ConstImage CpuImageFilter::runSkinStages(const FramePlan& plan, const cpu::
         conversion != nullptr, y0, y1, [&](int c0, int c1) { importBand(conversion, worker, c0, c1); },
         [&](int c0, int c1) { cpu::skinDetectRows(skinJob, c0, c1); });
   });
-  if (plan.polish) runBilateral(a, b, skin, regionWindow(detailReach));
+  if (!plan.polish) return a;
+  // Skin in `a`, smoothed back into `a` through `b`, a pass at a time.
+  smooth.in = columnsOf(a, skin);
+  smooth.out = columnsOf(b, skin);
+  smooth.vertical = false;
+  parallelRows(*pool_, skin, [&](int worker, int y0, int y1) { cpu::bilateralRows(smooth, worker, y0, y1); });
+  smooth.in = columnsOf(b, smoothed);
+  smooth.out = columnsOf(a, smoothed);
+  smooth.vertical = true;
+  parallelRows(*pool_, smoothed, [&](int worker, int y0, int y1) { cpu::bilateralRows(smooth, worker, y0, y1); });
   return a;
 }
 
-// Skin in `a`, smoothed back into `a` through `b`.
-void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuWindow horizontal,
-                                  CpuWindow vertical) {
+// The bilateral's taps and settings for this frame, and its scratch rows.
+cpu::BilateralJob CpuImageFilter::bilateralJob() {
   const float step = scratch_->step;
   cpu::BilateralJob job{};
   job.factor = polish_color_distance_factor_.load(std::memory_order_relaxed);
@@ -401,14 +422,7 @@ void CpuImageFilter::runBilateral(const cpu::Image& a, const cpu::Image& b, CpuW
   for (int i = 0; i < 8; ++i) {
     job.taps[i] = tapAt(static_cast<float>(FramePlan::kBilateralOffsets[i]) * step, FramePlan::kBilateralWeights[i]);
   }
-  job.in = columnsOf(a, horizontal);
-  job.out = columnsOf(b, horizontal);
-  job.vertical = false;
-  parallelRows(*pool_, horizontal, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
-  job.in = columnsOf(b, vertical);
-  job.out = columnsOf(a, vertical);
-  job.vertical = true;
-  parallelRows(*pool_, vertical, [&](int worker, int y0, int y1) { cpu::bilateralRows(job, worker, y0, y1); });
+  return job;
 }
 
 }  // namespace lumo

@@ -19,6 +19,7 @@ class ThreadPool;
 struct ConstImage;
 struct Image;
 struct SharpenJob;
+struct BilateralJob;
 }  // namespace cpu
 struct FramePlan;
 
@@ -72,7 +73,7 @@ class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
   // The skin-gated stages before the fused tail; returns the smoothed skin layer the tail reads. The first
   // of them converts the input when `conversion` is given.
   cpu::ConstImage runSkinStages(const FramePlan& plan, const cpu::ConstImage& input, const Conversion* conversion);
-  void runBilateral(const cpu::Image& a, const cpu::Image& b, CpuWindow horizontal, CpuWindow vertical);
+  cpu::BilateralJob bilateralJob();
   // The rectangle the region weighs, `margin` more on each side (the whole frame without a region).
   CpuWindow regionWindow(int margin) const;
 

@@ -131,17 +131,22 @@ HWY_INLINE uint32_t pixelAt(const uint8_t* row, int x) {
   return pixel;
 }
 
+// Alpha cleared where the colour is not skin.
+template <class D>
+HWY_INLINE Px<D> skinOnly(D d, Px<D> c) {
+  const auto skin = hn::And(hn::And(hn::Gt(c.r, hn::Set(d, 0.19608f)), hn::Gt(c.g, hn::Set(d, 0.15686f))),
+                            hn::Gt(c.b, hn::Set(d, 0.07843f)));
+  c.a = hn::IfThenElseZero(skin, c.a);
+  return c;
+}
+
 template <class D>
 void SkinDetectRowsT(D d, const SkinJob& job, int y0, int y1) {
   for (int y = y0; y < y1; ++y) {
     const uint8_t* in = job.in.row(y);
     uint8_t* out = job.out.row(y);
     forEachVector(d, job.in.width, [&](int x) {
-      Px<D> c = load(d, in, x);
-      const auto skin = hn::And(hn::And(hn::Gt(c.r, hn::Set(d, 0.19608f)), hn::Gt(c.g, hn::Set(d, 0.15686f))),
-                                hn::Gt(c.b, hn::Set(d, 0.07843f)));
-      c.a = hn::IfThenElseZero(skin, c.a);
-      store(d, out, x, c);
+      store(d, out, x, skinOnly(d, load(d, in, x)));
     });
   }
 }
@@ -158,12 +163,14 @@ struct FloatRow {
 
 FloatRow floatRow(float* base, size_t length) { return {base, base + length, base + 2 * length, base + 3 * length}; }
 
-// Columns [x0, x0 + count) of row y into `row` at [0, count).
+// Columns [x0, x0 + count) of row y into `row` at [0, count); with `skin`, as skin detect leaves them.
 template <class D>
-HWY_INLINE void convertColumns(D d, const ConstImage& in, int y, int x0, int count, const FloatRow& row) {
+HWY_INLINE void convertColumns(D d, const ConstImage& in, int y, int x0, int count, const FloatRow& row,
+                               bool skin = false) {
   const uint8_t* source = in.row(y) + 4 * static_cast<size_t>(x0);
   forEachVector(d, count, [&](int x) {
-    const Px<D> p = load(d, source, x);
+    Px<D> p = load(d, source, x);
+    if (skin) p = skinOnly(d, p);
     hn::StoreU(p.r, d, row.r + x);
     hn::StoreU(p.g, d, row.g + x);
     hn::StoreU(p.b, d, row.b + x);
@@ -171,13 +178,19 @@ HWY_INLINE void convertColumns(D d, const ConstImage& in, int y, int x0, int cou
   });
 }
 
-// Converts row y into `row` at [pad, pad + width) and repeats the edge texels into the pads.
+// Columns [x0 - pad, x0 + count + pad) of row y into `row` at [0, count + 2 * pad), the row's edge texels
+// repeated beyond its ends (clamp to edge).
 template <class D>
-HWY_INLINE void convertRow(D d, const ConstImage& in, int y, const FloatRow& row, int pad) {
-  convertColumns(d, in, y, 0, in.width, row.shifted(pad));
+HWY_INLINE void convertPadded(D d, const ConstImage& in, int y, int x0, int count, int pad, const FloatRow& row,
+                              bool skin = false) {
+  const int first = std::max(0, x0 - pad);
+  const int end = std::min(in.width, x0 + count + pad);
+  const int lead = first - (x0 - pad);
+  const int tail = end - (x0 - pad);
+  convertColumns(d, in, y, first, end - first, row.shifted(lead), skin);
   for (float* plane : {row.r, row.g, row.b, row.a}) {
-    std::fill(plane, plane + pad, plane[pad]);
-    std::fill(plane + pad + in.width, plane + 2 * pad + in.width, plane[pad + in.width - 1]);
+    std::fill(plane, plane + lead, plane[lead]);
+    std::fill(plane + tail, plane + count + 2 * pad, plane[tail - 1]);
   }
 }
 
@@ -186,35 +199,34 @@ HWY_INLINE Px<D> loadRow(D d, const FloatRow& row, int x) {
   return {hn::LoadU(d, row.r + x), hn::LoadU(d, row.g + x), hn::LoadU(d, row.b + x), hn::LoadU(d, row.a + x)};
 }
 
-// The rows of a strip of columns a vertical pass reads, converted on first use and kept in a ring large
-// enough for every row one output row needs.
+// The rows a vertical pass reads, made by fill(y, row) on first use and kept in a ring large enough for
+// every row one output row needs.
+template <typename Fill>
 class RowRing {
  public:
-  RowRing(const ConstImage& in, int x0, int count, float* base, size_t planeLength, int* rows, int size)
-      : in_(in), x0_(x0), count_(count), planeLength_(planeLength), base_(base), rows_(rows), size_(size) {
+  RowRing(int height, float* base, size_t planeLength, int* rows, int size, const Fill& fill)
+      : height_(height), planeLength_(planeLength), base_(base), rows_(rows), size_(size), fill_(fill) {
     std::fill(rows_, rows_ + size_, -1);
   }
 
-  template <class D>
-  FloatRow get(D d, int y) {
-    y = std::clamp(y, 0, in_.height - 1);
+  FloatRow get(int y) {
+    y = std::clamp(y, 0, height_ - 1);
     const int slot = y % size_;
     const FloatRow row = floatRow(base_ + static_cast<size_t>(slot) * 4 * planeLength_, planeLength_);
     if (rows_[slot] != y) {
-      convertColumns(d, in_, y, x0_, count_, row);
+      fill_(y, row);
       rows_[slot] = y;
     }
     return row;
   }
 
  private:
-  ConstImage in_;
-  int x0_;
-  int count_;
+  int height_;
   size_t planeLength_;
   float* base_;
   int* rows_;
   int size_;
+  const Fill& fill_;
 };
 
 // body(x0, count) over strips of at most kBilateralStrip columns, of even widths: none narrower than a
@@ -228,8 +240,14 @@ HWY_INLINE void forEachStrip(int width, const Body& body) {
   }
 }
 
-size_t ringOffset(const BilateralJob& job, int worker) {
-  return static_cast<size_t>(worker) * (2 * static_cast<size_t>(job.pad) + 2);
+int ringSize(const BilateralJob& job) { return 2 * job.pad + 2; }
+
+int* ringRowsOf(const BilateralJob& job, int worker) {
+  return job.ringRows + static_cast<size_t>(worker) * static_cast<size_t>(ringSize(job));
+}
+
+float* scratchOf(const BilateralJob& job, int worker) {
+  return job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker;
 }
 
 // One tap's weight: its spatial weight scaled down by the colour distance between centre and sample.
@@ -245,10 +263,10 @@ HWY_INLINE V<D> tapWeight(D d, const Px<D>& c, const Px<D>& s, V<D> spatial, V<D
   return hn::Mul(spatial, hn::Sub(one, distance));
 }
 
-// The weighted mean of the centre and its eight taps, in tap order, stored as the pass's output; tap(i, s,
-// w) gives tap i's sample and weight, one tap at a time so that only the sums stay in registers.
+// The weighted mean of the centre and its eight taps, in tap order; tap(i, s, w) gives tap i's sample and
+// weight, one tap at a time so that only the sums stay in registers.
 template <class D, typename Tap>
-HWY_INLINE void storeMean(D d, uint8_t* out, int x, const Px<D>& c, const Tap& tap) {
+HWY_INLINE Px<D> meanOf(D d, const Px<D>& c, const Tap& tap) {
   const V<D> centreWeight = hn::Set(d, 0.18f);
   V<D> total = centreWeight;
   Px<D> sum{hn::Mul(c.r, centreWeight), hn::Mul(c.g, centreWeight), hn::Mul(c.b, centreWeight),
@@ -261,29 +279,28 @@ HWY_INLINE void storeMean(D d, uint8_t* out, int x, const Px<D>& c, const Tap& t
     sum = {hn::Add(sum.r, hn::Mul(s.r, weight)), hn::Add(sum.g, hn::Mul(s.g, weight)),
            hn::Add(sum.b, hn::Mul(s.b, weight)), hn::Add(sum.a, hn::Mul(s.a, weight))};
   }
-  store(d, out, x, {hn::Div(sum.r, total), hn::Div(sum.g, total), hn::Div(sum.b, total), hn::Div(sum.a, total)});
+  return {hn::Div(sum.r, total), hn::Div(sum.g, total), hn::Div(sum.b, total), hn::Div(sum.a, total)};
 }
 
-// Any taps: each output pixel computes its eight weights.
+// Any taps, one pass at a time: each output pixel computes its eight weights.
 template <class D>
 void BilateralAnyTapsT(D d, const BilateralJob& job, int worker, int y0, int y1) {
   const V<D> factor = hn::Set(d, job.factor);
-  float* scratch = job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker;
+  float* scratch = scratchOf(job, worker);
   auto mean = [&](uint8_t* out, int width, const FloatRow& centre, const FloatRow* first, const FloatRow* second) {
     forEachVector(d, width, [&](int x) {
       const Px<D> c = loadRow(d, centre, x);
-      storeMean(d, out, x, c, [&](int i, Px<D>& s, V<D>& weight) {
-        s = loadRow(d, first[i], x);
-        if (job.taps[i].fraction != 0.0f) s = lerp(d, s, loadRow(d, second[i], x), job.taps[i].fraction);
-        weight = tapWeight(d, c, s, hn::Set(d, job.taps[i].weight), factor);
-      });
+      store(d, out, x, meanOf(d, c, [&](int i, Px<D>& s, V<D>& weight) {
+              s = loadRow(d, first[i], x);
+              if (job.taps[i].fraction != 0.0f) s = lerp(d, s, loadRow(d, second[i], x), job.taps[i].fraction);
+              weight = tapWeight(d, c, s, hn::Set(d, job.taps[i].weight), factor);
+            }));
     });
   };
   if (!job.vertical) {
-    const size_t length = static_cast<size_t>(job.in.width) + 2 * static_cast<size_t>(job.pad);
-    const FloatRow padded = floatRow(scratch, length);
+    const FloatRow padded = floatRow(scratch, static_cast<size_t>(job.in.width) + 2 * static_cast<size_t>(job.pad));
     for (int y = y0; y < y1; ++y) {
-      convertRow(d, job.in, y, padded, job.pad);
+      convertPadded(d, job.in, y, 0, job.in.width, job.pad, padded);
       const FloatRow centre = padded.shifted(job.pad);
       FloatRow first[8];
       FloatRow second[8];
@@ -296,20 +313,22 @@ void BilateralAnyTapsT(D d, const BilateralJob& job, int worker, int y0, int y1)
     return;
   }
   forEachStrip(job.in.width, [&](int x0, int count) {
-    RowRing ring(job.in, x0, count, scratch, kBilateralStrip, job.ringRows + ringOffset(job, worker),
-                 2 * job.pad + 2);
+    auto convert = [&](int y, const FloatRow& row) { convertColumns(d, job.in, y, x0, count, row); };
+    RowRing<decltype(convert)> ring(job.in.height, scratch, kBilateralStrip, ringRowsOf(job, worker), ringSize(job),
+                                    convert);
     for (int y = y0; y < y1; ++y) {
-      const FloatRow centre = ring.get(d, y);
+      const FloatRow centre = ring.get(y);
       FloatRow first[8];
       FloatRow second[8];
       for (int i = 0; i < 8; ++i) {
-        first[i] = ring.get(d, y + job.taps[i].index);
-        second[i] = job.taps[i].fraction != 0.0f ? ring.get(d, y + job.taps[i].index + 1) : first[i];
+        first[i] = ring.get(y + job.taps[i].index);
+        second[i] = job.taps[i].fraction != 0.0f ? ring.get(y + job.taps[i].index + 1) : first[i];
       }
       mean(job.out.row(y) + 4 * static_cast<size_t>(x0), count, centre, first, second);
     }
   });
 }
+
 // Taps on texel centres, mirrored about the pixel with mirrored weights (any whole step): the weight of
 // pixel p's tap at +o is the weight of pixel p + o's tap at -o, since the colour difference only changes
 // sign and its square not at all. Each pair's weight is computed once and read by both pixels: half the
@@ -324,7 +343,7 @@ bool mirroredTaps(const BilateralJob& job, MirroredTaps* taps) {
     const Tap& minus = job.taps[3 - j];
     const Tap& plus = job.taps[4 + j];
     if (minus.fraction != 0.0f || plus.fraction != 0.0f || minus.index != -plus.index || plus.index < 0 ||
-        minus.weight != plus.weight) {
+        minus.weight != plus.weight || plus.index + 2 > job.pad) {
       return false;
     }
     taps->offset[j] = plus.index;
@@ -343,87 +362,82 @@ HWY_INLINE void pairWeights(D d, int count, const FloatRow& centre, const FloatR
   });
 }
 
-// Output pixels [0, count) from the centre, the eight samples and their weights, in tap order.
-template <class D>
+// The mean of each pixel [0, count) from the centre, the eight samples and their weights, in tap order.
+template <class D, typename Out>
 HWY_INLINE void meanOfRows(D d, int count, const FloatRow& centre, const FloatRow* samples,
-                           const float* const* weights, uint8_t* out) {
+                           const float* const* weights, const Out& out) {
   forEachVector(d, count, [&](int x) {
-    storeMean(d, out, x, loadRow(d, centre, x), [&](int i, Px<D>& s, V<D>& weight) {
-      s = loadRow(d, samples[i], x);
-      weight = hn::LoadU(d, weights[i] + x);
-    });
+    out(x, meanOf(d, loadRow(d, centre, x), [&](int i, Px<D>& s, V<D>& weight) {
+          s = loadRow(d, samples[i], x);
+          weight = hn::LoadU(d, weights[i] + x);
+        }));
   });
 }
 
+// Skin detect and both bilateral passes in one sweep, strip by strip: the horizontal pass makes each row the
+// vertical pass reads as it first needs it, at 8 bits as a texture would hold it, from the input itself.
 template <class D>
-void BilateralMirroredT(D d, const BilateralJob& job, const MirroredTaps& taps, int worker, int y0, int y1) {
+void SkinSmoothT(D d, const BilateralJob& job, const MirroredTaps& taps, int worker, int y0, int y1) {
   const V<D> factor = hn::Set(d, job.factor);
-  float* scratch = job.floatScratch + static_cast<size_t>(worker) * job.floatScratchPerWorker;
-  const int width = job.in.width;
-  if (!job.vertical) {
-    const size_t length = static_cast<size_t>(width) + 2 * static_cast<size_t>(job.pad);
-    const FloatRow padded = floatRow(scratch, length);
-    float* pairs = scratch + 4 * length;  // a row per offset, from -pad
-    for (int y = y0; y < y1; ++y) {
-      convertRow(d, job.in, y, padded, job.pad);
+  const size_t strip = kBilateralStrip;
+  const size_t paddedLength = strip + 2 * static_cast<size_t>(job.pad);
+  const int pairRing = job.pad;  // more rows than the widest offset
+  float* scratch = scratchOf(job, worker);
+  const FloatRow padded = floatRow(scratch, paddedLength);
+  float* rowPairs = scratch + 4 * paddedLength;  // the horizontal pass's weights, a row per offset
+  float* ringBase = rowPairs + 4 * paddedLength;
+  float* columnPairs = ringBase + static_cast<size_t>(ringSize(job)) * 4 * strip;
+  float* fresh = columnPairs + 4 * static_cast<size_t>(pairRing) * strip;
+  forEachStrip(job.in.width, [&](int x0, int count) {
+    auto horizontal = [&](int y, const FloatRow& out) {
+      convertPadded(d, job.in, y, x0, count, job.pad, padded, true);
       const FloatRow centre = padded.shifted(job.pad);
       FloatRow samples[8];
       const float* weights[8];
       for (int j = 0; j < 4; ++j) {
         const int o = taps.offset[j];
-        float* row = pairs + static_cast<size_t>(j) * length + job.pad;
-        pairWeights(d, width + o, centre.shifted(-o), centre, taps.weight[j], factor, row - o);
+        float* row = rowPairs + static_cast<size_t>(j) * paddedLength + job.pad;
+        pairWeights(d, count + o, centre.shifted(-o), centre, taps.weight[j], factor, row - o);
         samples[3 - j] = centre.shifted(-o);
         weights[3 - j] = row - o;
         samples[4 + j] = centre.shifted(o);
         weights[4 + j] = row;
       }
-      meanOfRows(d, width, centre, samples, weights, job.out.row(y));
-    }
-    return;
-  }
-  // Rows of pair weights: for each offset, a ring of the rows (y, y + o) computed so far, which row y + o
-  // reads back; rows whose partner above lies outside this band compute theirs afresh.
-  const int ringSize = 2 * job.pad + 2;
-  const int pairRing = job.pad;
-  const size_t stripPlane = kBilateralStrip;
-  float* pairs = scratch + static_cast<size_t>(ringSize) * 4 * stripPlane;
-  float* fresh = pairs + 4 * static_cast<size_t>(pairRing) * stripPlane;
-  forEachStrip(width, [&](int x0, int count) {
-    RowRing ring(job.in, x0, count, scratch, stripPlane, job.ringRows + ringOffset(job, worker), ringSize);
+      meanOfRows(d, count, centre, samples, weights, [&](int x, const Px<D>& mean) {
+        hn::StoreU(stored(d, mean.r), d, out.r + x);
+        hn::StoreU(stored(d, mean.g), d, out.g + x);
+        hn::StoreU(stored(d, mean.b), d, out.b + x);
+        hn::StoreU(stored(d, mean.a), d, out.a + x);
+      });
+    };
+    RowRing<decltype(horizontal)> ring(job.in.height, ringBase, strip, ringRowsOf(job, worker), ringSize(job),
+                                       horizontal);
+    // For each offset, a ring of the pair weights of rows (y, y + o) so far, which row y + o reads back;
+    // rows whose partner above lies outside this band compute theirs afresh.
     for (int y = y0; y < y1; ++y) {
-      const FloatRow centre = ring.get(d, y);
+      const FloatRow centre = ring.get(y);
       FloatRow samples[8];
       const float* weights[8];
       for (int j = 0; j < 4; ++j) {
         const int o = taps.offset[j];
-        float* ringOfJ = pairs + static_cast<size_t>(j) * pairRing * stripPlane;
-        float* below = ringOfJ + static_cast<size_t>(y % pairRing) * stripPlane;
-        samples[4 + j] = ring.get(d, y + o);
+        float* ringOfJ = columnPairs + static_cast<size_t>(j) * pairRing * strip;
+        float* below = ringOfJ + static_cast<size_t>(y % pairRing) * strip;
+        samples[4 + j] = ring.get(y + o);
         pairWeights(d, count, centre, samples[4 + j], taps.weight[j], factor, below);
         weights[4 + j] = below;
-        samples[3 - j] = ring.get(d, y - o);
+        samples[3 - j] = ring.get(y - o);
         if (y - o >= y0) {
-          weights[3 - j] = ringOfJ + static_cast<size_t>((y - o) % pairRing) * stripPlane;
+          weights[3 - j] = ringOfJ + static_cast<size_t>((y - o) % pairRing) * strip;
         } else {
-          float* above = fresh + static_cast<size_t>(j) * stripPlane;
+          float* above = fresh + static_cast<size_t>(j) * strip;
           pairWeights(d, count, centre, samples[3 - j], taps.weight[j], factor, above);
           weights[3 - j] = above;
         }
       }
-      meanOfRows(d, count, centre, samples, weights, job.out.row(y) + 4 * static_cast<size_t>(x0));
+      uint8_t* out = job.out.row(y) + 4 * static_cast<size_t>(x0);
+      meanOfRows(d, count, centre, samples, weights, [&](int x, const Px<D>& mean) { store(d, out, x, mean); });
     }
   });
-}
-
-template <class D>
-void BilateralRowsT(D d, const BilateralJob& job, int worker, int y0, int y1) {
-  MirroredTaps taps;
-  if (mirroredTaps(job, &taps)) {
-    BilateralMirroredT(d, job, taps, worker, y0, y1);
-  } else {
-    BilateralAnyTapsT(d, job, worker, y0, y1);
-  }
 }
 
 template <class D>
@@ -691,7 +705,16 @@ void SkinDetectRowsImpl(const SkinJob& job, int y0, int y1) {
   withTag(job.in.width, [&](auto d) { SkinDetectRowsT(d, job, y0, y1); });
 }
 void BilateralRowsImpl(const BilateralJob& job, int worker, int y0, int y1) {
-  withTag(job.in.width, [&](auto d) { BilateralRowsT(d, job, worker, y0, y1); });
+  withTag(job.in.width, [&](auto d) { BilateralAnyTapsT(d, job, worker, y0, y1); });
+}
+bool SkinSmoothFusesImpl(const BilateralJob& job) {
+  MirroredTaps taps;
+  return mirroredTaps(job, &taps);
+}
+void SkinSmoothRowsImpl(const BilateralJob& job, int worker, int y0, int y1) {
+  MirroredTaps taps;
+  if (!mirroredTaps(job, &taps)) return;
+  withTag(job.in.width, [&](auto d) { SkinSmoothT(d, job, taps, worker, y0, y1); });
 }
 void TailRowsImpl(const TailJob& job, int worker, int y0, int y1) {
   withTag(job.input.width, [&](auto d) { TailRowsT(d, job, worker, y0, y1); });
@@ -711,18 +734,28 @@ namespace lumo::cpu {
 
 HWY_EXPORT(SkinDetectRowsImpl);
 HWY_EXPORT(BilateralRowsImpl);
+HWY_EXPORT(SkinSmoothFusesImpl);
+HWY_EXPORT(SkinSmoothRowsImpl);
 HWY_EXPORT(TailRowsImpl);
 HWY_EXPORT(SharpenRowsImpl);
 HWY_EXPORT(TargetNameImpl);
 
 void skinDetectRows(const SkinJob& job, int y0, int y1) { HWY_DYNAMIC_DISPATCH(SkinDetectRowsImpl)(job, y0, y1); }
 size_t bilateralScratchFloats(int width, int pad) {
-  const size_t length = static_cast<size_t>(width) + 2 * static_cast<size_t>(pad);
-  const size_t horizontal = 8 * length;  // the padded row and a row of pair weights per offset
-  const size_t ringSize = 2 * static_cast<size_t>(pad) + 2;
-  // The ring of rows, a ring of pair weights per offset and a fresh row per offset.
-  const size_t vertical = (4 * ringSize + 4 * static_cast<size_t>(pad) + 4) * kBilateralStrip;
-  return std::max(horizontal, vertical);
+  const size_t strip = kBilateralStrip;
+  const size_t ringRows = 2 * static_cast<size_t>(pad) + 2;
+  // One pass at a time: the padded row, or the ring of rows of a strip.
+  const size_t apart = std::max(4 * (static_cast<size_t>(width) + 2 * static_cast<size_t>(pad)), 4 * ringRows * strip);
+  // In one sweep: the padded row of a strip and its pair weights, the ring of rows, a ring of pair weights
+  // per offset and a fresh row of them per offset.
+  const size_t together = 8 * (strip + 2 * static_cast<size_t>(pad)) + 4 * ringRows * strip +
+                          4 * static_cast<size_t>(pad) * strip + 4 * strip;
+  return std::max(apart, together);
+}
+
+bool skinSmoothFuses(const BilateralJob& job) { return HWY_DYNAMIC_DISPATCH(SkinSmoothFusesImpl)(job); }
+void skinSmoothRows(const BilateralJob& job, int worker, int y0, int y1) {
+  HWY_DYNAMIC_DISPATCH(SkinSmoothRowsImpl)(job, worker, y0, y1);
 }
 
 void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {

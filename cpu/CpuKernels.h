@@ -54,7 +54,7 @@ struct BilateralJob {
   int* ringRows;
 };
 
-// The vertical pass runs over strips of this many columns, so that the rows it keeps stay in cache.
+// Vertical passes run over strips of this many columns, so that the rows they keep stay in cache.
 constexpr int kBilateralStrip = 256;
 
 size_t bilateralScratchFloats(int width, int pad);
@@ -99,7 +99,13 @@ struct SharpenJob {
 };
 
 void skinDetectRows(const SkinJob& job, int y0, int y1);
+// One pass of the bilateral (the job's direction), for any taps.
 void bilateralRows(const BilateralJob& job, int worker, int y0, int y1);
+// Skin detect and both bilateral passes in one sweep, from the input (`in`) to the smoothed layer (`out`),
+// for rows [y0, y1) of the vertical pass: for taps on texel centres mirrored about the pixel, which
+// skinSmoothFuses says (any whole step).
+bool skinSmoothFuses(const BilateralJob& job);
+void skinSmoothRows(const BilateralJob& job, int worker, int y0, int y1);
 size_t detailScratchFloats(int width);
 void tailRows(const TailJob& job, int worker, int y0, int y1);
 // `above` and `below`, where given, stand for rows y0 - 1 and y1 of the input (rows another thread may be
