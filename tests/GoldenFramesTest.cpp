@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -66,6 +67,22 @@ Frame crop(const Frame& sample, int x0, int y0, int width, int height) {
   return frame;
 }
 
+// The portrait's rows 150 on, repeated mirrored beyond its right edge, with alpha varying as in crop().
+Frame widened(const Frame& sample, int width, int height) {
+  Frame frame(width, height);
+  for (int y = 0; y < height; ++y) {
+    for (int x = 0; x < width; ++x) {
+      const int period = 2 * sample.width;
+      const int sx = x % period < sample.width ? x % period : period - 1 - x % period;
+      const uint8_t* from = sample.at(sx, 150 + y);
+      uint8_t* to = frame.at(x, y);
+      std::memcpy(to, from, 3);
+      to[3] = static_cast<uint8_t>(255 - ((x * 7 + y * 13) % 97));
+    }
+  }
+  return frame;
+}
+
 uint64_t digest(const Frame& frame) {
   uint64_t hash = 1469598103934665603ull;  // FNV-1a
   for (const uint8_t byte : frame.bgra) {
@@ -79,6 +96,7 @@ template <typename Engine>
 void record(const char* engineName, std::map<std::string, std::string>* out) {
   const Frame sample = loadSample();
   const Frame inputs[2] = {crop(sample, 180, 150, 97, 61), crop(sample, 120, 260, 64, 90)};
+  const Frame wide = widened(sample, 613, 83);
   for (const FloatSet& set : kFloatSets) {
     Engine engine;
     engine.create();
@@ -101,6 +119,17 @@ void record(const char* engineName, std::map<std::string, std::string>* out) {
                     static_cast<unsigned long long>(result ? digest(fromBuffer(result)) : 0));
       (*out)[key.str()] = value;
       ++index;
+    }
+    // Wider than the CPU engine's strips of columns, so that strip seams and band edges are in the picture.
+    for (const int mask : {1, 7, 15}) {
+      engine.enableBeautifying(static_cast<uintptr_t>(mask));
+      engine.setCustomizedFilter(0);
+      const PixelBufferRef result = engine.render(toBuffer(wide));
+      char value[32];
+      std::snprintf(value, sizeof value, "%016llx",
+                    static_cast<unsigned long long>(result ? digest(fromBuffer(result)) : 0));
+      (*out)[std::string(engineName) + ' ' + set.name + " wide mask " + std::to_string(mask) + ' ' +
+             std::to_string(wide.width) + 'x' + std::to_string(wide.height)] = value;
     }
     engine.destroy();
     GLContext::setCurrent({});
