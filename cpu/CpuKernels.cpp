@@ -29,19 +29,25 @@ struct Px {
   V<D> r, g, b, a;
 };
 
-// k / 255 for a level k in 0..255, exactly as the division rounds it: the value a fetch of an 8-bit texel
-// gives. With a fused multiply-add the reciprocal product and one residual correction give the correctly
-// rounded quotient for all 256 levels (checked exhaustively), at a fraction of a division's cost.
+// x / 255 for x in 0..256, exactly as the division rounds it (for a level k, the value a fetch of an 8-bit
+// texel gives). With a fused multiply-add the reciprocal product and one residual correction give the
+// correctly rounded quotient for every float in that range (checked exhaustively), at a fraction of a
+// division's cost.
 template <class D>
-HWY_INLINE V<D> levelToUnit(D d, V<D> k) {
+HWY_INLINE V<D> over255(D d, V<D> x) {
 #if HWY_ARCH_X86 && HWY_TARGET <= HWY_AVX2
   const V<D> reciprocal = hn::Set(d, 1.0f / 255.0f);
-  const V<D> q = hn::Mul(k, reciprocal);
-  const V<D> residual = hn::NegMulAdd(q, hn::Set(d, 255.0f), k);  // k - q * 255, exact when fused
+  const V<D> q = hn::Mul(x, reciprocal);
+  const V<D> residual = hn::NegMulAdd(q, hn::Set(d, 255.0f), x);  // x - q * 255, exact when fused
   return hn::MulAdd(residual, reciprocal, q);
 #else
-  return hn::Div(k, hn::Set(d, 255.0f));
+  return hn::Div(x, hn::Set(d, 255.0f));
 #endif
+}
+
+template <class D>
+HWY_INLINE V<D> levelToUnit(D d, V<D> k) {
+  return over255(d, k);
 }
 
 template <class D>
@@ -547,7 +553,7 @@ HWY_INLINE Px<D> whitenPx(D d, const Px<D>& src, V<D> factor) {
                                    hn::Mul(hn::Set(d, 0.0442923728433528f), hn::Sqrt(g)));
   V<D> gray = hn::Div(g, denominator);
   gray = hn::IfThenElse(hn::Lt(gray, hn::Set(d, 256.0f)), gray, hn::Set(d, 255.0f));
-  y = hn::Div(gray, hn::Set(d, 255.0f));
+  y = over255(d, gray);
   const V<D> crc = hn::Sub(cr, half);
   const V<D> cbc = hn::Sub(cb, half);
   const V<D> rgb[3] = {hn::Add(y, hn::Mul(hn::Set(d, 1.403f), crc)),
@@ -573,7 +579,7 @@ HWY_INLINE Px<D> presetPx(D d, const Px<D>& c, const float (*matrix)[4], const f
                         hn::Mul(v[2], hn::Set(d, matrix[k][2]))),
                 hn::Mul(v[3], hn::Set(d, matrix[k][3])));
     sum = hn::Add(sum, hn::Set(d, offset[k]));
-    out[k] = hn::Div(hn::Min(hn::Max(sum, hn::Zero(d)), scale), scale);
+    out[k] = over255(d, hn::Min(hn::Max(sum, hn::Zero(d)), scale));
   }
   return {out[0], out[1], out[2], out[3]};
 }
