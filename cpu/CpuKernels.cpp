@@ -65,46 +65,48 @@ HWY_INLINE Px<D> load(D d, const uint8_t* row, int x) {
 }
 
 // Round to the nearest of the 256 levels of an 8-bit target, as a float: 0 for anything not above 0 (NaN
-// too), 255 from 1.
-template <class D>
+// too), 255 from 1. kInRange: the value is a weighted mean of values in 0..1 (within rounding), which
+// needs no clamping.
+template <bool kInRange = false, class D>
 HWY_INLINE V<D> levelOf(D d, V<D> v) {
   const V<D> q = hn::Floor(hn::Add(hn::Mul(v, hn::Set(d, 255.0f)), hn::Set(d, 0.5f)));
+  if constexpr (kInRange) return q;
   return hn::Min(hn::Max(q, hn::Zero(d)), hn::Set(d, 255.0f));
 }
 
 // The level as an integer, in the low byte: adding 2^23 to a whole number below 2^23 puts it in the low
 // mantissa bits, exactly, without a conversion and its overflow checks.
-template <class D>
+template <bool kInRange = false, class D>
 HWY_INLINE hn::Vec<DU<D>> levelBits(D d, V<D> v) {
   const DU<D> du;
-  return hn::BitCast(du, hn::Add(levelOf(d, v), hn::Set(d, 8388608.0f)));
+  return hn::BitCast(du, hn::Add(levelOf<kInRange>(d, v), hn::Set(d, 8388608.0f)));
 }
 
 // What the next pass reads back after this one stored 8 bits.
-template <class D>
+template <bool kInRange = false, class D>
 HWY_INLINE V<D> stored(D d, V<D> v) {
-  return levelToUnit(d, levelOf(d, v));
+  return levelToUnit(d, levelOf<kInRange>(d, v));
 }
 
-template <class D>
+template <bool kInRange = false, class D>
 HWY_INLINE Px<D> stored(D d, const Px<D>& p) {
-  return {stored(d, p.r), stored(d, p.g), stored(d, p.b), stored(d, p.a)};
+  return {stored<kInRange>(d, p.r), stored<kInRange>(d, p.g), stored<kInRange>(d, p.b), stored<kInRange>(d, p.a)};
 }
 
 // The same where alpha is already a level read from 8 bits (storing it again gives it back).
-template <class D>
+template <bool kInRange = false, class D>
 HWY_INLINE Px<D> storedColour(D d, const Px<D>& p) {
-  return {stored(d, p.r), stored(d, p.g), stored(d, p.b), p.a};
+  return {stored<kInRange>(d, p.r), stored<kInRange>(d, p.g), stored<kInRange>(d, p.b), p.a};
 }
 
-template <class D>
+template <bool kInRange = false, class D>
 HWY_INLINE void store(D d, uint8_t* row, int x, const Px<D>& p) {
   const DU<D> du;
   // The shifts push the exponent bits above the low byte out of the word.
-  const auto b = hn::And(levelBits(d, p.b), hn::Set(du, 0xFFu));
-  const auto g = hn::ShiftLeft<8>(levelBits(d, p.g));
-  const auto r = hn::ShiftLeft<16>(levelBits(d, p.r));
-  const auto a = hn::ShiftLeft<24>(levelBits(d, p.a));
+  const auto b = hn::And(levelBits<kInRange>(d, p.b), hn::Set(du, 0xFFu));
+  const auto g = hn::ShiftLeft<8>(levelBits<kInRange>(d, p.g));
+  const auto r = hn::ShiftLeft<16>(levelBits<kInRange>(d, p.r));
+  const auto a = hn::ShiftLeft<24>(levelBits<kInRange>(d, p.a));
   hn::StoreU(hn::Or(hn::Or(b, g), hn::Or(r, a)), du, reinterpret_cast<uint32_t*>(row) + x);
 }
 
@@ -410,10 +412,10 @@ void SkinSmoothT(D d, const BilateralJob& job, const MirroredTaps& taps, int wor
         weights[4 + j] = row;
       }
       meanOfRows(d, count, centre, samples, weights, [&](int x, const Px<D>& mean) {
-        hn::StoreU(stored(d, mean.r), d, out.r + x);
-        hn::StoreU(stored(d, mean.g), d, out.g + x);
-        hn::StoreU(stored(d, mean.b), d, out.b + x);
-        hn::StoreU(stored(d, mean.a), d, out.a + x);
+        hn::StoreU(stored<true>(d, mean.r), d, out.r + x);
+        hn::StoreU(stored<true>(d, mean.g), d, out.g + x);
+        hn::StoreU(stored<true>(d, mean.b), d, out.b + x);
+        hn::StoreU(stored<true>(d, mean.a), d, out.a + x);
       });
     };
     RowRing<decltype(horizontal)> ring(job.in.height, ringBase, strip, ringRowsOf(job, worker), ringSize(job),
@@ -441,7 +443,7 @@ void SkinSmoothT(D d, const BilateralJob& job, const MirroredTaps& taps, int wor
         }
       }
       uint8_t* out = job.out.row(y) + 4 * static_cast<size_t>(x0);
-      meanOfRows(d, count, centre, samples, weights, [&](int x, const Px<D>& mean) { store(d, out, x, mean); });
+      meanOfRows(d, count, centre, samples, weights, [&](int x, const Px<D>& mean) { store<true>(d, out, x, mean); });
     }
   });
 }
@@ -508,7 +510,7 @@ class DetailRows {
       const Px<D> r = loadRow(d, right, x);
       const Px<D> l = loadRow(d, left, x);
       auto blur = [&](V<D> cc, V<D> rr, V<D> ll) {
-        return stored(d, hn::Add(hn::Add(hn::Mul(cc, centre), hn::Mul(rr, side)), hn::Mul(ll, side)));
+        return stored<true>(d, hn::Add(hn::Add(hn::Mul(cc, centre), hn::Mul(rr, side)), hn::Mul(ll, side)));
       };
       hn::StoreU(blur(c.r, r.r, l.r), d, out.r + x);
       hn::StoreU(blur(c.g, r.g, l.g), d, out.g + x);
@@ -626,7 +628,7 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
           auto blur = [&](V<D> cc, V<D> bb, V<D> aa) {
             return hn::Add(hn::Add(hn::Mul(cc, blurCentre), hn::Mul(bb, blurSide)), hn::Mul(aa, blurSide));
           };
-          s = stored(d, Px<D>{blur(c.r, b.r, a.r), blur(c.g, b.g, a.g), blur(c.b, b.b, a.b), blur(c.a, b.a, a.a)});
+          s = stored<true>(d, Px<D>{blur(c.r, b.r, a.r), blur(c.g, b.g, a.g), blur(c.b, b.b, a.b), blur(c.a, b.a, a.a)});
           s = storedColour(d, overlayPx(d, in, s, one, addBackMultiply, addBackOffset));
         } else {
           s = load(d, skinRow, x);
@@ -641,7 +643,7 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
         const V<D> k = hn::Mul(s.a, alpha);
         const V<D> oneMinusK = hn::Sub(one, k);
         c = Px<D>{mix(in.r, s.r, k, oneMinusK), mix(in.g, s.g, k, oneMinusK), mix(in.b, s.b, k, oneMinusK), in.a};
-        if (job.whiten || job.preset) c = storedColour(d, c);
+        if (job.whiten || job.preset) c = storedColour<true>(d, c);
       }
       if (job.whiten) {
         c = whitenPx(d, c, whitenFactor);
