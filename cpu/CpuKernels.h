@@ -3,10 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 
-// The pass kernels of the CPU engine: each computes rows [y0, y1) of one pass (or of a run of per-pixel
-// passes fused with 8-bit rounding between them) on packed BGRA, in single precision and in the order the
-// shaders compute. SIMD through Highway, the widest instruction set of the running CPU chosen at run time;
-// rows narrower than a vector go one lane at a time.
+// The pass kernels of the CPU engine: each computes rows [y0, y1) of one pass, or of a run of passes fused
+// with the 8-bit rounding between them kept (the rows a neighbourhood pass reads are made as it first needs
+// them, into small rings of float rows), on packed BGRA, in single precision and in the order the shaders
+// compute. SIMD through Highway, the widest instruction set of the running CPU chosen at run time; rows
+// narrower than a vector go one lane at a time.
 namespace lumo::cpu {
 
 struct ConstImage {
