@@ -456,31 +456,18 @@ HWY_INLINE Px<D> overlayPx(D d, const Px<D>& base, const Px<D>& over, V<D> direc
 }
 
 // The detail layer's rows as the blur along columns reads them: the high pass (input minus smoothed around
-// mid grey, with the smoothed alpha) blurred along the row, at 8 bits. Each row is computed once, into a
-// ring of the three rows one output row reads.
+// mid grey, with the smoothed alpha) blurred along the row, at 8 bits. The tail keeps the three rows one
+// output row reads in a ring, each computed once.
 template <class D>
-class DetailRows {
+class DetailLayer {
  public:
-  DetailRows(D d, const TailJob& job, float* scratch)
-      : d_(d),
-        job_(job),
-        width_(static_cast<size_t>(job.input.width)),
-        padded_(floatRow(scratch, width_ + 2)),
-        ring_(scratch + 4 * (width_ + 2)) {}
+  DetailLayer(D d, const TailJob& job, float* scratch)
+      : d_(d), job_(job), width_(static_cast<size_t>(job.input.width)), padded_(floatRow(scratch, width_ + 2)) {}
 
-  FloatRow get(int y) {
-    y = std::clamp(y, 0, job_.input.height - 1);
-    const int slot = y % 3;
-    const FloatRow row = floatRow(ring_ + static_cast<size_t>(slot) * 4 * width_, width_);
-    if (rows_[slot] != y) {
-      compute(y, row);
-      rows_[slot] = y;
-    }
-    return row;
-  }
+  // Floats of scratch the padded row takes; the ring follows.
+  static size_t paddedFloats(size_t width) { return 4 * (width + 2); }
 
- private:
-  void compute(int y, const FloatRow& out) {
+  void operator()(int y, const FloatRow& out) const {
     const D d = d_;
     const int width = static_cast<int>(width_);
     const uint8_t* input = job_.input.row(y);
@@ -527,12 +514,11 @@ class DetailRows {
     });
   }
 
+ private:
   D d_;
   const TailJob& job_;
   size_t width_;
   FloatRow padded_;
-  float* ring_;
-  int rows_[3] = {-1, -1, -1};
 };
 
 // The pink-whiten curve, 0..255 -> 0..1, as the filter uploads it.
@@ -605,7 +591,12 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
   const V<D> addBackOffset = hn::Set(d, -256.0f / 255.0f);
   const V<D> blurCentre = hn::Set(d, job.blurCentre);
   const V<D> blurSide = hn::Set(d, job.blurSide);
-  DetailRows<D> detail(d, job, job.detailScratch + static_cast<size_t>(worker) * detailScratchFloats(job.input.width));
+  const size_t width = static_cast<size_t>(job.input.width);
+  float* detailScratch = job.detailScratch + static_cast<size_t>(worker) * detailScratchFloats(job.input.width);
+  const DetailLayer<D> detailLayer(d, job, detailScratch);
+  int detailSlots[3];
+  RowRing<DetailLayer<D>> detail(job.input.height, detailScratch + DetailLayer<D>::paddedFloats(width), width,
+                                 detailSlots, 3, detailLayer);
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
