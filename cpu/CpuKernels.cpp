@@ -124,12 +124,11 @@ HWY_INLINE Px<D> lerp(D d, const Px<D>& a, const Px<D>& b, float t) {
 }
 
 // Whole vectors across the row; the last one overlaps the one before when the width is not a multiple.
+// One call site, so that the body is inlined into the loop and what it reads stays in registers.
 template <class D, typename Body>
 HWY_INLINE void forEachVector(D d, int width, const Body& body) {
   const int lanes = static_cast<int>(hn::Lanes(d));
-  int x = 0;
-  for (; x + lanes <= width; x += lanes) body(x);
-  if (x < width) body(width - lanes);
+  for (int x = 0; x < width; x += lanes) body(std::min(x, width - lanes));
 }
 
 // Host rows need not be 4-byte aligned, so pixels are copied as bytes.
@@ -160,56 +159,79 @@ void SkinDetectRowsT(D d, const SkinJob& job, int y0, int y1) {
 }
 
 // Rows of a pass's input as floats in 0..1, a plane per channel, converted once and shared by every tap
-// that reads them: the bilateral's nine taps would otherwise convert each texel nine times.
-struct FloatRow {
-  float* r;
-  float* g;
-  float* b;
-  float* a;
-  FloatRow shifted(int by) const { return {r + by, g + by, b + by, a + by}; }
+// that reads them: the bilateral's nine taps would otherwise convert each texel nine times. The four planes
+// lie kStride floats apart; where that is a compile-time constant one pointer reaches all four, which keeps
+// the many rows of a bilateral tap loop in registers.
+template <size_t kStride = 0>
+struct Planes {
+  float* base;
+  static Planes at(float* base, size_t stride) {
+    (void)stride;
+    return {base};
+  }
+  float* plane(int k) const { return base + static_cast<size_t>(k) * kStride; }
+  Planes shifted(int by) const { return {base + by}; }
 };
 
-FloatRow floatRow(float* base, size_t length) { return {base, base + length, base + 2 * length, base + 3 * length}; }
+// Planes at a distance known only at run time: a pointer each.
+template <>
+struct Planes<0> {
+  float* planes[4];
+  static Planes at(float* base, size_t stride) { return {{base, base + stride, base + 2 * stride, base + 3 * stride}}; }
+  float* plane(int k) const { return planes[k]; }
+  Planes shifted(int by) const { return {{planes[0] + by, planes[1] + by, planes[2] + by, planes[3] + by}}; }
+};
+
+using FloatRow = Planes<0>;
+
+FloatRow floatRow(float* base, size_t length) { return FloatRow::at(base, length); }
+
+template <class D, class Row>
+HWY_INLINE Px<D> loadRow(D d, const Row& row, int x) {
+  return {hn::LoadU(d, row.plane(0) + x), hn::LoadU(d, row.plane(1) + x), hn::LoadU(d, row.plane(2) + x),
+          hn::LoadU(d, row.plane(3) + x)};
+}
+
+template <class D, class Row>
+HWY_INLINE void storeRow(D d, const Row& row, int x, const Px<D>& p) {
+  hn::StoreU(p.r, d, row.plane(0) + x);
+  hn::StoreU(p.g, d, row.plane(1) + x);
+  hn::StoreU(p.b, d, row.plane(2) + x);
+  hn::StoreU(p.a, d, row.plane(3) + x);
+}
 
 // Columns [x0, x0 + count) of row y into `row` at [0, count); with `skin`, as skin detect leaves them.
-template <class D>
-HWY_INLINE void convertColumns(D d, const ConstImage& in, int y, int x0, int count, const FloatRow& row,
+template <class D, class Row>
+HWY_INLINE void convertColumns(D d, const ConstImage& in, int y, int x0, int count, const Row& row,
                                bool skin = false) {
   const uint8_t* source = in.row(y) + 4 * static_cast<size_t>(x0);
   forEachVector(d, count, [&](int x) {
     Px<D> p = load(d, source, x);
     if (skin) p = skinOnly(d, p);
-    hn::StoreU(p.r, d, row.r + x);
-    hn::StoreU(p.g, d, row.g + x);
-    hn::StoreU(p.b, d, row.b + x);
-    hn::StoreU(p.a, d, row.a + x);
+    storeRow(d, row, x, p);
   });
 }
 
 // Columns [x0 - pad, x0 + count + pad) of row y into `row` at [0, count + 2 * pad), the row's edge texels
 // repeated beyond its ends (clamp to edge).
-template <class D>
-HWY_INLINE void convertPadded(D d, const ConstImage& in, int y, int x0, int count, int pad, const FloatRow& row,
+template <class D, class Row>
+HWY_INLINE void convertPadded(D d, const ConstImage& in, int y, int x0, int count, int pad, const Row& row,
                               bool skin = false) {
   const int first = std::max(0, x0 - pad);
   const int end = std::min(in.width, x0 + count + pad);
   const int lead = first - (x0 - pad);
   const int tail = end - (x0 - pad);
   convertColumns(d, in, y, first, end - first, row.shifted(lead), skin);
-  for (float* plane : {row.r, row.g, row.b, row.a}) {
+  for (int k = 0; k < 4; ++k) {
+    float* plane = row.plane(k);
     std::fill(plane, plane + lead, plane[lead]);
     std::fill(plane + tail, plane + count + 2 * pad, plane[tail - 1]);
   }
 }
 
-template <class D>
-HWY_INLINE Px<D> loadRow(D d, const FloatRow& row, int x) {
-  return {hn::LoadU(d, row.r + x), hn::LoadU(d, row.g + x), hn::LoadU(d, row.b + x), hn::LoadU(d, row.a + x)};
-}
-
 // The rows a vertical pass reads, made by fill(y, row) on first use and kept in a ring large enough for
 // every row one output row needs.
-template <typename Fill>
+template <typename Fill, class Row = FloatRow>
 class RowRing {
  public:
   RowRing(int height, float* base, size_t planeLength, int* rows, int size, const Fill& fill)
@@ -217,10 +239,10 @@ class RowRing {
     std::fill(rows_, rows_ + size_, -1);
   }
 
-  FloatRow get(int y) {
+  Row get(int y) {
     y = std::clamp(y, 0, height_ - 1);
     const int slot = y % size_;
-    const FloatRow row = floatRow(base_ + static_cast<size_t>(slot) * 4 * planeLength_, planeLength_);
+    const Row row = Row::at(base_ + static_cast<size_t>(slot) * 4 * planeLength_, planeLength_);
     if (rows_[slot] != y) {
       fill_(y, row);
       rows_[slot] = y;
@@ -351,7 +373,7 @@ bool mirroredTaps(const BilateralJob& job, MirroredTaps* taps) {
     const Tap& minus = job.taps[3 - j];
     const Tap& plus = job.taps[4 + j];
     if (minus.fraction != 0.0f || plus.fraction != 0.0f || minus.index != -plus.index || plus.index < 0 ||
-        minus.weight != plus.weight || plus.index + 2 > job.pad) {
+        minus.weight != plus.weight || plus.index + 2 > job.pad || job.pad > kMaxPad) {
       return false;
     }
     taps->offset[j] = plus.index;
@@ -361,8 +383,8 @@ bool mirroredTaps(const BilateralJob& job, MirroredTaps* taps) {
 }
 
 // weights[x] for x in [0, count): the tap weight between centre[x] and other[x].
-template <class D>
-HWY_INLINE void pairWeights(D d, int count, const FloatRow& centre, const FloatRow& other, float spatial,
+template <class D, class Row>
+HWY_INLINE void pairWeights(D d, int count, const Row& centre, const Row& other, float spatial,
                             V<D> factor, float* weights) {
   const V<D> w = hn::Set(d, spatial);
   forEachVector(d, count, [&](int x) {
@@ -371,8 +393,8 @@ HWY_INLINE void pairWeights(D d, int count, const FloatRow& centre, const FloatR
 }
 
 // The mean of each pixel [0, count) from the centre, the eight samples and their weights, in tap order.
-template <class D, typename Out>
-HWY_INLINE void meanOfRows(D d, int count, const FloatRow& centre, const FloatRow* samples,
+template <class D, class Row, typename Out>
+HWY_INLINE void meanOfRows(D d, int count, const Row& centre, const Row* samples,
                            const float* const* weights, const Out& out) {
   forEachVector(d, count, [&](int x) {
     out(x, meanOf(d, loadRow(d, centre, x), [&](int i, Px<D>& s, V<D>& weight) {
@@ -384,23 +406,28 @@ HWY_INLINE void meanOfRows(D d, int count, const FloatRow& centre, const FloatRo
 
 // Skin detect and both bilateral passes in one sweep, strip by strip: the horizontal pass makes each row the
 // vertical pass reads as it first needs it, at 8 bits as a texture would hold it, from the input itself.
+// The planes of the sweep's rows, a fixed distance apart: the padded input row of a strip, and the rows of
+// the ring.
+using PaddedRow = Planes<kPaddedStrip>;
+using StripRow = Planes<kBilateralStrip>;
+
 template <class D>
 void SkinSmoothT(D d, const BilateralJob& job, const MirroredTaps& taps, int worker, int y0, int y1) {
   const V<D> factor = hn::Set(d, job.factor);
   const size_t strip = kBilateralStrip;
-  const size_t paddedLength = strip + 2 * static_cast<size_t>(job.pad);
+  const size_t paddedLength = kPaddedStrip;
   const int pairRing = job.pad;  // more rows than the widest offset
   float* scratch = scratchOf(job, worker);
-  const FloatRow padded = floatRow(scratch, paddedLength);
+  const PaddedRow padded{scratch};
   float* rowPairs = scratch + 4 * paddedLength;  // the horizontal pass's weights, a row per offset
   float* ringBase = rowPairs + 4 * paddedLength;
   float* columnPairs = ringBase + static_cast<size_t>(ringSize(job)) * 4 * strip;
   float* fresh = columnPairs + 4 * static_cast<size_t>(pairRing) * strip;
   forEachStrip(job.in.width, [&](int x0, int count) {
-    auto horizontal = [&](int y, const FloatRow& out) {
+    auto horizontal = [&](int y, const StripRow& out) {
       convertPadded(d, job.in, y, x0, count, job.pad, padded, true);
-      const FloatRow centre = padded.shifted(job.pad);
-      FloatRow samples[8];
+      const PaddedRow centre = padded.shifted(job.pad);
+      PaddedRow samples[8];
       const float* weights[8];
       for (int j = 0; j < 4; ++j) {
         const int o = taps.offset[j];
@@ -411,20 +438,16 @@ void SkinSmoothT(D d, const BilateralJob& job, const MirroredTaps& taps, int wor
         samples[4 + j] = centre.shifted(o);
         weights[4 + j] = row;
       }
-      meanOfRows(d, count, centre, samples, weights, [&](int x, const Px<D>& mean) {
-        hn::StoreU(stored<true>(d, mean.r), d, out.r + x);
-        hn::StoreU(stored<true>(d, mean.g), d, out.g + x);
-        hn::StoreU(stored<true>(d, mean.b), d, out.b + x);
-        hn::StoreU(stored<true>(d, mean.a), d, out.a + x);
-      });
+      meanOfRows(d, count, centre, samples, weights,
+                 [&](int x, const Px<D>& mean) { storeRow(d, out, x, stored<true>(d, mean)); });
     };
-    RowRing<decltype(horizontal)> ring(job.in.height, ringBase, strip, ringRowsOf(job, worker), ringSize(job),
+    RowRing<decltype(horizontal), StripRow> ring(job.in.height, ringBase, strip, ringRowsOf(job, worker), ringSize(job),
                                        horizontal);
     // For each offset, a ring of the pair weights of rows (y, y + o) so far, which row y + o reads back;
     // rows whose partner above lies outside this band compute theirs afresh.
     for (int y = y0; y < y1; ++y) {
-      const FloatRow centre = ring.get(y);
-      FloatRow samples[8];
+      const StripRow centre = ring.get(y);
+      StripRow samples[8];
       const float* weights[8];
       for (int j = 0; j < 4; ++j) {
         const int o = taps.offset[j];
@@ -473,6 +496,10 @@ class DetailLayer {
     const uint8_t* input = job_.input.row(y);
     const uint8_t* smoothed = job_.skin.row(y);
     const FloatRow highPass = padded_.shifted(1);
+    float* const r = highPass.plane(0);
+    float* const g = highPass.plane(1);
+    float* const b = highPass.plane(2);
+    float* const a = highPass.plane(3);
     // In single precision, -input + smoothed + 128/255 rounds to the level smoothed - input + 128, clamped to
     // 0..255, for every pair of levels (checked for all 65536): whole numbers give the same bytes. Alpha is
     // the smoothed layer's.
@@ -487,12 +514,13 @@ class DetailLayer {
     forEachVector(d, width, [&](int x) {
       const auto in = hn::LoadU(du, reinterpret_cast<const uint32_t*>(input) + x);
       const auto smooth = hn::LoadU(du, reinterpret_cast<const uint32_t*>(smoothed) + x);
-      hn::StoreU(level(hn::ShiftRight<16>(in), hn::ShiftRight<16>(smooth)), d, highPass.r + x);
-      hn::StoreU(level(hn::ShiftRight<8>(in), hn::ShiftRight<8>(smooth)), d, highPass.g + x);
-      hn::StoreU(level(in, smooth), d, highPass.b + x);
-      hn::StoreU(unit(d, hn::ShiftRight<24>(smooth)), d, highPass.a + x);
+      hn::StoreU(level(hn::ShiftRight<16>(in), hn::ShiftRight<16>(smooth)), d, r + x);
+      hn::StoreU(level(hn::ShiftRight<8>(in), hn::ShiftRight<8>(smooth)), d, g + x);
+      hn::StoreU(level(in, smooth), d, b + x);
+      hn::StoreU(unit(d, hn::ShiftRight<24>(smooth)), d, a + x);
     });
-    for (float* plane : {padded_.r, padded_.g, padded_.b, padded_.a}) {
+    for (int k = 0; k < 4; ++k) {
+      float* plane = padded_.plane(k);
       plane[0] = plane[1];
       plane[width + 1] = plane[width];
     }
@@ -502,15 +530,12 @@ class DetailLayer {
     const FloatRow left = highPass.shifted(-1);
     forEachVector(d, width, [&](int x) {
       const Px<D> c = loadRow(d, highPass, x);
-      const Px<D> r = loadRow(d, right, x);
+      const Px<D> rr = loadRow(d, right, x);
       const Px<D> l = loadRow(d, left, x);
       auto blur = [&](V<D> cc, V<D> rr, V<D> ll) {
         return stored<true>(d, hn::Add(hn::Add(hn::Mul(cc, centre), hn::Mul(rr, side)), hn::Mul(ll, side)));
       };
-      hn::StoreU(blur(c.r, r.r, l.r), d, out.r + x);
-      hn::StoreU(blur(c.g, r.g, l.g), d, out.g + x);
-      hn::StoreU(blur(c.b, r.b, l.b), d, out.b + x);
-      hn::StoreU(blur(c.a, r.a, l.a), d, out.a + x);
+      storeRow(d, out, x, Px<D>{blur(c.r, rr.r, l.r), blur(c.g, rr.g, l.g), blur(c.b, rr.b, l.b), blur(c.a, rr.a, l.a)});
     });
   }
 
@@ -755,7 +780,7 @@ size_t bilateralScratchFloats(int width, int pad) {
   const size_t apart = std::max(4 * (static_cast<size_t>(width) + 2 * static_cast<size_t>(pad)), 4 * ringRows * strip);
   // In one sweep: the padded row of a strip and its pair weights, the ring of rows, a ring of pair weights
   // per offset and a fresh row of them per offset.
-  const size_t together = 8 * (strip + 2 * static_cast<size_t>(pad)) + 4 * ringRows * strip +
+  const size_t together = 8 * kPaddedStrip + 4 * ringRows * strip +
                           4 * static_cast<size_t>(pad) * strip + 4 * strip;
   return std::max(apart, together);
 }

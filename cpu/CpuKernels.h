@@ -57,6 +57,9 @@ struct BilateralJob {
 
 // Vertical passes run over strips of this many columns, so that the rows they keep stay in cache.
 constexpr int kBilateralStrip = 256;
+// The widest padding the one-sweep smoothing takes (a polish step of 16), and its padded strip.
+constexpr int kMaxPad = 66;
+constexpr size_t kPaddedStrip = kBilateralStrip + 2 * kMaxPad;
 
 size_t bilateralScratchFloats(int width, int pad);
 
