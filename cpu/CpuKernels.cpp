@@ -5,6 +5,7 @@
 #include <hwy/highway.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
 #include "CpuKernels.h"
@@ -166,6 +167,7 @@ template <size_t kStride = 0>
 struct Planes {
   float* base;
   static Planes at(float* base, size_t stride) {
+    assert(stride == kStride);
     (void)stride;
     return {base};
   }
