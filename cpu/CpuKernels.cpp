@@ -411,12 +411,12 @@ HWY_INLINE void meanOfRows(D d, int count, const Row& centre, const Row* samples
 // The planes of the sweep's rows, a fixed distance apart: the padded input row of a strip, and the rows of
 // the ring.
 using PaddedRow = Planes<kPaddedStrip>;
-using StripRow = Planes<kBilateralStrip>;
+using StripRow = Planes<kStripStride>;
 
 template <class D>
 void SkinSmoothT(D d, const BilateralJob& job, const MirroredTaps& taps, int worker, int y0, int y1) {
   const V<D> factor = hn::Set(d, job.factor);
-  const size_t strip = kBilateralStrip;
+  const size_t strip = kStripStride;
   const size_t paddedLength = kPaddedStrip;
   const int pairRing = job.pad;  // more rows than the widest offset
   float* scratch = scratchOf(job, worker);
@@ -782,8 +782,8 @@ size_t bilateralScratchFloats(int width, int pad) {
   const size_t apart = std::max(4 * (static_cast<size_t>(width) + 2 * static_cast<size_t>(pad)), 4 * ringRows * strip);
   // In one sweep: the padded row of a strip and its pair weights, the ring of rows, a ring of pair weights
   // per offset and a fresh row of them per offset.
-  const size_t together = 8 * kPaddedStrip + 4 * ringRows * strip +
-                          4 * static_cast<size_t>(pad) * strip + 4 * strip;
+  const size_t together = 8 * kPaddedStrip + 4 * ringRows * kStripStride +
+                          4 * static_cast<size_t>(pad) * kStripStride + 4 * kStripStride;
   return std::max(apart, together);
 }
 

@@ -60,6 +60,9 @@ constexpr int kBilateralStrip = 256;
 // The widest padding the one-sweep smoothing takes (a polish step of 16), and its padded strip.
 constexpr int kMaxPad = 66;
 constexpr size_t kPaddedStrip = kBilateralStrip + 2 * kMaxPad;
+// The planes of the one-sweep smoothing's rows lie this far apart: a little more than a strip, so that rows
+// and planes a power of two apart do not share cache sets.
+constexpr size_t kStripStride = kBilateralStrip + 16;
 
 size_t bilateralScratchFloats(int width, int pad);
 
