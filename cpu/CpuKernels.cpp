@@ -624,6 +624,7 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
   int detailSlots[3];
   RowRing<DetailLayer<D>> detail(job.input.height, detailScratch + DetailLayer<D>::paddedFloats(width), width,
                                  detailSlots, 3, detailLayer);
+  const FloatRow blended = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 12 * width, width);
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
@@ -641,10 +642,11 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
         job.region == nullptr ? nullptr
                               : reinterpret_cast<const uint8_t*>(job.region + static_cast<size_t>(y) * job.input.width);
     uint8_t* out = job.out.row(y);
-    forEachVector(d, job.input.width, [&](int x) {
-      const Px<D> in = load(d, input, x);
-      Px<D> c = in;
-      if (beautify) {
+    // Two sweeps along the row: the skin stages into a float row, then whiten and the preset, so that each
+    // loop's constants stay in registers.
+    if (beautify) {
+      forEachVector(d, job.input.width, [&](int x) {
+        const Px<D> in = load(d, input, x);
         Px<D> s;
         if (job.addBack) {
           // The detail layer blurred along columns (rows below, then above), added back doubled.
@@ -668,9 +670,13 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
         if (regionRow != nullptr) s.a = stored(d, hn::Mul(s.a, load(d, regionRow, x).a));
         const V<D> k = hn::Mul(s.a, alpha);
         const V<D> oneMinusK = hn::Sub(one, k);
-        c = Px<D>{mix(in.r, s.r, k, oneMinusK), mix(in.g, s.g, k, oneMinusK), mix(in.b, s.b, k, oneMinusK), in.a};
+        Px<D> c{mix(in.r, s.r, k, oneMinusK), mix(in.g, s.g, k, oneMinusK), mix(in.b, s.b, k, oneMinusK), in.a};
         if (job.whiten || job.preset) c = storedColour<true>(d, c);
-      }
+        storeRow(d, blended, x, c);
+      });
+    }
+    forEachVector(d, job.input.width, [&](int x) {
+      Px<D> c = beautify ? loadRow(d, blended, x) : load(d, input, x);
       if (job.whiten) {
         c = whitenPx(d, c, whitenFactor);
         if (job.preset) c = storedColour(d, c);
@@ -797,7 +803,7 @@ void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
 }
 
 // A padded row for the high pass, and the ring of three rows of the detail layer.
-size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 12 * static_cast<size_t>(width); }
+size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 16 * static_cast<size_t>(width); }
 void tailRows(const TailJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, worker, y0, y1);
 }
