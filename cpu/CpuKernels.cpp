@@ -624,7 +624,9 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
   int detailSlots[3];
   RowRing<DetailLayer<D>> detail(job.input.height, detailScratch + DetailLayer<D>::paddedFloats(width), width,
                                  detailSlots, 3, detailLayer);
-  const FloatRow blended = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 12 * width, width);
+  // Rows between the tail's sweeps along a row: the detail layer added back, and the blend.
+  const FloatRow added = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 12 * width, width);
+  const FloatRow blended = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 16 * width, width);
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
@@ -644,23 +646,24 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
     uint8_t* out = job.out.row(y);
     // Two sweeps along the row: the skin stages into a float row, then whiten and the preset, so that each
     // loop's constants stay in registers.
+    if (beautify && job.addBack) {
+      // The detail layer blurred along columns (rows below, then above), added back doubled.
+      forEachVector(d, job.input.width, [&](int x) {
+        const Px<D> c = loadRow(d, centre, x);
+        const Px<D> b = loadRow(d, below, x);
+        const Px<D> a = loadRow(d, above, x);
+        auto blur = [&](V<D> cc, V<D> bb, V<D> aa) {
+          return hn::Add(hn::Add(hn::Mul(cc, blurCentre), hn::Mul(bb, blurSide)), hn::Mul(aa, blurSide));
+        };
+        const Px<D> s =
+            stored<true>(d, Px<D>{blur(c.r, b.r, a.r), blur(c.g, b.g, a.g), blur(c.b, b.b, a.b), blur(c.a, b.a, a.a)});
+        storeRow(d, added, x, storedColour(d, overlayPx(d, load(d, input, x), s, one, addBackMultiply, addBackOffset)));
+      });
+    }
     if (beautify) {
       forEachVector(d, job.input.width, [&](int x) {
         const Px<D> in = load(d, input, x);
-        Px<D> s;
-        if (job.addBack) {
-          // The detail layer blurred along columns (rows below, then above), added back doubled.
-          const Px<D> c = loadRow(d, centre, x);
-          const Px<D> b = loadRow(d, below, x);
-          const Px<D> a = loadRow(d, above, x);
-          auto blur = [&](V<D> cc, V<D> bb, V<D> aa) {
-            return hn::Add(hn::Add(hn::Mul(cc, blurCentre), hn::Mul(bb, blurSide)), hn::Mul(aa, blurSide));
-          };
-          s = stored<true>(d, Px<D>{blur(c.r, b.r, a.r), blur(c.g, b.g, a.g), blur(c.b, b.b, a.b), blur(c.a, b.a, a.a)});
-          s = storedColour(d, overlayPx(d, in, s, one, addBackMultiply, addBackOffset));
-        } else {
-          s = load(d, skinRow, x);
-        }
+        Px<D> s = job.addBack ? loadRow(d, added, x) : load(d, skinRow, x);
         if (job.pinkWhiten) {
           const V<D> green = curve(d, job.pinkCurve, s.g);
           s = storedColour(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
@@ -803,7 +806,7 @@ void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
 }
 
 // A padded row for the high pass, and the ring of three rows of the detail layer.
-size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 16 * static_cast<size_t>(width); }
+size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 20 * static_cast<size_t>(width); }
 void tailRows(const TailJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, worker, y0, y1);
 }
