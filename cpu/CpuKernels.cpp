@@ -564,8 +564,10 @@ HWY_INLINE V<D> overlayBlend(D d, V<D> c, V<D> w) {
   return hn::IfThenElse(hn::Lt(c, hn::Set(d, 0.5f)), low, high);
 }
 
+// Whiten in two halves, so that each half's constants fit the registers of a sweep of its own: the grey
+// level's curve and the colour rebuilt around it, then the overlay mix.
 template <class D>
-HWY_INLINE Px<D> whitenPx(D d, const Px<D>& src, V<D> factor) {
+HWY_INLINE Px<D> whitenTone(D d, const Px<D>& src) {
   const V<D> half = hn::Set(d, 0.5f);
   V<D> y = hn::Add(hn::Add(hn::Mul(src.r, hn::Set(d, 0.299f)), hn::Mul(src.g, hn::Set(d, 0.587f))),
                    hn::Mul(src.b, hn::Set(d, 0.114f)));
@@ -579,16 +581,19 @@ HWY_INLINE Px<D> whitenPx(D d, const Px<D>& src, V<D> factor) {
   y = over255(d, gray);
   const V<D> crc = hn::Sub(cr, half);
   const V<D> cbc = hn::Sub(cb, half);
-  const V<D> rgb[3] = {hn::Add(y, hn::Mul(hn::Set(d, 1.403f), crc)),
-                       hn::Sub(hn::Sub(y, hn::Mul(hn::Set(d, 0.344f), cbc)), hn::Mul(hn::Set(d, 0.714f), crc)),
-                       hn::Add(y, hn::Mul(hn::Set(d, 1.773f), cbc))};
-  // mix(c, overlay(c, factor), -0.4756); the warm tint after it has weight 0 and leaves the value as it is.
+  return {hn::Add(y, hn::Mul(hn::Set(d, 1.403f), crc)),
+          hn::Sub(hn::Sub(y, hn::Mul(hn::Set(d, 0.344f), cbc)), hn::Mul(hn::Set(d, 0.714f), crc)),
+          hn::Add(y, hn::Mul(hn::Set(d, 1.773f), cbc)), src.a};
+}
+
+// mix(c, overlay(c, factor), -0.4756); the warm tint after it has weight 0 and leaves the value as it is.
+template <class D>
+HWY_INLINE Px<D> whitenMix(D d, const Px<D>& c, V<D> factor) {
   const float t = -0.4756f;
   const V<D> vt = hn::Set(d, t);
   const V<D> oneMinusT = hn::Set(d, 1.0f - t);
-  V<D> out[3];
-  for (int i = 0; i < 3; ++i) out[i] = mix(rgb[i], overlayBlend(d, rgb[i], factor), vt, oneMinusT);
-  return {out[0], out[1], out[2], src.a};
+  auto channel = [&](V<D> v) { return mix(v, overlayBlend(d, v, factor), vt, oneMinusT); };
+  return {channel(c.r), channel(c.g), channel(c.b), c.a};
 }
 
 template <class D>
@@ -624,9 +629,10 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
   int detailSlots[3];
   RowRing<DetailLayer<D>> detail(job.input.height, detailScratch + DetailLayer<D>::paddedFloats(width), width,
                                  detailSlots, 3, detailLayer);
-  // Rows between the tail's sweeps along a row: the detail layer added back, and the blend.
+  // Rows between the tail's sweeps along a row: the detail layer added back, the blend, whiten's first half.
   const FloatRow added = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 12 * width, width);
   const FloatRow blended = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 16 * width, width);
+  const FloatRow toned = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 20 * width, width);
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
@@ -678,11 +684,18 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
         storeRow(d, blended, x, c);
       });
     }
+    if (job.whiten) {
+      forEachVector(d, job.input.width, [&](int x) {
+        storeRow(d, toned, x, whitenTone(d, beautify ? loadRow(d, blended, x) : load(d, input, x)));
+      });
+    }
     forEachVector(d, job.input.width, [&](int x) {
-      Px<D> c = beautify ? loadRow(d, blended, x) : load(d, input, x);
+      Px<D> c;
       if (job.whiten) {
-        c = whitenPx(d, c, whitenFactor);
+        c = whitenMix(d, loadRow(d, toned, x), whitenFactor);
         if (job.preset) c = storedColour(d, c);
+      } else {
+        c = beautify ? loadRow(d, blended, x) : load(d, input, x);
       }
       if (job.preset) c = presetPx(d, c, job.presetMatrix, job.presetOffset);
       store(d, out, x, c);
@@ -806,7 +819,7 @@ void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
 }
 
 // A padded row for the high pass, and the ring of three rows of the detail layer.
-size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 20 * static_cast<size_t>(width); }
+size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 24 * static_cast<size_t>(width); }
 void tailRows(const TailJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, worker, y0, y1);
 }
