@@ -629,10 +629,12 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
   int detailSlots[3];
   RowRing<DetailLayer<D>> detail(job.input.height, detailScratch + DetailLayer<D>::paddedFloats(width), width,
                                  detailSlots, 3, detailLayer);
-  // Rows between the tail's sweeps along a row: the detail layer added back, the blend, whiten's first half.
+  // Rows between the tail's sweeps along a row: the detail layer added back, the blend, whiten's first half,
+  // the skin whitened.
   const FloatRow added = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 12 * width, width);
   const FloatRow blended = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 16 * width, width);
   const FloatRow toned = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 20 * width, width);
+  const FloatRow pinked = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 24 * width, width);
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
@@ -666,15 +668,19 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
         storeRow(d, added, x, storedColour(d, overlayPx(d, load(d, input, x), s, one, addBackMultiply, addBackOffset)));
       });
     }
+    if (beautify && job.pinkWhiten) {
+      forEachVector(d, job.input.width, [&](int x) {
+        const Px<D> s = job.addBack ? loadRow(d, added, x) : load(d, skinRow, x);
+        const V<D> green = curve(d, job.pinkCurve, s.g);
+        storeRow(d, pinked, x,
+                 storedColour(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
+                                       mix(s.g, green, pink, oneMinusPink), mix(s.b, green, pink, oneMinusPink), s.a}));
+      });
+    }
     if (beautify) {
       forEachVector(d, job.input.width, [&](int x) {
         const Px<D> in = load(d, input, x);
-        Px<D> s = job.addBack ? loadRow(d, added, x) : load(d, skinRow, x);
-        if (job.pinkWhiten) {
-          const V<D> green = curve(d, job.pinkCurve, s.g);
-          s = storedColour(d, Px<D>{mix(s.r, curve(d, job.pinkCurve, s.r), pink, oneMinusPink),
-                              mix(s.g, green, pink, oneMinusPink), mix(s.b, green, pink, oneMinusPink), s.a});
-        }
+        Px<D> s = job.pinkWhiten ? loadRow(d, pinked, x) : job.addBack ? loadRow(d, added, x) : load(d, skinRow, x);
         // The region pass stores the weighted alpha before the blend reads it.
         if (regionRow != nullptr) s.a = stored(d, hn::Mul(s.a, load(d, regionRow, x).a));
         const V<D> k = hn::Mul(s.a, alpha);
@@ -819,7 +825,7 @@ void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
 }
 
 // A padded row for the high pass, and the ring of three rows of the detail layer.
-size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 24 * static_cast<size_t>(width); }
+size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 28 * static_cast<size_t>(width); }
 void tailRows(const TailJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, worker, y0, y1);
 }
