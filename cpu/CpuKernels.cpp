@@ -626,15 +626,16 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
   const size_t width = static_cast<size_t>(job.input.width);
   float* detailScratch = job.detailScratch + static_cast<size_t>(worker) * detailScratchFloats(job.input.width);
   const DetailLayer<D> detailLayer(d, job, detailScratch);
+  // After the high pass's padded row: the detail layer's ring of three rows, then a row between each of the
+  // tail's sweeps along a row.
+  float* const rows = detailScratch + DetailLayer<D>::paddedFloats(width);
   int detailSlots[3];
-  RowRing<DetailLayer<D>> detail(job.input.height, detailScratch + DetailLayer<D>::paddedFloats(width), width,
-                                 detailSlots, 3, detailLayer);
-  // Rows between the tail's sweeps along a row: the detail layer added back, the blend, whiten's first half,
-  // the skin whitened.
-  const FloatRow added = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 12 * width, width);
-  const FloatRow blended = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 16 * width, width);
-  const FloatRow toned = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 20 * width, width);
-  const FloatRow pinked = floatRow(detailScratch + DetailLayer<D>::paddedFloats(width) + 24 * width, width);
+  RowRing<DetailLayer<D>> detail(job.input.height, rows, width, detailSlots, 3, detailLayer);
+  auto rowAfterRing = [&](size_t k) { return floatRow(rows + (12 + 4 * k) * width, width); };
+  const FloatRow added = rowAfterRing(0);    // the detail layer added back
+  const FloatRow pinked = rowAfterRing(1);   // skin whitened
+  const FloatRow blended = rowAfterRing(2);  // blended into the input
+  const FloatRow toned = rowAfterRing(3);    // whiten's grey curve and colour
   for (int y = y0; y < y1; ++y) {
     const uint8_t* input = job.input.row(y);
     const bool beautify =
@@ -652,8 +653,8 @@ void TailRowsT(D d, const TailJob& job, int worker, int y0, int y1) {
         job.region == nullptr ? nullptr
                               : reinterpret_cast<const uint8_t*>(job.region + static_cast<size_t>(y) * job.input.width);
     uint8_t* out = job.out.row(y);
-    // Two sweeps along the row: the skin stages into a float row, then whiten and the preset, so that each
-    // loop's constants stay in registers.
+    // Short sweeps along the row, each handing a float row to the next, so that each loop's constants stay
+    // in registers. None rewrites the row it reads: its overlapping last vector would read changed values.
     if (beautify && job.addBack) {
       // The detail layer blurred along columns (rows below, then above), added back doubled.
       forEachVector(d, job.input.width, [&](int x) {
@@ -824,7 +825,8 @@ void bilateralRows(const BilateralJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(BilateralRowsImpl)(job, worker, y0, y1);
 }
 
-// A padded row for the high pass, and the ring of three rows of the detail layer.
+// A padded row for the high pass, the ring of three rows of the detail layer, and the four rows between the
+// tail's sweeps.
 size_t detailScratchFloats(int width) { return 4 * (static_cast<size_t>(width) + 2) + 28 * static_cast<size_t>(width); }
 void tailRows(const TailJob& job, int worker, int y0, int y1) {
   HWY_DYNAMIC_DISPATCH(TailRowsImpl)(job, worker, y0, y1);
