@@ -88,10 +88,4 @@ class LUMO_EXPORT BeautifyEngine {
   std::atomic<uint64_t> regionVersion_{0};
 };
 
-// An engine on which create() has succeeded, or null with the reason in `why`. Gl fails where no GL
-// context can be made; Cpu always works; Auto takes the CPU engine without GL or on a software rasterizer
-// (llvmpipe, softpipe, swrast) and the GPU otherwise. On success `why` says what decided, e.g. "GL
-// renderer is llvmpipe (LLVM 15.0.6, 256 bits)". The calling thread's current context is left as it was.
-LUMO_EXPORT std::unique_ptr<BeautifyEngine> makeEngine(EngineKind kind, std::string* why = nullptr);
-
 }  // namespace lumo

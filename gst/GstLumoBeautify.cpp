@@ -6,9 +6,7 @@
 
 #include <lumo/lumo.h>
 
-#if LUMO_HAVE_FACES
-#include "FaceRegions.h"
-#endif
+#include "FaceSource.h"
 
 #include <memory>
 #include <new>
@@ -33,15 +31,11 @@ struct Settings {
 
 // The C++ side of the instance, constructed in instance_init and destroyed in finalize.
 struct State {
-  Settings settings;                             // guarded by the object lock
-  std::unique_ptr<lumo::BeautifyEngine> filter;  // made in start(), gone after stop()
-  // Draws the frames the GL engine cannot (see transformFrame); made on the first such frame.
-  std::unique_ptr<lumo::BeautifyEngine> fallback;
-#if LUMO_HAVE_FACES
-  // With the faces property on: the regions of the faces in each frame; made on the first such frame.
-  std::unique_ptr<lumo::faces::FaceRegions> faces;
-#endif
-  bool regionLimited = false;  // the engines have a region mask in force
+  Settings settings;                          // guarded by the object lock
+  std::unique_ptr<lumo::BeautifyHost> host;  // made in start(), gone after stop()
+  // With the faces property on: the faces in each frame; made on the first such frame.
+  std::shared_ptr<lumo::faces::FaceSource> faces;
+  std::string facesCascade;  // the cascade `faces` was made with
 };
 
 enum Property : guint {
@@ -76,14 +70,15 @@ GstLumoBeautify* self(gpointer object) { return reinterpret_cast<GstLumoBeautify
 
 GType maskType() {
   static gsize type = 0;
-  static const GFlagsValue values[] = {
-      {lumo::BeautifyPolish, "Skin smoothing", "polish"},
-      {lumo::BeautifyWhiten, "Whiten the whole frame", "whiten"},
-      {lumo::BeautifySkinWhiten, "Pink whiten of skin", "skin-whiten"},
-      {lumo::BeautifySharpen, "Sharpen (drops the detail layer, blends skin at one half)", "sharpen"},
-      {0, nullptr, nullptr},
-  };
-  if (g_once_init_enter(&type)) g_once_init_leave(&type, g_flags_register_static("GstLumoBeautifyMask", values));
+  if (g_once_init_enter(&type)) {
+    // The passes' names and descriptions are the library's, as every front end spells them.
+    static GFlagsValue values[lumo::kMaskPassCount + 1] = {};
+    for (size_t i = 0; i < lumo::kMaskPassCount; ++i) {
+      const lumo::MaskPassName& pass = lumo::maskPassNames()[i];
+      values[i] = {static_cast<guint>(pass.bit), pass.description, pass.name};
+    }
+    g_once_init_leave(&type, g_flags_register_static("GstLumoBeautifyMask", values));
+  }
   return static_cast<GType>(type);
 }
 
@@ -168,45 +163,31 @@ void finalize(GObject* object) {
   G_OBJECT_CLASS(gst_lumo_beautify_parent_class)->finalize(object);
 }
 
-// Runs `work` with the filter's GL context free to be made current, and leaves the calling thread's
-// context as it was: a streaming thread never keeps the library's context after a frame.
-template <typename Work>
-auto withCallerContext(Work&& work) {
-  const lumo::GLContext::Snapshot saved = lumo::GLContext::current();
-  auto result = work();
-  lumo::GLContext::setCurrent(saved);
-  return result;
-}
-
 gboolean start(GstBaseTransform* transform) {
   GstLumoBeautify* element = self(transform);
   GST_OBJECT_LOCK(element);
   const auto wanted = static_cast<lumo::EngineKind>(element->state.settings.engine);
   GST_OBJECT_UNLOCK(element);
   std::string why;
-  std::unique_ptr<lumo::BeautifyEngine> filter = withCallerContext([&] { return lumo::makeEngine(wanted, &why); });
-  if (!filter) {
+  std::unique_ptr<lumo::BeautifyHost> host = lumo::BeautifyHost::create(wanted, &why);
+  if (!host) {
     GST_ELEMENT_ERROR(element, RESOURCE, FAILED,
                       ("lumobeautify cannot start the %s engine: %s", lumo::engineKindName(wanted), why.c_str()),
                       (nullptr));
     return FALSE;
   }
-  GST_INFO_OBJECT(element, "engine %s (%s)", lumo::engineKindName(filter->kind()), why.c_str());
-  element->state.filter = std::move(filter);
+  GST_INFO_OBJECT(element, "engine %s (%s)", lumo::engineKindName(host->kind()), why.c_str());
+  host->setNoticeHandler([element](const std::string& notice) {
+    GST_ELEMENT_WARNING(element, STREAM, FAILED, ("lumobeautify: %s", notice.c_str()), (nullptr));
+  });
+  element->state.host = std::move(host);
   return TRUE;
 }
 
 gboolean stop(GstBaseTransform* transform) {
   GstLumoBeautify* element = self(transform);
-  withCallerContext([&] {
-    element->state.filter.reset();
-    element->state.fallback.reset();
-#if LUMO_HAVE_FACES
-    element->state.faces.reset();
-#endif
-    element->state.regionLimited = false;
-    return 0;
-  });
+  element->state.host.reset();
+  element->state.faces.reset();
   return TRUE;
 }
 
@@ -248,122 +229,66 @@ lumo::YuvColorimetry colorimetryOf(const GstVideoInfo& info) {
   return colorimetry;
 }
 
-// Wraps the frame's planes (with the strides and offsets of its video meta) without a copy.
-int32_t wrapFrame(GstVideoFrame* frame, lumo::PixelBufferRef* out) {
-  const uint32_t format = pixelFormatOf(GST_VIDEO_FRAME_FORMAT(frame));
-  lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
-  const int32_t count = lumo::pixelFormatPlaneCount(format);
-  for (int32_t plane = 0; plane < count; ++plane) {
-    planes[plane] = {GST_VIDEO_FRAME_PLANE_DATA(frame, plane),
-                     static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(frame, plane))};
+// The frame's planes, with the strides and offsets of its video meta, as the host layer takes them.
+lumo::HostFrame hostFrame(GstVideoFrame* frame) {
+  lumo::HostFrame host;
+  host.pixelFormat = pixelFormatOf(GST_VIDEO_FRAME_FORMAT(frame));
+  host.width = GST_VIDEO_FRAME_WIDTH(frame);
+  host.height = GST_VIDEO_FRAME_HEIGHT(frame);
+  host.colorimetry = colorimetryOf(frame->info);
+  for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(frame) && plane < lumo::kPixelBufferMaxPlanes; ++plane) {
+    host.planes[plane] = {GST_VIDEO_FRAME_PLANE_DATA(frame, plane),
+                          static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(frame, plane))};
   }
-  lumo::PixelBufferAttributes attributes;
-  attributes.colorimetry = colorimetryOf(frame->info);
-  return lumo::PixelBuffer::createWithPlanes(GST_VIDEO_FRAME_WIDTH(frame), GST_VIDEO_FRAME_HEIGHT(frame), format,
-                                             planes, count, nullptr, attributes, out);
+  return host;
 }
 
-// Renders one frame into `out`; false when the engine handed the input back undrawn.
-bool renderInto(lumo::BeautifyEngine& engine, const lumo::PixelBufferRef& input, GstVideoFrame* out) {
-  return withCallerContext([&] {
-    const lumo::PixelBufferRef result = engine.render(input);
-    if (!result || result == input) return false;
-    lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
-    for (int32_t plane = 0; plane < result->planeCount(); ++plane) {
-      planes[plane] = {GST_VIDEO_FRAME_PLANE_DATA(out, plane),
-                       static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(out, plane))};
-    }
-    lumo::copyPlanesOut(result, planes);
-    return true;
-  });
-}
-
-// With the faces property on, hands the engine this frame's face regions (the first frame waits for its
-// detection, later ones take the faces a worker thread carries); off again, the whole frame. False, with
-// the error posted, when faces are wanted and cannot be found.
-bool limitToFaces(GstLumoBeautify* element, const Settings& settings, lumo::BeautifyEngine& filter,
-                  lumo::PixelBuffer& input) {
+// With the faces property on, the host takes its regions from the faces in each frame (the first frame
+// waits for its detection, later ones take the faces a worker thread carries); off again, the whole frame.
+// False, with the error posted, when faces are wanted and cannot be found.
+bool followFaces(GstLumoBeautify* element, const Settings& settings) {
   State& state = element->state;
   if (!settings.faces) {
-    if (state.regionLimited) filter.setRegionMask(lumo::RegionMask::whole());
-    state.regionLimited = false;
+    if (state.faces) state.host->setRegionSource(nullptr);
+    state.faces.reset();
     return true;
   }
-#if LUMO_HAVE_FACES
+  if (state.faces && state.facesCascade == settings.faceCascade) return true;
+  std::string why;
+  state.faces = lumo::faces::FaceSource::create(lumo::faces::FaceMode::Video, settings.faceCascade, &why);
+  state.facesCascade = settings.faceCascade;
+  state.host->setRegionSource(state.faces);
   if (!state.faces) {
-    lumo::faces::FaceRegionsSettings faceSettings = lumo::faces::FaceRegionsSettings::video();
-    faceSettings.detector.cascade = settings.faceCascade;
-    std::string why;
-    state.faces = lumo::faces::FaceRegions::create(faceSettings, &why);
-    if (!state.faces) {
-      GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("lumobeautify cannot find faces: %s", why.c_str()), (nullptr));
-      return false;
-    }
-    GST_INFO_OBJECT(element, "faces: cascade %s", state.faces->cascadePath().c_str());
+    GST_ELEMENT_ERROR(element, RESOURCE, FAILED, ("lumobeautify cannot find faces: %s", why.c_str()), (nullptr));
+    return false;
   }
-  filter.setRegionMask(state.faces->regionsFor(input));
-  state.regionLimited = true;
+  GST_INFO_OBJECT(element, "faces: cascade %s", state.faces->cascadePath().c_str());
   return true;
-#else
-  (void)filter;
-  (void)input;
-  GST_ELEMENT_ERROR(element, RESOURCE, FAILED,
-                    ("lumobeautify was built without face detection (OpenCV's objdetect)"), (nullptr));
-  return false;
-#endif
 }
 
 GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, GstVideoFrame* out) {
   GstLumoBeautify* element = self(videoFilter);
-  lumo::BeautifyEngine* filter = element->state.filter.get();
-  if (filter == nullptr) {
+  lumo::BeautifyHost* host = element->state.host.get();
+  if (host == nullptr) {
     GST_ELEMENT_ERROR(element, CORE, FAILED, ("lumobeautify received a frame before it was started"), (nullptr));
     return GST_FLOW_ERROR;
   }
   GST_OBJECT_LOCK(element);
   const Settings settings = element->state.settings;
   GST_OBJECT_UNLOCK(element);
+  host->applySettings(settings.beautify);
+  if (!followFaces(element, settings)) return GST_FLOW_ERROR;
 
-  // The setters only record values; the filter applies them at the start of this frame's render.
-  filter->applySettings(settings.beautify);
-
-  const int width = GST_VIDEO_FRAME_WIDTH(in);
-  const int height = GST_VIDEO_FRAME_HEIGHT(in);
-  const char* formatName = gst_video_format_to_string(GST_VIDEO_FRAME_FORMAT(in));
-
-  // The frame's memory is wrapped, not copied; the texture cache reuses the texture of the last frame.
-  lumo::PixelBufferRef input;
-  const int32_t wrapped = wrapFrame(in, &input);
-  if (wrapped != lumo::kPixelBufferSuccess) {
-    GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify cannot process a %d x %d frame", width, height),
-                      ("wrapping the frame failed with status %d", wrapped));
+  // The frames' memory is wrapped, not copied; the result is drawn straight into the output frame.
+  const lumo::FrameResult result = host->process(hostFrame(in), hostFrame(out));
+  if (!result.ok()) {
+    GST_ELEMENT_ERROR(element, STREAM, FAILED,
+                      ("lumobeautify could not process a %d x %d frame", GST_VIDEO_FRAME_WIDTH(in),
+                       GST_VIDEO_FRAME_HEIGHT(in)),
+                      ("%s", result.why.c_str()));
     return GST_FLOW_ERROR;
   }
-  if (!limitToFaces(element, settings, *filter, *input)) return GST_FLOW_ERROR;
-  if (renderInto(*filter, input, out)) return GST_FLOW_OK;
-  // No face, and only skin-gated passes asked for: the frame is rightly unchanged.
-  if (element->state.regionLimited && filter->regionMask().ellipses.empty()) {
-    return gst_video_frame_copy(out, in) ? GST_FLOW_OK : GST_FLOW_ERROR;
-  }
-  // Not in passthrough, so a pass was due: the GL engine could not draw this frame (larger than the GPU's
-  // texture limit, a first frame of 1 x 1, a lost context, a format it does not map). The CPU engine draws
-  // the same picture.
-  if (filter->kind() == lumo::EngineKind::Gl) {
-    if (!element->state.fallback) {
-      element->state.fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
-      GST_ELEMENT_WARNING(element, STREAM, FAILED,
-                          ("lumobeautify: the GL engine could not draw a %d x %d %s frame; the CPU engine draws "
-                           "such frames",
-                           width, height, formatName),
-                          (nullptr));
-    }
-    element->state.fallback->applySettings(settings.beautify);
-    element->state.fallback->setRegionMask(filter->regionMask());
-    if (renderInto(*element->state.fallback, input, out)) return GST_FLOW_OK;
-  }
-  GST_ELEMENT_ERROR(element, STREAM, FAILED, ("lumobeautify could not process a %d x %d frame", width, height),
-                    ("the engine drew nothing"));
-  return GST_FLOW_ERROR;
+  return GST_FLOW_OK;
 }
 
 }  // namespace

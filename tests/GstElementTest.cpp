@@ -365,7 +365,7 @@ TEST(LumoBeautifyElement, FramesTheGpuCannotDrawAreDrawnByTheCpuEngineWithAWarni
   ASSERT_NE(message, nullptr);
   GError* error = nullptr;
   gst_message_parse_warning(message, &error, nullptr);
-  EXPECT_NE(std::string(error->message).find("the GL engine could not draw a 1 x 1 BGRA frame"), std::string::npos)
+  EXPECT_NE(std::string(error->message).find("the GL engine could not draw a 1 x 1 bgra frame"), std::string::npos)
       << error->message;
   g_error_free(error);
   gst_message_unref(message);

@@ -14,6 +14,7 @@
 
 #include "BeautifyEngine.h"
 #include "CpuFormats.h"
+#include "MakeEngine.h"
 #include "YuvCoefficients.h"
 
 namespace lumo::cpu {

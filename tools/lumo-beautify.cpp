@@ -20,7 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "FaceFinder.h"
+#include "FaceSource.h"
 #include "ImageIO.h"
 #include "RawStream.h"
 #include "SafeFile.h"
@@ -54,7 +54,7 @@ struct Options {
   std::string videoOption;  // the first video-only option given, for the message when there is no video
   bool faces = false;
   std::string faceCascade;
-  std::shared_ptr<lumo::tools::FaceFinder> faceFinder;  // with --faces, made once the options are read
+  std::shared_ptr<lumo::faces::FaceSource> faceSource;  // with --faces, made once the options are read
 };
 
 void printHelp() {
@@ -135,63 +135,19 @@ long parseWholeOption(const std::string& option, const char* text, long low, lon
   return value;
 }
 
-// Plain decimal notation (1, -0.5, 2.5e-1): no spaces, hexadecimal, inf or nan.
-float parseFloat(const std::string& option, const char* text, float low, float high) {
-  auto digits = [](const char*& c) {
-    const char* start = c;
-    while (*c >= '0' && *c <= '9') ++c;
-    return c - start;
-  };
-  const char* c = text;
-  if (*c == '+' || *c == '-') ++c;
-  auto mantissa = digits(c);
-  if (*c == '.') mantissa += digits(++c);
-  bool valid = mantissa > 0;
-  if (valid && (*c == 'e' || *c == 'E')) {
-    ++c;
-    if (*c == '+' || *c == '-') ++c;
-    valid = digits(c) > 0;
-  }
-  valid = valid && *c == '\0';
-  const double value = valid ? std::strtod(text, nullptr) : 0.0;
-  if (!valid || !(value >= low && value <= high)) {
-    usageError("option " + option + " wants a number in " + rangeText(low, high) + ", got '" + text + "'");
-  }
-  return static_cast<float>(value);
+// The beautify settings as the library reads their text, with its message on a mistake.
+template <typename Parse>
+void parseSetting(const std::string& option, Parse parse) {
+  std::string error;
+  if (!parse("option " + option, &error)) usageError(error);
 }
 
-float parseRange(const std::string& option, const char* text, const lumo::SettingRange& range) {
-  return parseFloat(option, text, range.low, range.high);
-}
-
-long parseMask(const char* text) {
-  if ((*text >= '0' && *text <= '9') || *text == '-' || *text == '+') {
-    long number = 0;
-    if (!parseWhole(text, 0, settings::kAllPasses, &number)) {
-      usageError("option --mask wants a whole number in " + rangeText(0, settings::kAllPasses) +
-                 " or pass names, got '" + text + "'");
-    }
-    return number;
-  }
-  long mask = 0;
-  std::string list = text;
-  size_t start = 0;
-  while (start <= list.size()) {
-    const size_t comma = std::min(list.find(',', start), list.size());
-    const std::string name = list.substr(start, comma - start);
-    if (name == "polish")
-      mask |= lumo::BeautifyPolish;
-    else if (name == "whiten")
-      mask |= lumo::BeautifyWhiten;
-    else if (name == "skin-whiten")
-      mask |= lumo::BeautifySkinWhiten;
-    else if (name == "sharpen")
-      mask |= lumo::BeautifySharpen;
-    else if (name != "none")
-      usageError("option --mask: unknown pass '" + name + "'");
-    start = comma + 1;
-  }
-  return mask;
+float parseFloatOption(const std::string& option, const char* text, lumo::FloatSetting which) {
+  float value = 0.0f;
+  parseSetting(option, [&](const std::string& name, std::string* error) {
+    return lumo::parseFloatText(which, text, name, &value, error);
+  });
+  return value;
 }
 
 // WIDTHxHEIGHT, each a whole number in 1..16384.
@@ -264,33 +220,39 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--engine") {
       const char* name = value();
       if (!lumo::parseEngineKind(name, &options.engine)) {
-        usageError(std::string("option --engine wants auto, gl or cpu, got '") + name + "'");
+        usageError(std::string("option --engine wants one of ") + lumo::engineKindNames() + ", got '" + name + "'");
       }
     } else if (arg == "--simd") {
       const std::string name = value();
       // Applied here, before any engine runs a kernel.
       if (!lumo::CpuImageFilter::limitSimd(name)) {
-        usageError("option --simd wants best, avx3, avx2, sse4 or scalar, got '" + name + "'");
+        usageError(std::string("option --simd wants one of ") + lumo::simdLevelNames() + ", got '" + name + "'");
       }
     } else if (arg == "--mask") {
-      options.beautify.mask = static_cast<int32_t>(parseMask(value()));
+      const char* text = value();
+      parseSetting(arg, [&](const std::string& name, std::string* error) {
+        return lumo::parseMaskText(text, name, &options.beautify.mask, error);
+      });
     } else if (arg == "--preset") {
-      options.beautify.preset = static_cast<int32_t>(parseWholeOption(arg, value(), 0, settings::kPresetCount));
+      const char* text = value();
+      parseSetting(arg, [&](const std::string& name, std::string* error) {
+        return lumo::parsePresetText(text, name, &options.beautify.preset, error);
+      });
     } else if (arg == "--polish-step") {
-      options.beautify.polishStep = parseRange(arg, value(), settings::kPolishStep);
+      options.beautify.polishStep = parseFloatOption(arg, value(), lumo::FloatSetting::PolishStep);
     } else if (arg == "--polish-factor") {
-      options.beautify.polishFactor = parseRange(arg, value(), settings::kPolishFactor);
+      options.beautify.polishFactor = parseFloatOption(arg, value(), lumo::FloatSetting::PolishFactor);
     } else if (arg == "--whiten") {
-      options.beautify.whiten = parseRange(arg, value(), settings::kWhiten);
+      options.beautify.whiten = parseFloatOption(arg, value(), lumo::FloatSetting::Whiten);
     } else if (arg == "--sharpen") {
-      options.beautify.sharpen = parseRange(arg, value(), settings::kSharpen);
+      options.beautify.sharpen = parseFloatOption(arg, value(), lumo::FloatSetting::Sharpen);
     } else if (arg == "--faces") {
       options.faces = true;
     } else if (arg == "--face-cascade") {
       options.faces = true;
       options.faceCascade = value();
     } else if (arg == "--skin-whiten") {
-      options.beautify.skinWhiten = parseRange(arg, value(), settings::kSkinWhiten);
+      options.beautify.skinWhiten = parseFloatOption(arg, value(), lumo::FloatSetting::SkinWhiten);
     } else if (arg.size() > 1 && arg[0] == '-') {
       usageError("unknown option '" + arg + "'");
     } else {
@@ -310,8 +272,9 @@ Options parse(int argc, char** argv) {
   if (options.faces) {
     lumo::tools::SignalsHeld held;  // a stream's detection thread leaves signals to the main thread
     std::string why;
-    options.faceFinder = lumo::tools::FaceFinder::create(options.faceCascade, options.rawWidth > 0, &why);
-    if (!options.faceFinder) {
+    options.faceSource = lumo::faces::FaceSource::create(
+        options.rawWidth > 0 ? lumo::faces::FaceMode::Video : lumo::faces::FaceMode::Photos, options.faceCascade, &why);
+    if (!options.faceSource) {
       std::fprintf(stderr, "lumo-beautify: --faces: %s\n", why.c_str());
       std::exit(kExitFailure);
     }
@@ -322,82 +285,38 @@ Options parse(int argc, char** argv) {
 // The engine the options ask for, said on stderr so that a user knows which one ran; null (with the reason
 // said) when it cannot be had, e.g. --engine gl without a GL context. Made with the signals held, so that
 // its threads never take one meant to stop the main thread's read.
-std::unique_ptr<lumo::BeautifyEngine> startEngine(const Options& options) {
+std::unique_ptr<lumo::BeautifyHost> startHost(const Options& options) {
   lumo::tools::SignalsHeld held;
   std::string why;
-  std::unique_ptr<lumo::BeautifyEngine> engine = lumo::makeEngine(options.engine, &why);
-  if (!engine) {
+  std::unique_ptr<lumo::BeautifyHost> host = lumo::BeautifyHost::create(options.engine, &why);
+  if (!host) {
     std::fprintf(stderr, "lumo-beautify: no %s engine: %s\n", lumo::engineKindName(options.engine), why.c_str());
     return nullptr;
   }
-  if (engine->kind() == lumo::EngineKind::Cpu) {
+  if (host->kind() == lumo::EngineKind::Cpu) {
     std::fprintf(stderr, "lumo-beautify: engine cpu (%s; %s)\n", lumo::CpuImageFilter::simdTarget(), why.c_str());
   } else {
     std::fprintf(stderr, "lumo-beautify: engine gl (%s)\n", why.c_str());
   }
-  engine->applySettings(options.beautify);
-  return engine;
+  host->applySettings(options.beautify);
+  host->setRegionSource(options.faceSource);
+  host->setNoticeHandler([](const std::string& notice) { std::fprintf(stderr, "lumo-beautify: %s\n", notice.c_str()); });
+  return host;
 }
 
-// Wraps a frame of tightly packed planes (a raw stream's layout, or a decoded photo's BGRA) without a copy.
-lumo::PixelBufferRef wrapFrame(std::vector<uint8_t>& frame, uint32_t format, int width, int height,
-                               lumo::YuvColorimetry colorimetry) {
-  lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
-  const int32_t count = lumo::pixelFormatTightPlanes(format, width, height, frame.data(), planes);
-  lumo::PixelBufferAttributes attributes;
-  attributes.colorimetry = colorimetry;
-  lumo::PixelBufferRef buffer;
-  lumo::PixelBuffer::createWithPlanes(width, height, format, planes, count, nullptr, attributes, &buffer);
-  return buffer;
-}
-
-// Copies a result's planes into `out`, tightly packed.
-void copyFrameOut(const lumo::PixelBufferRef& result, std::vector<uint8_t>& out) {
-  out.resize(lumo::pixelFormatFrameBytes(result->pixelFormat(), result->width(), result->height()));
-  lumo::PixelBufferPlane planes[lumo::kPixelBufferMaxPlanes];
-  lumo::pixelFormatTightPlanes(result->pixelFormat(), result->width(), result->height(), out.data(), planes);
-  lumo::copyPlanesOut(result, planes);
-}
-
-// Draws one frame into `out` (the same layout). An engine that hands back the very input although the settings
-// enable a pass has not drawn it (the GL engine does so with a 1 x 1 frame): the CPU engine draws that frame
-// instead, said once on stderr. False with the reason when no engine drew it.
-bool process(lumo::BeautifyEngine& filter, std::unique_ptr<lumo::BeautifyEngine>& fallback, const Options& options,
-             std::vector<uint8_t>& frame, uint32_t format, int width, int height, std::vector<uint8_t>& out,
-             std::string* why) {
-  const lumo::PixelBufferRef input = wrapFrame(frame, format, width, height, options.colorimetry);
-  if (!input) {
-    *why = "the frame could not be wrapped in a pixel buffer";
-    return false;
-  }
-  bool drawsSomething = options.beautify.mask != 0 || options.beautify.preset != 0;
-  if (options.faceFinder) {
-    options.faceFinder->apply(*input, filter);
-    // No face and only the skin-gated passes asked for: the frame rightly comes back as it was.
-    const int32_t skinPasses = lumo::BeautifyPolish | lumo::BeautifySkinWhiten;
-    if (filter.regionMask().ellipses.empty() && (options.beautify.mask & ~skinPasses) == 0 &&
-        options.beautify.preset == 0) {
-      drawsSomething = false;
-    }
-  }
-  lumo::PixelBufferRef result = filter.render(input);
-  if (result && result == input && drawsSomething) {
-    if (!fallback) {
-      std::fprintf(stderr, "lumo-beautify: the engine returned a %dx%d %s frame undrawn; the CPU engine draws it\n",
-                   width, height, lumo::pixelFormatName(format));
-      lumo::tools::SignalsHeld held;  // its worker threads leave signals to the main thread
-      fallback = lumo::makeEngine(lumo::EngineKind::Cpu);
-      fallback->applySettings(options.beautify);
-    }
-    fallback->setRegionMask(filter.regionMask());
-    result = fallback->render(input);
-  }
-  if (!result || (result == input && drawsSomething)) {
-    *why = "no engine drew it (no GL context?)";
-    return false;
-  }
-  copyFrameOut(result, out);
-  return true;
+// Draws one frame of tightly packed planes into `out` (the same layout). False with the reason when it
+// could not be drawn.
+bool process(lumo::BeautifyHost& host, const Options& options, std::vector<uint8_t>& frame, uint32_t format, int width,
+             int height, std::vector<uint8_t>& out, std::string* why) {
+  out.resize(frame.size());
+  // A CPU engine made for a frame the GL engine hands back starts its threads here: they leave signals
+  // to the main thread.
+  lumo::tools::SignalsHeld held;
+  const lumo::FrameResult result =
+      host.process(lumo::HostFrame::tight(format, width, height, frame.data(), options.colorimetry),
+                   lumo::HostFrame::tight(format, width, height, out.data(), options.colorimetry));
+  if (!result.ok()) *why = result.why;
+  return result.ok();
 }
 
 // Where the extension starts: a dot in the last part of the path, not its first character (".profile" has
@@ -503,24 +422,25 @@ int runPhoto(Options options) {
     return failure(options.input, error);
   }
   data = {};
-  const std::unique_ptr<lumo::BeautifyEngine> filter = startEngine(options);
-  if (!filter) return kExitFailure;
-  std::unique_ptr<lumo::BeautifyEngine> fallback;
+  std::unique_ptr<lumo::BeautifyHost> host = startHost(options);
+  if (!host) return kExitFailure;
   Image after{image.width, image.height, {}};
-  const bool drawn = process(*filter, fallback, options, image.bgra, lumo::kPixelFormat32BGRA, image.width,
-                             image.height, after.bgra, &error);
-  filter->destroy();
-  if (fallback) fallback->destroy();
+  const bool drawn =
+      process(*host, options, image.bgra, lumo::kPixelFormat32BGRA, image.width, image.height, after.bgra, &error);
+  host.reset();
   if (!drawn) return failure(options.input, "the picture could not be processed: " + error);
-  if (options.faceFinder) std::fprintf(stderr, "lumo-beautify: %s\n", options.faceFinder->summary().c_str());
+  if (options.faceSource) std::fprintf(stderr, "lumo-beautify: %s\n", options.faceSource->summary().c_str());
 
   // Both files are written completely before either replaces anything.
   if (!writeEncoded(result, options.output, after, &error)) return failure(options.output, error);
   if (options.compare) {
     Image both{image.width * 2, image.height, std::vector<uint8_t>(image.bgra.size() * 2)};
     const size_t row = static_cast<size_t>(image.width) * 4;
-    lumo::copyPixelRows(image.bgra.data(), row, both.bgra.data(), 2 * row, image.width, image.height);
-    lumo::copyPixelRows(after.bgra.data(), row, both.bgra.data() + row, 2 * row, image.width, image.height);
+    for (int y = 0; y < image.height; ++y) {
+      const size_t at = row * static_cast<size_t>(y);
+      std::memcpy(both.bgra.data() + 2 * at, image.bgra.data() + at, row);
+      std::memcpy(both.bgra.data() + 2 * at + row, after.bgra.data() + at, row);
+    }
     if (!writeEncoded(side, comparePath, both, &error)) return failure(comparePath, error);
   }
   if (!result.commit(&error)) return failure(options.output, error);
@@ -568,9 +488,8 @@ int runStream(const Options& options) {
   std::vector<uint8_t> frame(frameBytes), result;
   std::vector<double> millis;
   size_t written = 0;
-  const std::unique_ptr<lumo::BeautifyEngine> filter = startEngine(options);
-  if (!filter) return kExitFailure;
-  std::unique_ptr<lumo::BeautifyEngine> fallback;
+  std::unique_ptr<lumo::BeautifyHost> host = startHost(options);
+  if (!host) return kExitFailure;
   const auto start = std::chrono::steady_clock::now();
   int status = 0;
   auto fail = [&](const std::string& message) {
@@ -592,8 +511,7 @@ int runStream(const Options& options) {
       break;
     }
     const auto begin = std::chrono::steady_clock::now();
-    if (!process(*filter, fallback, options, frame, options.rawFormat, options.rawWidth, options.rawHeight, result,
-                 &error)) {
+    if (!process(*host, options, frame, options.rawFormat, options.rawWidth, options.rawHeight, result, &error)) {
       status = fail("frame " + std::to_string(millis.size() + 1) + " could not be processed: " + error);
       break;
     }
@@ -609,8 +527,7 @@ int runStream(const Options& options) {
       std::fprintf(stderr, "\rlumo-beautify: %zu frames, %.1f fps", millis.size(), millis.size() / seconds);
     }
   }
-  filter->destroy();
-  if (fallback) fallback->destroy();
+  host.reset();
   if (showProgress) std::fputc('\n', stderr);
   const bool failed = status != 0;
   const int stoppedBy = *stop;
@@ -640,7 +557,7 @@ int runStream(const Options& options) {
   const double p95 = sorted.empty() ? 0 : sorted[std::min(sorted.size() - 1, sorted.size() * 95 / 100)];
   std::fprintf(stderr, "lumo-beautify: %zu frame%s, mean %.2f ms, p95 %.2f ms per frame\n", millis.size(),
                millis.size() == 1 ? "" : "s", mean, p95);
-  if (options.faceFinder) std::fprintf(stderr, "lumo-beautify: %s\n", options.faceFinder->summary().c_str());
+  if (options.faceSource) std::fprintf(stderr, "lumo-beautify: %s\n", options.faceSource->summary().c_str());
   return status;
 }
 

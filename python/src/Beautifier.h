@@ -1,19 +1,15 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
-#include <lumo/BeautifyEngine.h>
+#include <lumo/BeautifyHost.h>
 #include <lumo/BeautifySettings.h>
 
 #include "FrameFormat.h"
-
-namespace lumo::faces {
-class FaceRegions;
-}
 
 namespace lumo::python {
 
@@ -21,47 +17,38 @@ namespace lumo::python {
 // detection), or on each picture's own faces.
 enum class FacesMode { Off, Video, Photos };
 
-// One engine and what a host loop around it needs: frames of any supported layout in and out, one at a
-// time (a mutex serialises callers sharing it, since an engine renders on one thread at a time), settings
-// from any thread. Plain C++: the Python binding validates arrays and releases the GIL around process().
+// The Python face of the library's host layer: arrays' memory in and out as host frames. Plain C++: the
+// binding validates arrays and releases the GIL around process().
 class Beautifier {
  public:
   // Throws std::runtime_error with the library's reason when the engine cannot be made.
   explicit Beautifier(EngineKind kind);
-  ~Beautifier();
-  Beautifier(const Beautifier&) = delete;
-  Beautifier& operator=(const Beautifier&) = delete;
 
-  EngineKind kind() const { return engine_->kind(); }
+  EngineKind kind() const { return host_->kind(); }
   // What decided the engine, e.g. "GL renderer is llvmpipe (...)".
-  const std::string& reason() const { return reason_; }
+  const std::string& reason() const { return host_->reason(); }
 
   // Recorded at once, applied at the next frame: safe while another thread is inside process().
-  void applySettings(const BeautifySettings& settings) { engine_->applySettings(settings); }
-  BeautifySettings settings() const { return engine_->wantedSettings(); }
-  // Applied at the next frame, from any thread. Throws std::runtime_error in a build without face detection.
+  void applySettings(const BeautifySettings& settings) { host_->applySettings(settings); }
+  void updateSettings(const std::function<void(BeautifySettings&)>& change) { host_->updateSettings(change); }
+  BeautifySettings settings() const { return host_->settings(); }
+  // Applied at the next frame, from any thread. Throws std::runtime_error where faces cannot be found.
   void setFaces(FacesMode mode);
   FacesMode faces() const { return faces_.load(std::memory_order_relaxed); }
 
-  // Beautifies `in` into `out` (same format and size; `out` may be `in` itself). Returns true when the
-  // frame went to the CPU engine because the GL engine could not draw it (first time only). A planar
-  // frame's view is its luma plane, the chroma planes following it tightly; `colorimetry` is its.
-  bool process(const FrameFormat& format, const FrameView& in, const FrameView& out, YuvColorimetry colorimetry = {});
+  // Beautifies `in` into `out` (same format and size; `out` may be `in` itself); throws std::runtime_error
+  // when the frame cannot be drawn. A planar frame's view is its luma plane, the chroma planes following it
+  // tightly; `colorimetry` is its. Returns the host layer's notice of this frame (the GL engine's first
+  // undrawn frame), or an empty text.
+  std::string process(const FrameFormat& format, const FrameView& in, const FrameView& out,
+                      YuvColorimetry colorimetry = {});
 
  private:
-  PixelBufferRef render(BeautifyEngine& engine, const PixelBufferRef& input);
-  PixelBufferRef wrap(const FrameFormat& format, const FrameView& in, YuvColorimetry colorimetry);
-  // Hands the engine the frame's face regions, or the whole frame; true when the region covers nothing.
-  bool limitToFaces(PixelBuffer& input);
-
-  std::unique_ptr<BeautifyEngine> engine_;
-  std::unique_ptr<BeautifyEngine> fallback_;  // the CPU engine, for frames the GL engine hands back undrawn
-  std::string reason_;
-  std::vector<uint8_t> bgra_;  // a frame of another layout, converted; sized on a size change only
+  std::unique_ptr<BeautifyHost> host_;
   std::atomic<FacesMode> faces_{FacesMode::Off};
-  FacesMode facesInForce_ = FacesMode::Off;
-  std::unique_ptr<faces::FaceRegions> faceRegions_;
-  std::mutex mutex_;
+  std::mutex faceMutex_;     // setFaces from several threads
+  std::mutex processMutex_;  // one frame at a time, so that a frame's notice is its own
+  std::string notice_;       // written by the host's handler inside process()
 };
 
 }  // namespace lumo::python

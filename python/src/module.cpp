@@ -11,9 +11,12 @@
 #include <string>
 #include <vector>
 
+#include <climits>
+
 #include <lumo/BeautifyEngine.h>
 #include <lumo/BeautifySettings.h>
 #include <lumo/PixelBuffer.h>
+#include <lumo/SettingsText.h>
 
 #include "Beautifier.h"
 #include "FrameFormat.h"
@@ -25,21 +28,7 @@ namespace {
 
 using Settings = BeautifySettings;
 
-struct MaskBit {
-  const char* name;
-  int32_t bit;
-};
-constexpr MaskBit kMaskBits[] = {
-    {"polish", BeautifyPolish}, {"whiten", BeautifyWhiten}, {"skin-whiten", BeautifySkinWhiten},
-    {"sharpen", BeautifySharpen}};
-
 [[noreturn]] void valueError(const std::string& message) { throw py::value_error(message); }
-
-std::string number(double value) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%g", value);
-  return text;
-}
 
 std::string shapeOf(const py::array& array) {
   std::string shape = "(";
@@ -49,67 +38,83 @@ std::string shapeOf(const py::array& array) {
   return shape + (array.ndim() == 1 ? ",)" : ")");
 }
 
-// A mask as the tool takes it: a number 0..15, or pass names separated by ',' or '+' ("none" for 0).
-int32_t parseMask(const py::handle& value) {
-  const std::string wants = "mask wants 0..15 or names from polish, whiten, skin-whiten, sharpen";
-  if (py::isinstance<py::str>(value)) {
-    const std::string text = value.cast<std::string>();
-    int32_t mask = 0;
-    size_t start = 0;
-    while (start <= text.size()) {
-      const size_t end = std::min(text.find_first_of(",+", start), text.size());
-      const std::string name = text.substr(start, end - start);
-      bool known = name == "none";
-      for (const MaskBit& bit : kMaskBits) {
-        if (name == bit.name) {
-          mask |= bit.bit;
-          known = true;
-        }
-      }
-      if (!known) valueError(wants + ", got unknown pass '" + name + "'");
-      start = end + 1;
-    }
-    return mask;
-  }
-  if (!py::isinstance<py::int_>(value)) valueError(wants + ", got " + py::repr(value).cast<std::string>());
-  const long long mask = value.cast<long long>();
-  if (mask < 0 || mask > Settings::kAllPasses) valueError(wants + ", got " + std::to_string(mask));
-  return static_cast<int32_t>(mask);
+// Settings come as text (read by the library's parsers, as the tool reads its options) or as numbers,
+// NumPy's scalars included; a bool is neither.
+bool isText(const py::handle& value) { return py::isinstance<py::str>(value); }
+
+// A whole number from anything with __index__ (values beyond 64 bits saturate, out of every range); false
+// when it is no whole number at all.
+bool wholeNumber(const py::handle& value, long long* number) {
+  if (py::isinstance<py::bool_>(value) || PyIndex_Check(value.ptr()) == 0) return false;
+  const auto index = py::reinterpret_steal<py::object>(PyNumber_Index(value.ptr()));
+  if (!index) throw py::error_already_set();
+  int overflow = 0;
+  const long long n = PyLong_AsLongLongAndOverflow(index.ptr(), &overflow);
+  *number = overflow > 0 ? LLONG_MAX : (overflow < 0 ? LLONG_MIN : n);
+  return true;
 }
+
+// The library's message for a value of the wrong kind, with the value as Python shows it.
+[[noreturn]] void wrongKind(const std::string& message, const py::handle& value) {
+  valueError(message.substr(0, message.rfind(", got ")) + ", got " + py::repr(value).cast<std::string>());
+}
+
+using WholeText = bool (*)(const std::string&, const std::string&, int32_t*, std::string*);
+using WholeCheck = bool (*)(long long, const std::string&, int32_t*, std::string*);
+
+int32_t parseWholeSetting(const char* name, const py::handle& value, WholeText parseText, WholeCheck check) {
+  int32_t result = 0;
+  std::string error;
+  long long number = 0;
+  if (isText(value)) {
+    if (!parseText(value.cast<std::string>(), name, &result, &error)) valueError(error);
+  } else if (wholeNumber(value, &number)) {
+    if (!check(number, name, &result, &error)) valueError(error);
+  } else {
+    parseText("?", name, &result, &error);
+    wrongKind(error, value);
+  }
+  return result;
+}
+
+int32_t parseMask(const py::handle& value) { return parseWholeSetting("mask", value, parseMaskText, checkMaskValue); }
 
 int32_t parsePreset(const py::handle& value) {
-  const std::string wants = "preset wants an int in 0..13 (0: none)";
-  if (!py::isinstance<py::int_>(value)) valueError(wants + ", got " + py::repr(value).cast<std::string>());
-  const long long preset = value.cast<long long>();
-  if (preset < 0 || preset > Settings::kPresetCount) valueError(wants + ", got " + std::to_string(preset));
-  return static_cast<int32_t>(preset);
+  return parseWholeSetting("preset", value, parsePresetText, checkPresetValue);
 }
 
-float parseRange(const char* name, const py::handle& value, const SettingRange& range) {
-  const std::string wants =
-      std::string(name) + " wants a number in " + number(range.low) + ".." + number(range.high);
-  if (py::isinstance<py::bool_>(value) || !(py::isinstance<py::int_>(value) || py::isinstance<py::float_>(value))) {
-    valueError(wants + ", got " + py::repr(value).cast<std::string>());
+float parseFloat(FloatSetting which, const py::handle& value) {
+  std::string name = floatSettingInfo(which).name;
+  for (char& c : name) c = c == '-' ? '_' : c;
+  float result = 0.0f;
+  std::string error;
+  if (isText(value)) {
+    if (!parseFloatText(which, value.cast<std::string>(), name, &result, &error)) valueError(error);
+    return result;
   }
-  const double number = value.cast<double>();
-  if (!(number >= range.low && number <= range.high)) {  // NaN fails too
-    valueError(wants + ", got " + py::repr(value).cast<std::string>());
+  const auto number = py::reinterpret_steal<py::object>(
+      py::isinstance<py::bool_>(value) ? nullptr : PyNumber_Float(value.ptr()));
+  if (!number) {
+    PyErr_Clear();
+    parseFloatText(which, "?", name, &result, &error);
+    wrongKind(error, value);
   }
-  return static_cast<float>(number);
+  if (!checkFloatValue(which, PyFloat_AsDouble(number.ptr()), name, &result, &error)) valueError(error);
+  return result;
 }
 
-// The seven settings by their Python names; `from` supplies those not given.
+// The seven settings by their Python names.
 Settings parseSettings(const py::handle& mask, const py::handle& preset, const py::handle& polishStep,
                        const py::handle& polishFactor, const py::handle& whiten, const py::handle& sharpen,
                        const py::handle& skinWhiten) {
   Settings settings;
   settings.mask = parseMask(mask);
   settings.preset = parsePreset(preset);
-  settings.polishStep = parseRange("polish_step", polishStep, Settings::kPolishStep);
-  settings.polishFactor = parseRange("polish_factor", polishFactor, Settings::kPolishFactor);
-  settings.whiten = parseRange("whiten", whiten, Settings::kWhiten);
-  settings.sharpen = parseRange("sharpen", sharpen, Settings::kSharpen);
-  settings.skinWhiten = parseRange("skin_whiten", skinWhiten, Settings::kSkinWhiten);
+  settings.polishStep = parseFloat(FloatSetting::PolishStep, polishStep);
+  settings.polishFactor = parseFloat(FloatSetting::PolishFactor, polishFactor);
+  settings.whiten = parseFloat(FloatSetting::Whiten, whiten);
+  settings.sharpen = parseFloat(FloatSetting::Sharpen, sharpen);
+  settings.skinWhiten = parseFloat(FloatSetting::SkinWhiten, skinWhiten);
   return settings;
 }
 
@@ -133,9 +138,10 @@ const FrameFormat& formatFor(const py::array& frame, const py::object& name) {
       valueError("format wants one of " + frameFormatNames() + ", got " + py::repr(name).cast<std::string>());
     }
   }
-  if (format != nullptr && format->planarFormat != 0) {
+  if (format != nullptr && format->planar) {
     // OpenCV's layout: the luma rows, then the chroma planes as further rows of the same width.
-    if (frame.ndim() != 2 || frame.shape(0) % 3 != 0 || frame.shape(0) % 2 != 0 || frame.shape(1) % 2 != 0) {
+    // H * 3 / 2 rows: a multiple of 3 whenever H is even (H = 6 gives 9 rows).
+    if (frame.ndim() != 2 || frame.shape(0) % 3 != 0 || frame.shape(1) % 2 != 0) {
       valueError(std::string("frame wants shape (H * 3 / 2, W) with W and H even for format ") + format->name +
                  ", got " + shapeOf(frame));
     }
@@ -156,7 +162,7 @@ FrameView viewOf(const char* what, const py::array& array, const FrameFormat& fo
   if (!array.dtype().is(py::dtype::of<uint8_t>())) {
     valueError(std::string(what) + " wants dtype uint8, got " + py::str(array.dtype()).cast<std::string>());
   }
-  const bool planar = format.planarFormat != 0;
+  const bool planar = format.planar;
   const py::ssize_t height = planar ? array.shape(0) / 3 * 2 : array.shape(0), width = array.shape(1);
   if (height == 0 || width == 0) valueError(std::string(what) + " is empty: shape " + shapeOf(array));
   if (height > kPixelBufferMaxDimension || width > kPixelBufferMaxDimension) {
@@ -202,7 +208,7 @@ py::array process(Beautifier& beautifier, const py::array& frame, const py::obje
                   const py::object& matrix, const py::object& range) {
   const FrameFormat& format = formatFor(frame, name);
   const FrameView in = viewOf("frame", frame, format);
-  if (format.planarFormat == 0 && (!matrix.is_none() || !range.is_none())) {
+  if (!format.planar && (!matrix.is_none() || !range.is_none())) {
     valueError(std::string("matrix and range are for nv12 and i420 frames, not ") + format.name);
   }
   const YuvColorimetry colorimetry = colorimetryOf(matrix, range);
@@ -224,23 +230,18 @@ py::array process(Beautifier& beautifier, const py::array& frame, const py::obje
   if (overlaps(frame, out) && !(in.data == to.data && in.stride == to.stride)) {
     valueError("out overlaps frame without being the same memory");
   }
-  bool fellBack = false;
+  std::string notice;
   {
     py::gil_scoped_release released;
-    fellBack = beautifier.process(format, in, to, colorimetry);
+    notice = beautifier.process(format, in, to, colorimetry);
   }
-  if (fellBack) {
-    PyErr_WarnEx(PyExc_RuntimeWarning,
-                 "the GL engine could not draw a frame of this size; the CPU engine draws such frames", 1);
-  }
+  if (!notice.empty() && PyErr_WarnEx(PyExc_RuntimeWarning, notice.c_str(), 1) != 0) throw py::error_already_set();
   return out;
 }
 
 template <typename Field>
 void setField(Beautifier& beautifier, Field field) {
-  Settings settings = beautifier.settings();
-  field(settings);
-  beautifier.applySettings(settings);
+  beautifier.updateSettings(field);
 }
 
 // faces=: False (everywhere), True or 'video' (a video's frames, faces carried between detections), or
@@ -282,7 +283,7 @@ PYBIND11_MODULE(_lumo, module) {
   module.attr("SETTING_RANGES") = ranges;
   module.attr("DEFAULTS") = lp::settingsDict(Settings{});
   py::dict bits;
-  for (const lp::MaskBit& bit : lp::kMaskBits) bits[bit.name] = bit.bit;
+  for (size_t i = 0; i < lumo::kMaskPassCount; ++i) bits[lumo::maskPassNames()[i].name] = lumo::maskPassNames()[i].bit;
   module.attr("MASK_BITS") = bits;
 
   const Settings defaults;
@@ -310,7 +311,7 @@ are serialised; give each thread its own to run frames in parallel.)doc")
                        const py::object& sharpen, const py::object& skinWhiten, const py::object& faces) {
              lumo::EngineKind kind;
              if (!lumo::parseEngineKind(engine, &kind)) {
-               lp::valueError("engine wants auto, gl or cpu, got '" + engine + "'");
+               lp::valueError(std::string("engine wants one of ") + lumo::engineKindNames() + ", got '" + engine + "'");
              }
              const Settings settings =
                  lp::parseSettings(mask, preset, polishStep, polishFactor, whiten, sharpen, skinWhiten);
@@ -356,35 +357,35 @@ are serialised; give each thread its own to run frames in parallel.)doc")
       .def_property(
           "polish_step", [](const Beautifier& b) { return b.settings().polishStep; },
           [](Beautifier& b, const py::object& v) {
-            const float x = lp::parseRange("polish_step", v, Settings::kPolishStep);
+            const float x = lp::parseFloat(lumo::FloatSetting::PolishStep, v);
             lp::setField(b, [&](Settings& s) { s.polishStep = x; });
           },
           "smoothing sample step in pixels, 0..16")
       .def_property(
           "polish_factor", [](const Beautifier& b) { return b.settings().polishFactor; },
           [](Beautifier& b, const py::object& v) {
-            const float x = lp::parseRange("polish_factor", v, Settings::kPolishFactor);
+            const float x = lp::parseFloat(lumo::FloatSetting::PolishFactor, v);
             lp::setField(b, [&](Settings& s) { s.polishFactor = x; });
           },
           "smoothing colour-distance factor, 0..64")
       .def_property(
           "whiten", [](const Beautifier& b) { return b.settings().whiten; },
           [](Beautifier& b, const py::object& v) {
-            const float x = lp::parseRange("whiten", v, Settings::kWhiten);
+            const float x = lp::parseFloat(lumo::FloatSetting::Whiten, v);
             lp::setField(b, [&](Settings& s) { s.whiten = x; });
           },
           "whiten balance, 0..1 (below brightens, above darkens)")
       .def_property(
           "sharpen", [](const Beautifier& b) { return b.settings().sharpen; },
           [](Beautifier& b, const py::object& v) {
-            const float x = lp::parseRange("sharpen", v, Settings::kSharpen);
+            const float x = lp::parseFloat(lumo::FloatSetting::Sharpen, v);
             lp::setField(b, [&](Settings& s) { s.sharpen = x; });
           },
           "sharpen strength, -1..4")
       .def_property(
           "skin_whiten", [](const Beautifier& b) { return b.settings().skinWhiten; },
           [](Beautifier& b, const py::object& v) {
-            const float x = lp::parseRange("skin_whiten", v, Settings::kSkinWhiten);
+            const float x = lp::parseFloat(lumo::FloatSetting::SkinWhiten, v);
             lp::setField(b, [&](Settings& s) { s.skinWhiten = x; });
           },
           "pink whiten strength on skin, 0..1")

@@ -97,7 +97,7 @@ BAD_FRAMES = [
     (np.zeros((8, 8, 3), np.uint8), "bgra", "matching format bgra"),
     (np.zeros((8, 8, 4), np.uint8), "nv21", "format wants one of bgr, bgra, nv12, i420"),
     (np.zeros((12, 7), np.uint8), "nv12", "W and H even for format nv12, got (12, 7)"),
-    (np.zeros((9, 8), np.uint8), "i420", "got (9, 8)"),
+    (np.zeros((10, 8), np.uint8), "i420", "got (10, 8)"),
     (np.zeros((12, 8, 1), np.uint8), "i420", "got (12, 8, 1)"),
     (np.zeros((12, 16), np.uint8)[:, ::2], "nv12", "C-contiguous array"),
 ]
@@ -193,11 +193,13 @@ def test_settings_are_checked():
         ({"polish_factor": -1}, r"polish_factor wants a number in 0\.\.64"),
         ({"whiten": float("nan")}, r"whiten wants a number in 0\.\.1, got nan"),
         ({"sharpen": 5}, r"sharpen wants a number in -1\.\.4"),
-        ({"skin_whiten": "0.5"}, r"skin_whiten wants a number"),
-        ({"mask": 16}, r"mask wants 0\.\.15"),
+        ({"skin_whiten": "half"}, r"skin_whiten wants a number in 0\.\.1, got 'half'"),
+        ({"whiten": True}, r"whiten wants a number in 0\.\.1, got True"),
+        ({"mask": 16}, r"mask wants a whole number in 0\.\.15"),
+        ({"mask": 2**70}, r"mask wants a whole number in 0\.\.15"),
         ({"mask": "polish,blur"}, r"unknown pass 'blur'"),
-        ({"preset": 14}, r"preset wants an int in 0\.\.13"),
-        ({"engine": "vulkan"}, r"engine wants auto, gl or cpu"),
+        ({"preset": 14}, r"preset wants a whole number in 0\.\.13"),
+        ({"engine": "vulkan"}, r"engine wants one of auto, gl, cpu"),
     ]:
         with pytest.raises(ValueError, match=message):
             lumo.Beautifier(**settings)
@@ -206,6 +208,25 @@ def test_settings_are_checked():
         beautifier.whiten = 1.5
     assert beautifier.whiten == 0.5  # a refused value changes nothing
     assert lumo.check_settings(mask="polish+sharpen", sharpen=1)["mask"] == 9
+    # NumPy's scalars are numbers, and text is read as the tool reads its options.
+    beautifier.whiten = np.float32(0.25)
+    beautifier.preset = np.int64(3)
+    beautifier.mask = "010"
+    assert (beautifier.whiten, beautifier.preset, beautifier.mask) == (0.25, 3, 10)
+    beautifier.polish_step = "2.5"
+    assert beautifier.polish_step == 2.5
+
+
+def test_yuv_frames_of_any_even_height(sample_bgr):
+    """H * 3 / 2 rows is odd for H = 6, 18, 90: such frames are as valid as any other even height."""
+    beautifier = lumo.Beautifier(engine="cpu")
+    for height in (6, 18, 90):
+        frame = np.full((height * 3 // 2, 16), 128, np.uint8)
+        frame[:height] = 180
+        for format in ("nv12", "i420"):
+            out = beautifier.process(frame, format=format)
+            assert out.shape == frame.shape
+            assert not np.array_equal(out[:height], frame[:height]), "whiten changes the luma"
 
 
 def test_settings_change_between_frames(sample_bgr):

@@ -2,6 +2,10 @@
 
 #include <lumo/lumo.h>
 
+#include "GlHandle.h"
+#include "GlObjects.h"
+#include "PixelRows.h"
+
 #include <memory>
 #include <string>
 

@@ -1,20 +1,20 @@
 #pragma once
 
-// Everything a host needs: the engines behind one interface (BeautifyEngine, makeEngine), the settings,
-// every filter, the shader texts and the platform layer.
+// Everything a host needs: the host layer (BeautifyHost), the engines behind one interface (BeautifyEngine,
+// makeEngine), the settings and their text forms, every filter and the shader texts.
 #include "BeautifyEngine.h"
+#include "BeautifyHost.h"
+#include "MakeEngine.h"
+#include "SettingsText.h"
 #include "BeautifySettings.h"
 #include "Export.h"
 #include "FramePlan.h"
 #include "RegionMask.h"
 #include "GLContext.h"
-#include "GlHandle.h"
-#include "GlObjects.h"
 #include "Log.h"
 #include "CpuImageFilter.h"
 #include "LumoImageFilter.h"
 #include "PixelBuffer.h"
-#include "PixelRows.h"
 #include "Shaders.h"
 #include "TextureCache.h"
 #include "VideoProcessAlphaBlendFilter.h"

@@ -1,5 +1,5 @@
 // The front door: which engine a host gets. Only the engines' headers are seen here, none of GL.
-#include "BeautifyEngine.h"
+#include "MakeEngine.h"
 #include "CpuImageFilter.h"
 #include "GLContext.h"
 #include "GlRenderer.h"
