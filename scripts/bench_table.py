@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints lumo-bench's JSON results (scripts/bench.sh) as the README's Markdown tables."""
+"""Prints lumo-bench's JSON results (scripts/bench.sh) as docs/performance.md's Markdown tables."""
 import json
 import sys
 from collections import defaultdict

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The uninstalled plugin through GST_PLUGIN_PATH, as the README shows it: gst-inspect lists the element and
-# its properties, and gst-launch runs a test pattern through it into a file.
+# The uninstalled plugin through GST_PLUGIN_PATH, as docs/gstreamer.md shows it: gst-inspect lists the
+# element and its properties, and gst-launch runs a test pattern through it into a file.
 # Usage: gst_tools_test.sh PLUGIN_DIR WORKDIR
 set -euo pipefail
 plugin_dir=$1 work=$2

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# lumo-beautify inside real FFmpeg and GStreamer pipes, as the README shows them.
+# lumo-beautify inside real FFmpeg and GStreamer pipes, as docs/tool.md shows them.
 # Usage: pipe_test.sh ffmpeg|gstreamer[-FORMAT] TOOL SAMPLE WORKDIR   (FORMAT: bgra, the default, nv12 or i420)
 set -euo pipefail
 leg=$1 tool=$2 sample=$3 work=$4
@@ -41,7 +41,7 @@ case $leg in
     ffmpeg -v error -y -f lavfi -i "testsrc2=s=${width}x${height}:r=30" -i "$sample" \
       -filter_complex "[1:v]scale=300:300[p];[0:v][p]overlay=x='mod(n*5,340)':y=30" \
       -frames:v $frames -c:v libx264 -pix_fmt yuv420p in.mp4
-    # The README recipe, with tees to see what went in and came out of the tool.
+    # The docs/tool.md recipe, with tees to see what went in and came out of the tool.
     ffmpeg -v error -i in.mp4 -f rawvideo -pix_fmt $ffmpeg_format - | tee in.raw \
       | "$tool" --raw ${width}x${height} --format $format - -o - | tee out.raw \
       | ffmpeg -v error -y -f rawvideo -pix_fmt $ffmpeg_format -s ${width}x${height} -r 30 -i - out.mp4
