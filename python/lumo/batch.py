@@ -250,11 +250,13 @@ def _parser():
                         help="use an existing cluster, e.g. tcp://10.0.0.5:8786, instead of a local one")
     parser.add_argument("--force", action="store_true", help="redo files whose output is already newer than the input")
     parser.add_argument("--engine", default="auto", choices=("auto", "gl", "cpu"), help="default: auto")
+    # The settings stay text here: the library reads them as the tool reads its options.
     parser.add_argument("--mask", default=str(defaults["mask"]),
-                        help="passes: names polish,whiten,skin-whiten,sharpen or a number (default: 7)")
-    parser.add_argument("--preset", type=int, default=defaults["preset"], help="colour preset 0..13 (default: 0)")
+                        help="passes: names polish,whiten,skin-whiten,sharpen joined by ',' or '+', or a number "
+                             "(default: 7)")
+    parser.add_argument("--preset", default=str(defaults["preset"]), help="colour preset 0..13 (default: 0)")
     for name in ("polish_step", "polish_factor", "whiten", "sharpen", "skin_whiten"):
-        parser.add_argument("--" + name.replace("_", "-"), type=float, default=defaults[name], help=ranged(name))
+        parser.add_argument("--" + name.replace("_", "-"), default="{:g}".format(defaults[name]), help=ranged(name))
     return parser
 
 
@@ -262,11 +264,7 @@ def main(argv=None):
     parser = _parser()
     options = parser.parse_args(argv)
     try:
-        mask = int(options.mask, 0)
-    except ValueError:
-        mask = options.mask  # pass names
-    try:
-        settings = lumo.check_settings(mask=mask, preset=options.preset, polish_step=options.polish_step,
+        settings = lumo.check_settings(mask=options.mask, preset=options.preset, polish_step=options.polish_step,
                                        polish_factor=options.polish_factor, whiten=options.whiten,
                                        sharpen=options.sharpen, skin_whiten=options.skin_whiten)
     except ValueError as error:

@@ -124,3 +124,29 @@ def test_a_worker_killed_mid_batch(tmp_path, sample_bgr, cluster):
         written = cv2.imread(str(out / source.name), cv2.IMREAD_UNCHANGED)
         np.testing.assert_array_equal(written, expected_output(source, out / source.name))
     assert leftovers(out) == []
+
+
+def settings_cases():
+    """The rows of the settings table every front end's suite reads: (setting, text, value or '! message')."""
+    with open(os.environ["LUMO_SETTINGS_CASES"], encoding="utf-8") as table:
+        rows = [line.rstrip("\n").split("\t") for line in table if line.strip() and not line.startswith("#")]
+    assert len(rows) > 20
+    return rows
+
+
+def test_settings_text_reads_as_everywhere(capsys):
+    """The package and lumo.batch read the settings' text with the library's parsers: one value or message."""
+    import lumo.batch
+    for setting, text, expected in settings_cases():
+        name = setting.replace("-", "_")
+        if expected.startswith("!"):
+            message = name + " " + expected[2:]
+            with pytest.raises(ValueError) as refused:
+                lumo.check_settings(**{name: text})
+            assert str(refused.value) == message
+            with pytest.raises(SystemExit) as stopped:
+                lumo.batch.main(["in.png", "-o", "out", "--" + setting, text])
+            assert stopped.value.code == 2
+            assert message in capsys.readouterr().err
+        else:
+            assert lumo.check_settings(**{name: text})[name] == pytest.approx(float(expected), rel=1e-6), (setting, text)
