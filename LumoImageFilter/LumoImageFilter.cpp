@@ -1,5 +1,4 @@
 #include "LumoImageFilter.h"
-#include "GlObjectCounter.h"
 
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
@@ -23,6 +22,7 @@
 #include "VideoProcessSkinDetectFilter.h"
 #include "VideoProcessWhitenFilter.h"
 #include "VideoProcessYuvFilters.h"
+#include "PassSequence.h"
 
 namespace lumo {
 LumoImageFilter::LumoImageFilter() : region_(std::make_unique<RegionWeights>()) {}
@@ -37,9 +37,7 @@ int32_t LumoImageFilter::create() {
     if (guard.ok()) {
       glDisable(GL_DEPTH_TEST);
       if (!m_pTexCache) TextureCache::create(m_pGLContext, &m_pTexCache);
-      glGenFramebuffers(1, &m_hFrameBufferPool[0]);
-      glGenFramebuffers(1, &m_hFrameBufferPool[1]);
-      globjects::noteCreated(2);
+      for (GlFramebuffer& framebuffer : m_hFrameBufferPool) framebuffer.reset(gl::genFramebuffer());
     }
     m_nCurrentFrameIndex = 0;
   }
@@ -58,22 +56,19 @@ int32_t LumoImageFilter::destroy() {
     // The cache reads back what the host may still read from its buffers before its textures go.
     m_pTexCache.reset();
     if (guard.ok()) {
-      glDeleteFramebuffers(1, &m_hFrameBufferPool[0]);
-      glDeleteFramebuffers(1, &m_hFrameBufferPool[1]);
-      globjects::noteDeleted((m_hFrameBufferPool[0] != 0) + (m_hFrameBufferPool[1] != 0));
+      for (GlFramebuffer& framebuffer : m_hFrameBufferPool) framebuffer.reset();
       conversionFramebuffer_.reset();
       yuvToRgb_.reset();
       rgbToLuma_.reset();
       rgbToChroma_.reset();
     } else {
       // No context to delete them in: the programs went with it.
+      for (GlFramebuffer& framebuffer : m_hFrameBufferPool) framebuffer.release();  // NOLINT(bugprone-unused-return-value)
       conversionFramebuffer_.release();  // NOLINT(bugprone-unused-return-value)
       yuvToRgb_.release();     // NOLINT(bugprone-unused-return-value)
       rgbToLuma_.release();    // NOLINT(bugprone-unused-return-value)
       rgbToChroma_.release();  // NOLINT(bugprone-unused-return-value)
     }
-    m_hFrameBufferPool[0] = 0;
-    m_hFrameBufferPool[1] = 0;
     yuvInputRgb_.reset();
     yuvOutput_.reset();
     regionBuffer_.reset();
@@ -130,9 +125,9 @@ int32_t LumoImageFilter::changeFormat(int32_t /*format*/, int32_t width, int32_t
   m_nViewHeight = height;
   // The previous buffers are dropped, not freed: a host still holding a result keeps it. The pool lets go
   // of their textures first, so that no attachment keeps a texture of the old size alive.
-  for (const uint32_t framebuffer : m_hFrameBufferPool) {
-    if (framebuffer == 0) continue;
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+  for (const GlFramebuffer& framebuffer : m_hFrameBufferPool) {
+    if (!framebuffer) continue;
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer.get());
     glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
   }
   createEmptyPixelBuffer(&m_pRenderPixelBuffer, width, height);
@@ -190,7 +185,7 @@ void LumoImageFilter::uninitCustomizedFilter() {
 int32_t LumoImageFilter::getCurrentFrameBuffer() {
   const int32_t index = m_nCurrentFrameIndex;
   m_nCurrentFrameIndex = (index + 1) % 2;
-  return static_cast<int32_t>(m_hFrameBufferPool[index]);
+  return static_cast<int32_t>(m_hFrameBufferPool[index].get());
 }
 
 PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
@@ -347,15 +342,12 @@ void LumoImageFilter::mapFrameTextures(const PixelBufferRef& first, TextureRef* 
 
 void LumoImageFilter::drawConversion(VideoProcessFilter* filter, const Texture* target, int32_t width,
                                      int32_t height) {
-  glBindFramebuffer(GL_FRAMEBUFFER, conversionFramebuffer_.get());
-  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target->name(), 0);
-  glViewport(0, 0, width, height);
-  glUseProgram(filter->program());
-  filter->setUniforms(1);
-  filter->setAttributes(1);
-  gldebug::checkFramebuffer("LumoImageFilter::drawConversion()");
-  glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
-  gldebug::checkError("LumoImageFilter::drawConversion()");
+  PassDraw draw;  // the sources are bound by the caller
+  draw.framebuffer = conversionFramebuffer_.get();
+  draw.width = width;
+  draw.height = height;
+  draw.target = target->name();
+  drawPass(*filter, 1, draw);
   glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, 0, 0);
 }
 
@@ -393,31 +385,8 @@ TextureRef LumoImageFilter::mapRegion(const FramePlan& plan) {
 
 const Texture* LumoImageFilter::runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1,
                                           const Texture* t2, const Texture* region) {
-  // Every pass writes the other target of its source: T2 after T1, T1 after anything else.
-  auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
-  const Texture* current = plan.skinDetect ? runSkinBranch(plan, t0, t1, t2, region) : t0;
-  if (plan.whiten) {
-    m_pWhitenFilter->setWhitenFactor(whiten_factor_.load(std::memory_order_relaxed));
-    doRenderWithFilter(current, nullptr, other(current), m_pWhitenFilter.get(), 1);
-    current = other(current);
-  }
-  if (plan.sharpen) {
-    m_pSharpenFilter->setSampleFactor(sharppen_factor_.load(std::memory_order_relaxed));
-    doRenderWithFilter(current, nullptr, other(current), m_pSharpenFilter.get(), 1);
-    current = other(current);
-  }
-  if (plan.preset) {
-    doRenderWithFilter(current, nullptr, other(current), m_pCustomizedFilter.get(), 1);
-    current = other(current);
-  }
-  return current;
-}
-
-// Skin detect, smoothing, the detail layer, pink whiten and the blend back into the input through the skin
-// mask; returns the blend's target.
-const Texture* LumoImageFilter::runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1,
-                                              const Texture* t2, const Texture* region) {
-  auto other = [t1, t2](const Texture* texture) { return texture == t1 ? t2 : t1; };
+  const Texture* const slots[] = {t0, t1, t2, region};
+  const PassSequence sequence = makePassSequence(plan, region != nullptr);
   // With a region, the passes up to pink whiten draw only around it: the region's rectangle widened by the
   // reach of every tap on the way (both bilateral passes, both Gaussian passes). What they leave outside is
   // weighed 0 by the region pass, which draws the whole frame again, as the blend does.
@@ -431,47 +400,61 @@ const Texture* LumoImageFilter::runSkinBranch(const FramePlan& plan, const Textu
     glScissor(x0, y0, std::min(m_nViewWidth, region_->endColumn() + reach) - x0,
               std::min(m_nViewHeight, region_->endRow() + reach) - y0);
   }
-  doRenderWithFilter(t0, nullptr, t1, m_pSkinDetectFilter.get(), 1);
-  const Texture* skin = t1;
-  if (plan.polish) {
-    m_pBilateralFilter->setSampleStep(polish_step_.load(std::memory_order_relaxed));
-    m_pBilateralFilter->setColorDistanceFactor(polish_color_distance_factor_.load(std::memory_order_relaxed));
-    doRenderWithFilter(t1, t1, t2, m_pBilateralFilter.get(), 1);
-    doRenderWithFilter(t2, t2, t1, m_pBilateralFilter.get(), 2);
+  for (const PassStep& step : sequence) {
+    VideoProcessFilter* filter = prepareFilter(step.role, plan);
+    doRenderWithFilter(slots[step.first], step.second == kSlotNone ? nullptr : slots[step.second], slots[step.target],
+                       filter, step.whichPass);
   }
-  if (plan.detailLayer) {
-    const Texture* layer = other(skin);
-    m_pOverlayFilter->setSrcDirection(-1.0f);
-    m_pOverlayFilter->setMultifyVal(1.0f);
-    m_pOverlayFilter->setOverlayVal(FramePlan::kHighPassOffset);
-    doRenderWithFilter(t0, skin, layer, m_pOverlayFilter.get(), 1);
-    m_pGaussianBlurFilter->setStepOffset(FramePlan::kDetailBlurStepOffset);
-    m_pGaussianBlurFilter->setBlurRadisAndSigma(static_cast<float>(FramePlan::kDetailBlurRadius),
-                                                static_cast<float>(FramePlan::kDetailBlurSigma));
-    doRenderWithFilter(layer, nullptr, skin, m_pGaussianBlurFilter.get(), 1);
-    doRenderWithFilter(skin, nullptr, layer, m_pGaussianBlurFilter.get(), 2);
-    m_pOverlayFilter->setSrcDirection(1.0f);
-    m_pOverlayFilter->setMultifyVal(2.0f);
-    m_pOverlayFilter->setOverlayVal(FramePlan::kAddBackOffset);
-    doRenderWithFilter(t0, layer, skin, m_pOverlayFilter.get(), 1);
+  return slots[sequence.last];
+}
+
+// The filter that draws `role`, with the settings it draws with pushed into it.
+VideoProcessFilter* LumoImageFilter::prepareFilter(PassRole role, const FramePlan& plan) {
+  switch (role) {
+    case PassRole::SkinDetect: return m_pSkinDetectFilter.get();
+    case PassRole::BilateralRows:
+      m_pBilateralFilter->setSampleStep(polish_step_.load(std::memory_order_relaxed));
+      m_pBilateralFilter->setColorDistanceFactor(polish_color_distance_factor_.load(std::memory_order_relaxed));
+      return m_pBilateralFilter.get();
+    case PassRole::BilateralColumns: return m_pBilateralFilter.get();
+    case PassRole::HighPass:
+      m_pOverlayFilter->setSrcDirection(-1.0f);
+      m_pOverlayFilter->setMultifyVal(1.0f);
+      m_pOverlayFilter->setOverlayVal(FramePlan::kHighPassOffset);
+      return m_pOverlayFilter.get();
+    case PassRole::GaussianRows:
+      m_pGaussianBlurFilter->setStepOffset(FramePlan::kDetailBlurStepOffset);
+      m_pGaussianBlurFilter->setBlurRadisAndSigma(static_cast<float>(FramePlan::kDetailBlurRadius),
+                                                  static_cast<float>(FramePlan::kDetailBlurSigma));
+      return m_pGaussianBlurFilter.get();
+    case PassRole::GaussianColumns: return m_pGaussianBlurFilter.get();
+    case PassRole::AddBack:
+      m_pOverlayFilter->setSrcDirection(1.0f);
+      m_pOverlayFilter->setMultifyVal(2.0f);
+      m_pOverlayFilter->setOverlayVal(FramePlan::kAddBackOffset);
+      return m_pOverlayFilter.get();
+    case PassRole::PinkWhiten:
+      m_pPinkWhitenFilter->setWhitenFactor(pinkwhiten_factor_.load(std::memory_order_relaxed));
+      return m_pPinkWhitenFilter.get();
+    case PassRole::Region:
+      glDisable(GL_SCISSOR_TEST);
+      if (!regionFilter_) {
+        regionFilter_ = std::make_unique<VideoProcessRegionFilter>();
+        regionFilter_->initProgram();
+      }
+      return regionFilter_.get();
+    case PassRole::SkinBlend:
+      m_pAlphaBlendFilter->setAlpha(plan.skinBlendWeight);
+      return m_pAlphaBlendFilter.get();
+    case PassRole::Whiten:
+      m_pWhitenFilter->setWhitenFactor(whiten_factor_.load(std::memory_order_relaxed));
+      return m_pWhitenFilter.get();
+    case PassRole::Sharpen:
+      m_pSharpenFilter->setSampleFactor(sharppen_factor_.load(std::memory_order_relaxed));
+      return m_pSharpenFilter.get();
+    case PassRole::Preset: return m_pCustomizedFilter.get();
   }
-  if (plan.pinkWhiten) {
-    m_pPinkWhitenFilter->setWhitenFactor(pinkwhiten_factor_.load(std::memory_order_relaxed));
-    doRenderWithFilter(skin, nullptr, other(skin), m_pPinkWhitenFilter.get(), 1);
-    skin = other(skin);
-  }
-  if (region != nullptr) {
-    glDisable(GL_SCISSOR_TEST);
-    if (!regionFilter_) {
-      regionFilter_ = std::make_unique<VideoProcessRegionFilter>();
-      regionFilter_->initProgram();
-    }
-    doRenderWithFilter(skin, region, other(skin), regionFilter_.get(), 1);
-    skin = other(skin);
-  }
-  m_pAlphaBlendFilter->setAlpha(plan.skinBlendWeight);
-  doRenderWithFilter(t0, skin, other(skin), m_pAlphaBlendFilter.get(), 1);
-  return other(skin);
+  return nullptr;
 }
 
 void LumoImageFilter::doRenderWithFilter(const Texture* first, const Texture* second, const Texture* target,
@@ -479,32 +462,15 @@ void LumoImageFilter::doRenderWithFilter(const Texture* first, const Texture* se
   if (filter->imgWidth() != m_nImgWidth || filter->imgHeight() != m_nImgHeight) {
     filter->doChangeFormat(0, m_nImgWidth, m_nImgHeight, nullptr);
   }
-  glBindFramebuffer(GL_FRAMEBUFFER, static_cast<GLuint>(getCurrentFrameBuffer()));
-  glViewport(0, 0, m_nViewWidth, m_nViewHeight);
-  glUseProgram(filter->program());
-  // No clear. One would come before this pass attaches its target, so it would hit the framebuffer's
-  // previous attachment; targets alternate T1, T2 in step with the two framebuffers from the first pass of
-  // every frame, so that is always this pass's own target, which the full-frame quad then overwrites
-  // without blending. It changed no pixel and cost a full-frame fill per pass.
-
-  glActiveTexture(GL_TEXTURE0);
-  glBindTexture(first->target(), first->name());
-  gl::setLinearClampSampling();
-  if (second != nullptr) {
-    glActiveTexture(GL_TEXTURE2);
-    glBindTexture(second->target(), second->name());
-    gl::setLinearClampSampling();
-  }
-  filter->setUniforms(whichPass);
-
-  glActiveTexture(GL_TEXTURE1);
-  glBindTexture(target->target(), target->name());
-  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target->name(), 0);
-  gl::setLinearClampSampling();
-  filter->setAttributes(whichPass);
-  gldebug::checkFramebuffer("LumoImageFilter::doRenderWithFilter()");
-  glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
-  gldebug::checkError("LumoImageFilter::doRenderWithFilter()");
+  // Targets alternate T1, T2 in step with the pool's two framebuffers from the first pass of every frame.
+  PassDraw draw;
+  draw.framebuffer = static_cast<uint32_t>(getCurrentFrameBuffer());
+  draw.width = m_nViewWidth;
+  draw.height = m_nViewHeight;
+  draw.first = first->name();
+  draw.second = second != nullptr ? second->name() : 0;
+  draw.target = target->name();
+  drawPass(*filter, whichPass, draw);
 }
 
 }  // namespace lumo

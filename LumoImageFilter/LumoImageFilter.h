@@ -36,6 +36,7 @@ class VideoProcessYuvToRgbFilter;
 class VideoProcessRgbToYuvFilter;
 class VideoProcessRegionFilter;
 class RegionWeights;
+enum class PassRole;
 
 // The beautify pipeline on the GPU: one BGRA frame in, the processed frame out. An NV12 or I420 frame is
 // converted into an RGB texture by one pass before the beautify passes, and the result drawn into the Y and
@@ -80,7 +81,7 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   // settings (the masks and indexes wanted and in force, the five floats) live in BeautifyEngine.
   std::shared_ptr<GLContext> m_pGLContext;
   std::shared_ptr<TextureCache> m_pTexCache;
-  uint32_t m_hFrameBufferPool[2] = {0, 0};
+  GlFramebuffer m_hFrameBufferPool[2];
   int32_t m_nCurrentFrameIndex = 0;
   PixelBufferRef m_pRenderPixelBuffer;
   PixelBufferRef m_pRenderPixelBuffer2;
@@ -111,8 +112,7 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   // given, weighs the skin layer before the blend.
   const Texture* runPasses(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2,
                            const Texture* region);
-  const Texture* runSkinBranch(const FramePlan& plan, const Texture* t0, const Texture* t1, const Texture* t2,
-                               const Texture* region);
+  VideoProcessFilter* prepareFilter(PassRole role, const FramePlan& plan);
   // T0 from `first`, T1 and T2 from the two output buffers; the statuses are not looked at, only whether
   // each texture came back.
   void mapFrameTextures(const PixelBufferRef& first, TextureRef* t0, TextureRef* t1, TextureRef* t2);

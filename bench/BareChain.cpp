@@ -2,6 +2,8 @@
 
 #include <GLES2/gl2ext.h>
 
+#include "PassSequence.h"
+
 namespace lumo::bench {
 namespace {
 
@@ -11,8 +13,6 @@ constexpr float kPolishFactor = BeautifySettings::kPolishFactor.fallback;
 constexpr float kWhiten = BeautifySettings::kWhiten.fallback;
 constexpr float kSkinWhiten = BeautifySettings::kSkinWhiten.fallback;
 constexpr float kSharpen = 0.5f;
-
-int other(int texture) { return texture == 1 ? 2 : 1; }
 
 template <typename Filter>
 std::unique_ptr<Filter> built() {
@@ -44,6 +44,46 @@ std::unique_ptr<VideoProcessBilateralFilter> bilateral() {
   return filter;
 }
 
+// A program of its own for each step, its values set once.
+std::unique_ptr<VideoProcessFilter> filterFor(PassRole role, const FramePlan& plan, int preset) {
+  switch (role) {
+    case PassRole::SkinDetect: return built<VideoProcessSkinDetectFilter>();
+    case PassRole::BilateralRows:
+    case PassRole::BilateralColumns: return bilateral();
+    case PassRole::HighPass: return overlay(-1.0f, 1.0f, FramePlan::kHighPassOffset);
+    case PassRole::GaussianRows:
+    case PassRole::GaussianColumns: return gaussian();
+    case PassRole::AddBack: return overlay(1.0f, 2.0f, FramePlan::kAddBackOffset);
+    case PassRole::PinkWhiten: {
+      auto pink = built<VideoProcessPinkWhitenFilter>();
+      pink->setWhitenFactor(kSkinWhiten);
+      return pink;
+    }
+    case PassRole::SkinBlend: {
+      auto blend = built<VideoProcessAlphaBlendFilter>();
+      blend->setAlpha(plan.skinBlendWeight);
+      return blend;
+    }
+    case PassRole::Whiten: {
+      auto whiten = built<VideoProcessWhitenFilter>();
+      whiten->setWhitenFactor(kWhiten);
+      return whiten;
+    }
+    case PassRole::Sharpen: {
+      auto sharpen = built<VideoProcessSharpenFilter>();
+      sharpen->setSampleFactor(kSharpen);
+      return sharpen;
+    }
+    case PassRole::Preset: {
+      auto customized = built<VideoProcessCustomizedFilter>();
+      customized->setColorMatrix(preset);
+      return customized;
+    }
+    case PassRole::Region: break;  // the bare chain draws whole frames
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 BareChain::BareChain(int width, int height, int mask, int preset)
@@ -64,52 +104,14 @@ BareChain::BareChain(int width, int height, int mask, int preset)
   glDisable(GL_DEPTH_TEST);
   glViewport(0, 0, width, height);
 
+  // The facade's own sequence of passes, each step with its own program.
   const FramePlan plan = FramePlan::make(mask, preset >= 1 && preset <= BeautifySettings::kPresetCount);
-  int current = 0;
-  if (plan.skinDetect) {
-    add("skin_detect", built<VideoProcessSkinDetectFilter>(), 1, 0, -1, 1);
-    int skin = 1;
-    if (plan.polish) {
-      add("bilateral_h", bilateral(), 1, 1, 1, 2);
-      add("bilateral_v", bilateral(), 2, 2, 2, 1);
-    }
-    if (plan.detailLayer) {
-      const int layer = other(skin);
-      add("high_pass", overlay(-1.0f, 1.0f, FramePlan::kHighPassOffset), 1, 0, skin, layer);
-      add("gaussian_h", gaussian(), 1, layer, -1, skin);
-      add("gaussian_v", gaussian(), 2, skin, -1, layer);
-      add("add_back", overlay(1.0f, 2.0f, FramePlan::kAddBackOffset), 1, 0, layer, skin);
-    }
-    if (plan.pinkWhiten) {
-      auto pink = built<VideoProcessPinkWhitenFilter>();
-      pink->setWhitenFactor(kSkinWhiten);
-      add("pink_whiten", std::move(pink), 1, skin, -1, other(skin));
-      skin = other(skin);
-    }
-    auto blend = built<VideoProcessAlphaBlendFilter>();
-    blend->setAlpha(plan.skinBlendWeight);
-    add("skin_blend", std::move(blend), 1, 0, skin, other(skin));
-    current = other(skin);
+  const PassSequence sequence = makePassSequence(plan, false);
+  for (const PassStep& step : sequence) {
+    add(passRoleName(step.role), filterFor(step.role, plan, preset), step.whichPass, step.first, step.second,
+        step.target);
   }
-  if (plan.whiten) {
-    auto whiten = built<VideoProcessWhitenFilter>();
-    whiten->setWhitenFactor(kWhiten);
-    add("whiten", std::move(whiten), 1, current, -1, other(current));
-    current = other(current);
-  }
-  if (plan.sharpen) {
-    auto sharpen = built<VideoProcessSharpenFilter>();
-    sharpen->setSampleFactor(kSharpen);
-    add("sharpen", std::move(sharpen), 1, current, -1, other(current));
-    current = other(current);
-  }
-  if (plan.preset) {
-    auto customized = built<VideoProcessCustomizedFilter>();
-    customized->setColorMatrix(preset);
-    add("preset", std::move(customized), 1, current, -1, other(current));
-    current = other(current);
-  }
-  last_ = current;
+  last_ = sequence.last;
   // Every filter draws the same full-frame quad: the client arrays of the first serve them all.
   if (!passes_.empty()) passes_.front().filter->setAttributes(1);
 }
@@ -128,7 +130,7 @@ void BareChain::add(std::string name, std::unique_ptr<VideoProcessFilter> filter
   filter->doChangeFormat(0, width_, height_, nullptr);
   glUseProgram(filter->program());
   filter->setUniforms(which);  // once: each pass has its own program
-  passes_.push_back({std::move(name), std::move(filter), first, second, target});
+  passes_.push_back({std::move(name), std::move(filter), which, first, second, target});
 }
 
 void BareChain::upload(const uint8_t* bgra) {
@@ -137,15 +139,13 @@ void BareChain::upload(const uint8_t* bgra) {
 }
 
 void BareChain::bindAndDraw(const Pass& pass) {
-  glBindFramebuffer(GL_FRAMEBUFFER, framebuffers_[pass.target].get());
-  glUseProgram(pass.filter->program());
-  if (pass.second >= 0) {
-    glActiveTexture(GL_TEXTURE2);
-    glBindTexture(GL_TEXTURE_2D, textures_[pass.second].get());
-  }
-  glActiveTexture(GL_TEXTURE0);
-  glBindTexture(GL_TEXTURE_2D, textures_[pass.first].get());
-  glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+  // Uniforms, attributes and sampling were set at set-up, and each target has its framebuffer attached.
+  PassDraw draw;
+  draw.framebuffer = framebuffers_[pass.target].get();
+  draw.first = textures_[pass.first].get();
+  draw.second = pass.second >= 0 ? textures_[pass.second].get() : 0;
+  draw.setState = false;
+  lumo::drawPass(*pass.filter, pass.which, draw);
 }
 
 void BareChain::draw() {

@@ -35,6 +35,7 @@ class BareChain {
   struct Pass {
     std::string name;
     std::unique_ptr<VideoProcessFilter> filter;
+    int which;
     int first;
     int second;  // -1: none
     int target;

@@ -1,9 +1,9 @@
 #include "VideoProcessFilter.h"
-#include "GlObjectCounter.h"
 
 #include <GLES2/gl2.h>
 
 #include "GlDebug.h"
+#include "GlHandle.h"
 #include "Shaders.h"
 
 namespace lumo {
@@ -20,43 +20,39 @@ VideoProcessFilter::VideoProcessFilter()
 VideoProcessFilter::~VideoProcessFilter() { uninitProgram(); }
 
 uint32_t VideoProcessFilter::initProgram() {
-  _program = glCreateProgram();
+  m_hProgram.reset(gl::createProgram());
+  _program = m_hProgram.get();
   GLint status = GL_FALSE;
 
-  m_hVertexShader = glCreateShader(GL_VERTEX_SHADER);
+  m_hVertexShader.reset(gl::createShader(GL_VERTEX_SHADER));
   const char* vertexText = _vertexShader.c_str();
-  glShaderSource(m_hVertexShader, 1, &vertexText, nullptr);
-  glCompileShader(m_hVertexShader);
-  glGetShaderiv(m_hVertexShader, GL_COMPILE_STATUS, &status);
-  gldebug::checkShader(m_hVertexShader, "vertex");
+  glShaderSource(m_hVertexShader.get(), 1, &vertexText, nullptr);
+  glCompileShader(m_hVertexShader.get());
+  glGetShaderiv(m_hVertexShader.get(), GL_COMPILE_STATUS, &status);
+  gldebug::checkShader(m_hVertexShader.get(), "vertex");
 
-  m_hFragShader = glCreateShader(GL_FRAGMENT_SHADER);
+  m_hFragShader.reset(gl::createShader(GL_FRAGMENT_SHADER));
   const char* fragmentText = _fragmentShader.c_str();
-  glShaderSource(m_hFragShader, 1, &fragmentText, nullptr);
-  glCompileShader(m_hFragShader);
-  gldebug::checkShader(m_hFragShader, "fragment");
+  glShaderSource(m_hFragShader.get(), 1, &fragmentText, nullptr);
+  glCompileShader(m_hFragShader.get());
+  gldebug::checkShader(m_hFragShader.get(), "fragment");
 
-  glAttachShader(_program, m_hVertexShader);
-  glAttachShader(_program, m_hFragShader);
+  glAttachShader(_program, m_hVertexShader.get());
+  glAttachShader(_program, m_hFragShader.get());
   initAttributes(_program);
-  globjects::noteCreated((_program != 0) + (m_hVertexShader != 0) + (m_hFragShader != 0));
   glLinkProgram(_program);
   glGetProgramiv(_program, GL_LINK_STATUS, &status);
   gldebug::checkProgram(_program, "program");
   // The build has no failure branch: a broken program simply draws nothing useful.
   (void)status;
-  built_ = true;
   initUniforms(_program);
   return _program;
 }
 
 void VideoProcessFilter::uninitProgram() {
-  if (!built_) return;
-  glDeleteShader(m_hFragShader);
-  glDeleteShader(m_hVertexShader);
-  glDeleteProgram(_program);
-  globjects::noteDeleted((_program != 0) + (m_hVertexShader != 0) + (m_hFragShader != 0));
-  built_ = false;
+  m_hFragShader.reset();
+  m_hVertexShader.reset();
+  m_hProgram.reset();
 }
 
 void VideoProcessFilter::initAttributes(uint32_t program) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Export.h"
+#include "GlHandle.h"
 
 namespace lumo {
 
@@ -22,7 +23,7 @@ class LUMO_EXPORT VideoProcessFilter {
 
   // Compiles both texts, binds the attribute slots, links and looks up the uniforms. Returns the program.
   uint32_t initProgram();
-  // Deletes the fragment shader, the vertex shader and the program. The names stay readable.
+  // Deletes the fragment shader, the vertex shader and the program. The program's name stays readable.
   void uninitProgram();
 
   void initAttributes(uint32_t program);
@@ -49,19 +50,18 @@ class LUMO_EXPORT VideoProcessFilter {
   const std::array<float, 8>& texCoords() const { return m_lstTexCoord; }
 
  private:
-  uint32_t m_hVertexShader = 0;
-  uint32_t m_hFragShader = 0;
+  GlShader m_hVertexShader;
+  GlShader m_hFragShader;
+  GlProgram m_hProgram;
   int32_t m_nFrameUniform = 0;
   // Client-side arrays handed to glVertexAttribPointer: they stay at this address for the filter's life.
   std::array<float, 8> m_lstVertices{};
   std::array<float, 8> m_lstTexCoord{};
   int32_t _imgHeight = 1;
   int32_t _imgWidth = 1;
-  uint32_t _program = 0;
+  uint32_t _program = 0;  // the property: m_hProgram's name, kept after the program is deleted
   std::string _fragmentShader;
   std::string _vertexShader;
-  // Whether the three names above are live; guards against deleting them twice.
-  bool built_ = false;
 };
 
 }  // namespace lumo

@@ -30,6 +30,28 @@ void deleteFramebuffer(uint32_t name) {
   globjects::noteDeleted();
 }
 
+uint32_t createShader(uint32_t type) {
+  const GLuint name = glCreateShader(type);
+  if (name != 0) globjects::noteCreated();
+  return name;
+}
+
+uint32_t createProgram() {
+  const GLuint name = glCreateProgram();
+  if (name != 0) globjects::noteCreated();
+  return name;
+}
+
+void deleteShader(uint32_t name) {
+  glDeleteShader(name);
+  globjects::noteDeleted();
+}
+
+void deleteProgram(uint32_t name) {
+  glDeleteProgram(name);
+  globjects::noteDeleted();
+}
+
 void setLinearClampSampling() {
   glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
   glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);

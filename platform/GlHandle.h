@@ -13,6 +13,11 @@ LUMO_EXPORT uint32_t genTexture();
 LUMO_EXPORT uint32_t genFramebuffer();
 LUMO_EXPORT void deleteTexture(uint32_t name);
 LUMO_EXPORT void deleteFramebuffer(uint32_t name);
+// glCreateShader / glCreateProgram and their deletes, counted the same way.
+LUMO_EXPORT uint32_t createShader(uint32_t type);
+LUMO_EXPORT uint32_t createProgram();
+LUMO_EXPORT void deleteShader(uint32_t name);
+LUMO_EXPORT void deleteProgram(uint32_t name);
 // Linear filtering and clamp to edge on the texture bound to GL_TEXTURE_2D of the active unit: how every
 // pass samples.
 LUMO_EXPORT void setLinearClampSampling();
@@ -52,5 +57,7 @@ class GlHandle {
 
 using GlTexture = GlHandle<gl::deleteTexture>;
 using GlFramebuffer = GlHandle<gl::deleteFramebuffer>;
+using GlShader = GlHandle<gl::deleteShader>;
+using GlProgram = GlHandle<gl::deleteProgram>;
 
 }  // namespace lumo

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "ImageIO.h"
+#include "PassSequence.h"
 
 namespace lumo::test {
 
@@ -94,21 +95,14 @@ reference::Frame GlHarness::draw(VideoProcessFilter& filter, const reference::Fr
                                  0, &target);
   EXPECT_TRUE(t0 && target && (!in2 || t2));
   filter.doChangeFormat(0, first.width, first.height, nullptr);
-  glBindFramebuffer(GL_FRAMEBUFFER, framebuffer_.get());
-  glViewport(0, 0, first.width, first.height);
-  glUseProgram(filter.program());
-  auto bind = [](GLenum unit, const TextureRef& texture) {
-    glActiveTexture(unit);
-    glBindTexture(GL_TEXTURE_2D, texture->name());
-    gl::setLinearClampSampling();
-  };
-  bind(GL_TEXTURE0, t0);
-  if (t2) bind(GL_TEXTURE2, t2);
-  filter.setUniforms(pass);
-  bind(GL_TEXTURE1, target);
-  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target->name(), 0);
-  filter.setAttributes(pass);
-  glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+  PassDraw how;  // as the facade draws a pass
+  how.framebuffer = framebuffer_.get();
+  how.width = first.width;
+  how.height = first.height;
+  how.first = t0->name();
+  how.second = t2 ? t2->name() : 0;
+  how.target = target->name();
+  drawPass(filter, pass, how);
   glFinish();
   expectNoGlError();
   t0.reset();
