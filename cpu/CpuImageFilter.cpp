@@ -24,6 +24,15 @@ cpu::Tap tapAt(float texels, float weight) {
   return {static_cast<int>(whole), fraction, weight};
 }
 
+// The polish step as this engine draws it. Beyond the frame's larger side every tap already lands on the
+// edge texel, so a step held there draws the same picture with padding the frame bounds; a step that is
+// no number draws as 0 (every tap on the pixel itself).
+float drawnStep(float step, int32_t width, int32_t height) {
+  if (!std::isfinite(step)) return 0.0f;
+  const auto side = static_cast<float>(std::max(width, height));
+  return std::clamp(step, -side, side);
+}
+
 // The detail blur's weights as its shader generator lays them out: the centre, then the pair at offset 1
 // (the pair's second weight is the spare zero, so the pair sits on a texel centre).
 struct DetailBlur {
@@ -253,7 +262,7 @@ void CpuImageFilter::runGraph(const FramePlan& plan, const cpu::ConstImage& inpu
   const cpu::Image b{reinterpret_cast<uint8_t*>(scratch_->b.data()), tight, width_, height_};
 
   // Padding for the bilateral's horizontal pass: enough for the widest tap.
-  scratch_->step = polish_step_.load(std::memory_order_relaxed);
+  scratch_->step = drawnStep(polish_step_.load(std::memory_order_relaxed), width_, height_);
   scratch_->pad = static_cast<int>(std::ceil(std::fabs(4.0f * scratch_->step))) + 2;
 
   // The first stage converts the input in its bands, the last converts its bands back, a few rows at a time

@@ -35,6 +35,10 @@ struct CpuWindow {
 // facade, and the same arithmetic as the shaders (single precision, linear sampling with clamp to edge,
 // 8-bit storage between passes), with no GL and no EGL. SIMD through Highway, all cores through a pool of
 // worker threads over bands of rows; scratch memory is sized on a frame-size change and reused.
+//
+// Every polish step draws a defined picture in memory and time the frame bounds: a step beyond the
+// frame's larger side draws as that side (every tap already lands on the edge texel, so the picture is
+// the same), and a step that is not finite (NaN, infinity) draws as 0, every tap on the pixel itself.
 class LUMO_EXPORT CpuImageFilter : public BeautifyEngine {
  public:
   CpuImageFilter();

@@ -30,7 +30,8 @@ SmallGrey shrink(const FrameView& frame, int detectionWidth) {
                       frame.stride);
   // A whole factor that leaves at least the wanted width: area averaging by a whole factor takes OpenCV's
   // fast path (a fractional one costs several times as much on a rendering thread).
-  const int factor = std::max(1, frame.width / std::max(1, detectionWidth));
+  // No larger than the height, so that a very wide, short frame keeps a row (the rows used never pass it).
+  const int factor = std::max(1, std::min(frame.width / std::max(1, detectionWidth), frame.height));
   small.scale = static_cast<float>(factor);
   small.width = std::max(1, frame.width / factor);
   small.height = std::max(1, frame.height / factor);

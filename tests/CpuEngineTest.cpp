@@ -4,6 +4,7 @@
 #include <lumo/lumo.h>
 
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -136,6 +137,41 @@ TEST(CpuEngine, EveryInstructionSetDrawsTheSamePicture) {
     }
   }
   EXPECT_FALSE(CpuImageFilter::limitSimd("neon"));
+}
+
+}  // namespace
+}  // namespace lumo::test
+
+namespace lumo::test {
+namespace {
+
+Frame renderStep(const Frame& in, float step) {
+  CpuImageFilter filter;
+  filter.create();
+  filter.enableBeautifying(BeautifyPolish);
+  filter.setPolishStep(step);
+  const Frame out = fromBuffer(filter.render(toBuffer(in)));
+  filter.destroy();
+  return out;
+}
+
+// Any float a host may store as the step draws a defined picture in memory the frame bounds: past the
+// frame's larger side the picture of that side, a step that is no number the picture of 0.
+TEST(CpuEngine, AnyPolishStepDrawsADefinedPicture) {
+  const Frame in = pattern(64, 48, [](int x, int y) {
+    return reference::Rgba{0.8f - 0.004f * x, 0.55f + 0.003f * y, 0.45f, 1.0f};
+  });
+  const Frame side = renderStep(in, 64.0f);
+  EXPECT_NE(side.bgra, renderStep(in, 3.0f).bgra) << "the step matters below the frame's side";
+  for (const float step : {1e5f, 1e30f, 3e38f}) {
+    EXPECT_EQ(renderStep(in, step).bgra, side.bgra) << step;
+  }
+  EXPECT_EQ(renderStep(in, -1e30f).bgra, renderStep(in, -64.0f).bgra);
+  const Frame zero = renderStep(in, 0.0f);
+  for (const float step : {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                           -std::numeric_limits<float>::infinity()}) {
+    EXPECT_EQ(renderStep(in, step).bgra, zero.bgra) << step;
+  }
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "FaceRegions.h"
+#include "FaceSource.h"
 #include "support/GlHarness.h"
 
 namespace lumo::test {
@@ -271,6 +272,51 @@ INSTANTIATE_TEST_SUITE_P(Engines, FacesThroughEngines, ::testing::Values(EngineK
                          [](const ::testing::TestParamInfo<EngineKind>& info) {
                            return std::string(engineKindName(info.param));
                          });
+
+}  // namespace
+}  // namespace lumo::test
+
+namespace lumo::test {
+namespace {
+
+// Any frame size the engines take works with faces on: a very wide or tall frame finds none and is drawn.
+TEST(FaceSource, EveryFrameSizeIsSearchedWithoutFailing) {
+  for (const faces::FaceMode mode : {faces::FaceMode::Photos, faces::FaceMode::Video}) {
+    std::string why;
+    const std::shared_ptr<faces::FaceSource> source = faces::FaceSource::create(mode, "", &why);
+    ASSERT_NE(source, nullptr) << why;
+    for (const auto& [width, height] : {std::pair{800, 1}, std::pair{1, 800}, std::pair{3000, 2}, std::pair{1, 1},
+                                        std::pair{641, 3}}) {
+      const Frame flat = pattern(width, height, [](int, int) { return reference::Rgba{0.7f, 0.5f, 0.4f, 1.0f}; });
+      const PixelBufferRef buffer = toBuffer(flat);
+      RegionMask regions;
+      EXPECT_NO_THROW(regions = source->regionsFor(*buffer)) << width << "x" << height;
+      EXPECT_TRUE(regions.ellipses.empty());
+    }
+  }
+}
+
+// After a face was seen, a frame of another size is searched afresh: its regions are its own, and the
+// frame is drawn.
+TEST(FaceSource, RegionsFollowTheFrameSize) {
+  std::string why;
+  std::unique_ptr<BeautifyHost> host = BeautifyHost::create(EngineKind::Cpu, &why);
+  ASSERT_NE(host, nullptr) << why;
+  host->setRegionSource(faces::FaceSource::create(faces::FaceMode::Video, "", &why));
+  Frame big = loadSample();
+  FrameResult result = host->process(HostFrame::packed(kPixelFormat32BGRA, big.width, big.height, big.bgra.data(),
+                                                       static_cast<size_t>(big.width) * 4));
+  ASSERT_EQ(result.status, FrameStatus::Drawn) << result.why;
+  ASSERT_EQ(host->lastRegions().ellipses.size(), 1u) << "the portrait's face";
+  Frame small = placed(loadSample(), 0.25f, 128, 128, 0, 0);
+  result = host->process(HostFrame::packed(kPixelFormat32BGRA, small.width, small.height, small.bgra.data(),
+                                           static_cast<size_t>(small.width) * 4));
+  ASSERT_EQ(result.status, FrameStatus::Drawn) << result.why;
+  for (const RegionEllipse& e : host->lastRegions().ellipses) {
+    EXPECT_LT(e.centerX, 128.0f);
+    EXPECT_LT(e.centerY, 128.0f);
+  }
+}
 
 }  // namespace
 }  // namespace lumo::test
