@@ -77,7 +77,23 @@ GType maskType() {
       const lumo::MaskPassName& pass = lumo::maskPassNames()[i];
       values[i] = {static_cast<guint>(pass.bit), pass.description, pass.name};
     }
-    g_once_init_leave(&type, g_flags_register_static("GstLumoBeautifyMask", values));
+    const GType registered = g_flags_register_static("GstLumoBeautifyMask", values);
+    // Text for the mask (gst-launch, gst_util_set_object_arg) is read by the library, as every front end
+    // reads it: "polish,whiten", "polish+whiten" and "010" (ten) alike.
+    static GstValueTable table{};
+    table.type = registered;
+    table.deserialize = [](GValue* dest, const gchar* text) -> gboolean {
+      int32_t mask = 0;
+      std::string error;
+      if (!lumo::parseMaskText(text, "mask", &mask, &error)) {
+        GST_WARNING("%s", error.c_str());
+        return FALSE;
+      }
+      g_value_set_flags(dest, static_cast<guint>(mask));
+      return TRUE;
+    };
+    gst_value_register(&table);
+    g_once_init_leave(&type, registered);
   }
   return static_cast<GType>(type);
 }

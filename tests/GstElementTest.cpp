@@ -5,6 +5,8 @@
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <lumo/lumo.h>
 
 #include <EGL/egl.h>
@@ -179,7 +181,7 @@ TEST(LumoBeautifyElement, PropertyChangesTakeEffectAtTheNextBuffer) {
   expectSameFrame(process(harness, in), libraryResult(in, changed));
 
   // Only a preset.
-  gst_util_set_object_arg(G_OBJECT(harness->element), "mask", "");
+  gst_util_set_object_arg(G_OBJECT(harness->element), "mask", "none");
   Settings presetOnly = changed;
   presetOnly.mask = 0;
   expectSameFrame(process(harness, in), libraryResult(in, presetOnly));
@@ -221,6 +223,29 @@ TEST(LumoBeautifyElement, PropertiesHaveTheDefaultsAndRanges) {
   EXPECT_EQ(G_PARAM_SPEC_UINT(param)->maximum, 13u);
   EXPECT_TRUE(param->flags & GST_PARAM_MUTABLE_PLAYING);
   EXPECT_TRUE(param->flags & GST_PARAM_CONTROLLABLE);
+  gst_object_unref(element);
+}
+
+// The mask's text, from the table every front end's suite reads: taken or refused as the library reads it.
+TEST(LumoBeautifyElement, MaskTextIsReadAsTheLibraryReadsIt) {
+  GstElement* element = gst_element_factory_make("lumobeautify", nullptr);
+  ASSERT_NE(element, nullptr);
+  std::ifstream table(LUMO_SETTINGS_CASES);
+  std::string line;
+  int cases = 0;
+  while (std::getline(table, line)) {
+    if (line.rfind("mask\t", 0) != 0) continue;
+    const size_t tab = line.find('\t', 5);
+    const std::string text = line.substr(5, tab - 5);
+    const std::string expected = line.substr(tab + 1);
+    g_object_set(element, "mask", 5u, nullptr);
+    gst_util_set_object_arg(G_OBJECT(element), "mask", text.c_str());
+    guint mask = 0;
+    g_object_get(element, "mask", &mask, nullptr);
+    EXPECT_EQ(mask, expected[0] == '!' ? 5u : static_cast<guint>(std::stoul(expected))) << "'" << text << "'";
+    ++cases;
+  }
+  EXPECT_GT(cases, 8);
   gst_object_unref(element);
 }
 
