@@ -104,11 +104,6 @@ HostFrame HostFrame::tight(uint32_t pixelFormat, int32_t width, int32_t height, 
   return frame;
 }
 
-size_t hostFrameBytes(uint32_t pixelFormat, int32_t width, int32_t height) {
-  if (pixelFormat == kHostFormat24BGR) return static_cast<size_t>(width) * static_cast<size_t>(height) * 3;
-  return pixelFormatFrameBytes(pixelFormat, width, height);
-}
-
 bool isHostFormat(uint32_t pixelFormat) { return planeCountOf(pixelFormat) > 0; }
 
 std::unique_ptr<BeautifyHost> BeautifyHost::create(EngineKind kind, std::string* why) {
@@ -116,10 +111,10 @@ std::unique_ptr<BeautifyHost> BeautifyHost::create(EngineKind kind, std::string*
   std::unique_ptr<BeautifyEngine> engine = withCallerContext([&] { return makeEngine(kind, &reason); });
   if (why != nullptr) *why = reason;
   if (!engine) return nullptr;
-  return std::unique_ptr<BeautifyHost>(new BeautifyHost(std::move(engine), std::move(reason)));  // NOLINT: private
+  return std::make_unique<BeautifyHost>(Token{}, std::move(engine), std::move(reason));
 }
 
-BeautifyHost::BeautifyHost(std::unique_ptr<BeautifyEngine> engine, std::string reason)
+BeautifyHost::BeautifyHost(Token, std::unique_ptr<BeautifyEngine> engine, std::string reason)
     : engine_(std::move(engine)), reason_(std::move(reason)) {}
 
 BeautifyHost::~BeautifyHost() {

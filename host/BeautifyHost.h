@@ -31,13 +31,11 @@ struct LUMO_EXPORT HostFrame {
 
   // A one-plane frame (packed RGB formats, or 24-bit BGR).
   static HostFrame packed(uint32_t pixelFormat, int32_t width, int32_t height, void* bytes, size_t bytesPerRow);
-  // Planes stored tightly one after another (a raw stream's layout, that of hostFrameBytes).
+  // Planes stored tightly one after another (a raw stream's layout).
   static HostFrame tight(uint32_t pixelFormat, int32_t width, int32_t height, void* bytes,
                          YuvColorimetry colorimetry = {});
 };
 
-// Bytes of a frame stored tightly (every format the host layer takes); 0 for another format.
-LUMO_EXPORT size_t hostFrameBytes(uint32_t pixelFormat, int32_t width, int32_t height);
 // Every format the host layer takes: the engines' and kHostFormat24BGR.
 LUMO_EXPORT bool isHostFormat(uint32_t pixelFormat);
 
@@ -76,6 +74,12 @@ class LUMO_EXPORT BeautifyHost {
  public:
   // Null, with the reason in `why`, when the engine cannot be made. On success `why` says what decided.
   static std::unique_ptr<BeautifyHost> create(EngineKind kind, std::string* why = nullptr);
+  // Only create() can make the token; the constructor is public for std::make_unique.
+  class Token {
+    friend class BeautifyHost;
+    Token() = default;
+  };
+  BeautifyHost(Token, std::unique_ptr<BeautifyEngine> engine, std::string reason);
   ~BeautifyHost();
   BeautifyHost(const BeautifyHost&) = delete;
   BeautifyHost& operator=(const BeautifyHost&) = delete;
@@ -102,7 +106,6 @@ class LUMO_EXPORT BeautifyHost {
   RegionMask lastRegions() const;
 
  private:
-  BeautifyHost(std::unique_ptr<BeautifyEngine> engine, std::string reason);
   FrameResult processLocked(const HostFrame& in, const HostFrame& out);
   PixelBufferRef render(BeautifyEngine& engine, const PixelBufferRef& input);
 

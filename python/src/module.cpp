@@ -239,10 +239,6 @@ py::array process(Beautifier& beautifier, const py::array& frame, const py::obje
   return out;
 }
 
-template <typename Field>
-void setField(Beautifier& beautifier, Field field) {
-  beautifier.updateSettings(field);
-}
 
 // faces=: False (everywhere), True or 'video' (a video's frames, faces carried between detections), or
 // 'photos' (each picture's own faces).
@@ -344,49 +340,49 @@ are serialised; give each thread its own to run frames in parallel.)doc")
           "mask", [](const Beautifier& b) { return b.settings().mask; },
           [](Beautifier& b, const py::object& v) {
             const int32_t mask = lp::parseMask(v);
-            lp::setField(b, [&](Settings& s) { s.mask = mask; });
+            b.updateSettings([&](Settings& s) { s.mask = mask; });
           },
           "passes: bits polish 1, whiten 2, skin-whiten 4, sharpen 8 (or their names, 'polish,whiten')")
       .def_property(
           "preset", [](const Beautifier& b) { return b.settings().preset; },
           [](Beautifier& b, const py::object& v) {
             const int32_t preset = lp::parsePreset(v);
-            lp::setField(b, [&](Settings& s) { s.preset = preset; });
+            b.updateSettings([&](Settings& s) { s.preset = preset; });
           },
           "colour preset 1..13, 0 for none")
       .def_property(
           "polish_step", [](const Beautifier& b) { return b.settings().polishStep; },
           [](Beautifier& b, const py::object& v) {
             const float x = lp::parseFloat(lumo::FloatSetting::PolishStep, v);
-            lp::setField(b, [&](Settings& s) { s.polishStep = x; });
+            b.updateSettings([&](Settings& s) { s.polishStep = x; });
           },
           "smoothing sample step in pixels, 0..16")
       .def_property(
           "polish_factor", [](const Beautifier& b) { return b.settings().polishFactor; },
           [](Beautifier& b, const py::object& v) {
             const float x = lp::parseFloat(lumo::FloatSetting::PolishFactor, v);
-            lp::setField(b, [&](Settings& s) { s.polishFactor = x; });
+            b.updateSettings([&](Settings& s) { s.polishFactor = x; });
           },
           "smoothing colour-distance factor, 0..64")
       .def_property(
           "whiten", [](const Beautifier& b) { return b.settings().whiten; },
           [](Beautifier& b, const py::object& v) {
             const float x = lp::parseFloat(lumo::FloatSetting::Whiten, v);
-            lp::setField(b, [&](Settings& s) { s.whiten = x; });
+            b.updateSettings([&](Settings& s) { s.whiten = x; });
           },
           "whiten balance, 0..1 (below brightens, above darkens)")
       .def_property(
           "sharpen", [](const Beautifier& b) { return b.settings().sharpen; },
           [](Beautifier& b, const py::object& v) {
             const float x = lp::parseFloat(lumo::FloatSetting::Sharpen, v);
-            lp::setField(b, [&](Settings& s) { s.sharpen = x; });
+            b.updateSettings([&](Settings& s) { s.sharpen = x; });
           },
           "sharpen strength, -1..4")
       .def_property(
           "skin_whiten", [](const Beautifier& b) { return b.settings().skinWhiten; },
           [](Beautifier& b, const py::object& v) {
             const float x = lp::parseFloat(lumo::FloatSetting::SkinWhiten, v);
-            lp::setField(b, [&](Settings& s) { s.skinWhiten = x; });
+            b.updateSettings([&](Settings& s) { s.skinWhiten = x; });
           },
           "pink whiten strength on skin, 0..1")
       .def("__repr__", [](const Beautifier& b) {
