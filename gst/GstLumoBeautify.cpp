@@ -282,6 +282,15 @@ bool followFaces(GstLumoBeautify* element, const Settings& settings) {
   return true;
 }
 
+// Frames above the library's size limit are refused when the caps arrive, before a buffer of that size is
+// allocated upstream, with the limit in the message rather than a bare "not negotiated".
+gboolean setInfo(GstVideoFilter* videoFilter, GstCaps*, GstVideoInfo* in, GstCaps*, GstVideoInfo*) {
+  const std::string problem = lumo::frameSizeProblem(GST_VIDEO_INFO_WIDTH(in), GST_VIDEO_INFO_HEIGHT(in));
+  if (problem.empty()) return TRUE;
+  GST_ELEMENT_ERROR(videoFilter, STREAM, FORMAT, ("lumobeautify: %s", problem.c_str()), (nullptr));
+  return FALSE;
+}
+
 GstFlowReturn transformFrame(GstVideoFilter* videoFilter, GstVideoFrame* in, GstVideoFrame* out) {
   GstLumoBeautify* element = self(videoFilter);
   lumo::BeautifyHost* host = element->state.host.get();
@@ -371,6 +380,7 @@ static void gst_lumo_beautify_class_init(GstLumoBeautifyClass* klass) {
   transformClass->start = start;
   transformClass->stop = stop;
   transformClass->before_transform = beforeTransform;
+  videoFilterClass->set_info = setInfo;
   videoFilterClass->transform_frame = transformFrame;
 
   gst_type_mark_as_plugin_api(maskType(), static_cast<GstPluginAPIFlags>(0));

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <exception>
 
+#include "FrameLimits.h"
 #include "FramePlan.h"
 #include "GLContext.h"
 #include "MakeEngine.h"
@@ -45,10 +46,7 @@ PixelPlaneGeometry planeOf(uint32_t pixelFormat, int32_t width, int32_t height, 
 // Empty when `frame` can be read or written as it says; else what is wrong with it.
 std::string checkFrame(const HostFrame& frame) {
   if (!isHostFormat(frame.pixelFormat)) return "a pixel format the library does not take";
-  if (frame.width < 1 || frame.height < 1 || frame.width > kPixelBufferMaxDimension ||
-      frame.height > kPixelBufferMaxDimension) {
-    return "each side must be 1.." + std::to_string(kPixelBufferMaxDimension) + " pixels";
-  }
+  if (std::string problem = frameSizeProblem(frame.width, frame.height); !problem.empty()) return problem;
   for (int32_t plane = 0; plane < planeCountOf(frame.pixelFormat); ++plane) {
     const PixelPlaneGeometry geometry = planeOf(frame.pixelFormat, frame.width, frame.height, plane);
     if (frame.planes[plane].bytes == nullptr) return "plane " + std::to_string(plane) + " has no memory";

@@ -8,6 +8,7 @@
 #include "SettingsText.h"
 #include "BeautifySettings.h"
 #include "Export.h"
+#include "FrameLimits.h"
 #include "FramePlan.h"
 #include "RegionMask.h"
 #include "GLContext.h"

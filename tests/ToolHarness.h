@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,7 +53,9 @@ class ToolRun : public ::testing::Test {
   // captured.
   Outcome run(const std::string& arguments, const std::string& prefix = "") {
     const std::string errFile = (dir_ / "stderr.txt").string();
-    return {shell(prefix + " '" LUMO_TOOL "' " + arguments + " 2>'" + errFile + "'"), readFile(errFile)};
+    // A hang fails its own command within two minutes (status 124, or 137 once killed), not the whole test.
+    return {shell(prefix + " timeout -k 5 120 '" LUMO_TOOL "' " + arguments + " 2>'" + errFile + "'"),
+            readFile(errFile)};
   }
   // Shell text run in the test's folder; its exit status, -1 after a signal.
   int shell(const std::string& text) {
@@ -118,6 +121,37 @@ class ToolRun : public ::testing::Test {
   }
   std::set<std::string> names() { return names(dir_); }
   size_t fileCount() { return names().size(); }
+
+  // Whether `child` holds a file of the folder open for writing that is not (yet) one of `known`: an unnamed
+  // O_TMPFILE output, or a hidden temporary.
+  bool writesUnknownFile(pid_t child, const std::set<std::string>& known) {
+    std::error_code ignored;
+    const std::string folder = dir_.string() + "/";
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(child) + "/fd", ignored)) {
+      const std::string target = fs::read_symlink(fd.path(), ignored).string();
+      if (target.rfind(folder, 0) == 0 && known.count(target.substr(folder.size())) == 0) return true;
+    }
+    return false;
+  }
+
+  // Bytes `child` has written into the folder: its files there, and the unnamed ones (O_TMPFILE) it holds
+  // open in it, which have no name to list until they are committed.
+  size_t bytesWrittenBy(pid_t child) {
+    size_t bytes = 0;
+    for (const auto& entry : fs::directory_iterator(dir_)) {
+      if (entry.path().filename() != "stderr.txt" && entry.is_regular_file()) bytes += entry.file_size();
+    }
+    const std::string unnamed = dir_.string() + "/#";
+    std::error_code ignored;
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(child) + "/fd", ignored)) {
+      const std::string target = fs::read_symlink(fd.path(), ignored).string();
+      struct stat status {};
+      if (target.rfind(unnamed, 0) == 0 && ::stat(fd.path().c_str(), &status) == 0) {
+        bytes += static_cast<size_t>(status.st_size);
+      }
+    }
+    return bytes;
+  }
 
   fs::path dir_;
 };

@@ -64,6 +64,66 @@ TEST_F(Tool, PngAndJpegRoundTrips) {
   EXPECT_EQ(same.bgra, image.bgra) << "mask 0 is lossless through PNG";
 }
 
+// A JPEG as a phone stores it: the picture's rows, and an EXIF APP1 segment (big- or little-endian TIFF)
+// saying how to turn them.
+std::string jpegWithOrientation(const std::string& jpeg, int orientation, bool bigEndian) {
+  const auto b = [](int value) { return static_cast<char>(value); };
+  std::string tiff = bigEndian ? std::string("MM\0*\0\0\0\x08", 8) : std::string("II*\0\x08\0\0\0", 8);
+  const std::string entry = bigEndian ? std::string{b(0), b(1), b(0x01), b(0x12), b(0), b(3), b(0), b(0), b(0), b(1),
+                                                    b(0), b(orientation), b(0), b(0)}
+                                      : std::string{b(1), b(0), b(0x12), b(0x01), b(3), b(0), b(1), b(0), b(0), b(0),
+                                                    b(orientation), b(0), b(0), b(0)};
+  tiff += entry + std::string(4, '\0');  // one entry, then no next IFD
+  const std::string payload = std::string("Exif\0\0", 6) + tiff;
+  const size_t length = payload.size() + 2;
+  const std::string app1 = std::string{b(0xFF), b(0xE1), b(static_cast<int>(length >> 8)), b(static_cast<int>(length & 0xFF))} + payload;
+  return jpeg.substr(0, 2) + app1 + jpeg.substr(2);
+}
+
+TEST_F(Tool, JpegExifOrientationIsAppliedAndTheUprightPictureWritten) {
+  // 64 x 48 in four flat quadrants: red, green over blue, white.
+  lumo::tools::Image source{64, 48, std::vector<uint8_t>(64 * 48 * 4)};
+  for (int y = 0; y < 48; ++y) {
+    for (int x = 0; x < 64; ++x) {
+      const bool right = x >= 32, bottom = y >= 24;
+      const uint8_t bgr[4][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}, {255, 255, 255}};
+      const uint8_t* colour = bgr[(bottom ? 2 : 0) + (right ? 1 : 0)];
+      uint8_t* pixel = &source.bgra[(static_cast<size_t>(y) * 64 + x) * 4];
+      pixel[0] = colour[0], pixel[1] = colour[1], pixel[2] = colour[2], pixel[3] = 255;
+    }
+  }
+  std::vector<uint8_t> encoded;
+  std::string error;
+  ASSERT_TRUE(lumo::tools::encodeImage(lumo::tools::ImageFormat::Jpeg, source, &encoded, &error)) << error;
+  const std::string jpeg(encoded.begin(), encoded.end());
+  // The quadrant seen at the upright picture's top-left and top-right corners, from EXIF's definitions:
+  // e.g. 6 stores the picture turned a quarter anticlockwise, so its bottom-left comes to the top-left.
+  const char* kRed = "red", *kGreen = "green", *kBlue = "blue", *kWhite = "white";
+  const struct {
+    int orientation;
+    const char* topLeft;
+    const char* topRight;
+  } cases[] = {{1, kRed, kGreen},  {2, kGreen, kRed},  {3, kWhite, kBlue}, {4, kBlue, kWhite},
+               {5, kRed, kBlue},   {6, kBlue, kRed},   {7, kWhite, kGreen}, {8, kGreen, kWhite}};
+  auto colourAt = [](const lumo::tools::Image& image, int x, int y) -> std::string {
+    const uint8_t* p = &image.bgra[(static_cast<size_t>(y) * image.width + x) * 4];
+    const bool b = p[0] > 128, g = p[1] > 128, r = p[2] > 128;
+    return r && g && b ? "white" : r ? "red" : g ? "green" : b ? "blue" : "black";
+  };
+  for (const auto& c : cases) {
+    const std::string name = "photo" + std::to_string(c.orientation) + ".jpg";
+    lumo::testing::writeFile(dir_ / name, jpegWithOrientation(jpeg, c.orientation, c.orientation % 2 == 0));
+    ASSERT_EQ(run(name + " -o upright.png --mask 0").status, 0) << err();
+    lumo::tools::Image upright;
+    ASSERT_TRUE(lumo::tools::readImage((dir_ / "upright.png").string(), &upright, &error)) << error;
+    const bool quarter = c.orientation >= 5;
+    EXPECT_EQ(upright.width, quarter ? 48 : 64) << "orientation " << c.orientation;
+    EXPECT_EQ(upright.height, quarter ? 64 : 48) << "orientation " << c.orientation;
+    EXPECT_EQ(colourAt(upright, 4, 4), c.topLeft) << "orientation " << c.orientation;
+    EXPECT_EQ(colourAt(upright, upright.width - 5, 4), c.topRight) << "orientation " << c.orientation;
+  }
+}
+
 TEST_F(Tool, ErrorsNameTheirCauseAndLeaveNothing) {
   EXPECT_EQ(run("--mask shine").status, 2);
   EXPECT_EQ(run("--preset 14").status, 2);

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include "ToolHarness.h"
 
 namespace {
@@ -157,6 +159,92 @@ TEST_F(ToolVideo, BadInputsAndOptionsFailWithTheirNameAndLeaveNothing) {
   ASSERT_EQ(run("clip.bin --engine cpu").status, 0) << err();
   EXPECT_EQ(packets("clip-beautified.mp4", "v"), 60);
   expectOnly({"in.mp4", "cut.mp4", "song.m4a", "notes.mkv", "clip.bin", "clip-beautified.mp4"});
+}
+
+TEST_F(ToolVideo, InputsCutShortOrWithoutVideoFailWithTheirCause) {
+  // Cut in half, each container still decodes in part; only the declared length, or MPEG-TS's packet size,
+  // tells that the rest is missing.
+  const struct {
+    const char* name;
+    const char* codecs;
+  } clips[] = {{"in.mp4", "-c:v libx264 -pix_fmt yuv420p -c:a aac -movflags +faststart"},
+               {"in.mkv", "-c:v libx264 -pix_fmt yuv420p -c:a aac"},
+               {"in.webm", "-c:v libvpx-vp9 -deadline realtime -c:a libopus"}};
+  std::set<std::string> inputs;
+  for (const auto& clip : clips) {
+    makeClip(clip.name, "64x48", 10, 4, true, clip.codecs);
+    const std::string half = std::string("half-") + clip.name;
+    ASSERT_EQ(shell("head -c $(( $(stat -c %s " + std::string(clip.name) + ") / 2 )) " + clip.name + " > " + half), 0);
+    const Outcome r = run(half + " -o out.mkv --engine cpu");
+    EXPECT_EQ(r.status, 1) << half;
+    EXPECT_NE(r.err.find(half + ": is cut short: its video ends at"), std::string::npos) << r.err;
+    inputs.insert({clip.name, half});
+  }
+  makeClip("in.ts", "64x48", 10, 4, false, "-c:v libx264 -pix_fmt yuv420p");
+  ASSERT_EQ(shell("head -c 20000 in.ts > half.ts"), 0);  // not a whole number of 188-byte packets
+  Outcome r = run("half.ts -o out.mkv --engine cpu");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("half.ts: is cut short: it ends inside an MPEG-TS packet"), std::string::npos) << r.err;
+  ASSERT_EQ(run("in.ts -o whole.mkv --engine cpu").status, 0) << err() << "a whole MPEG-TS file is not cut short";
+
+  // Subtitles only: Matroska ends such a stream without an error, which once left the tool waiting.
+  lumo::testing::writeFile(dir_ / "words.srt", "1\n00:00:00,000 --> 00:00:02,000\nHello\n\n");
+  ASSERT_EQ(shell("ffmpeg -v error -i words.srt -c:s ass subtitles.mkv"), 0);
+  r = run("subtitles.mkv -o out.mp4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("subtitles.mkv: has no video stream"), std::string::npos) << r.err;
+  fs::copy_file(LUMO_SAMPLE_IMAGE, dir_ / "photo.mp4");
+  r = run("photo.mp4 -o out.mp4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("photo.mp4: is a PNG photo, not a video"), std::string::npos) << r.err;
+  makeClip("tiny.mkv", "8x8", 10, 1, false, "-c:v ffv1");
+  r = run("tiny.mkv -o out.mp4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("tiny.mkv: is only 8 x 8: the smallest video the tool writes is 16 x 16"), std::string::npos)
+      << r.err;
+  // A FIFO whose writer has gone would block the open for ever; it is refused at once.
+  ASSERT_EQ(::mkfifo((dir_ / "fifo.mp4").c_str(), 0600), 0);
+  r = run("fifo.mp4 -o out.mkv");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("fifo.mp4: is not a regular file"), std::string::npos) << r.err;
+  EXPECT_EQ(run("- -o out.mp4 < in.mp4").status, 2);
+  EXPECT_NE(err().find("a video is read from a file, not from standard input"), std::string::npos) << err();
+  EXPECT_EQ(run("in.mp4 -o ''").status, 2);
+  EXPECT_NE(err().find("option -o wants a file name, got ''"), std::string::npos) << err();
+  inputs.insert({"in.ts", "half.ts", "whole.mkv", "words.srt", "subtitles.mkv", "photo.mp4", "tiny.mkv", "fifo.mp4"});
+  expectOnly(inputs);
+}
+
+TEST_F(ToolVideo, FourTwoTwoIsWrittenAsFourTwoZeroUnlessAskedAndLimitsComeBeforeDecoding) {
+  makeClip("in.mkv", "64x48", 10, 1, false, "-c:v libx264 -pix_fmt yuv422p");
+  ASSERT_EQ(run("in.mkv -o out.mp4 --engine cpu").status, 0) << err();
+  EXPECT_EQ(field("out.mp4", "v", "pix_fmt,profile"), "High,yuv420p");
+  ASSERT_EQ(run("in.mkv -o kept.mp4 --engine cpu --chroma 422").status, 0) << err();
+  EXPECT_EQ(field("kept.mp4", "v", "pix_fmt"), "yuv422p");
+  ASSERT_EQ(shell("gst-launch-1.0 -q videotestsrc num-buffers=5 ! video/x-raw,format=Y444,width=17,height=17 ! "
+                  "x264enc ! matroskamux ! filesink location=odd.mkv"), 0);
+  Outcome r = run("odd.mkv -o odd.mp4 --engine cpu");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("odd.mkv: is 17 x 17: h264 in 4:2:0 needs both sides even; give --chroma 444"),
+            std::string::npos) << r.err;
+  ASSERT_EQ(run("odd.mkv -o odd.mp4 --engine cpu --chroma 444").status, 0) << err();
+  EXPECT_EQ(field("odd.mp4", "v", "width,height,pix_fmt"), "17,17,yuv444p");
+  // Raw frames whose header claims 16384 x 16384: refused from the header, before a frame is allocated.
+  ASSERT_EQ(shell("ffmpeg -v error -f lavfi -i testsrc2=s=256x256:r=10 -t 0.2 -c:v rawvideo -pix_fmt yuv420p "
+                  "raw.mkv"), 0);
+  std::string bytes = lumo::testing::readFile(dir_ / "raw.mkv");
+  for (const std::string& field : {std::string("\xB0\x82\x01\x00", 4), std::string("\xBA\x82\x01\x00", 4)}) {
+    const size_t at = bytes.find(field);  // PixelWidth, PixelHeight: 256 becomes 16384
+    ASSERT_NE(at, std::string::npos);
+    bytes[at + 2] = '\x40';
+    bytes[at + 3] = '\x00';
+  }
+  lumo::testing::writeFile(dir_ / "huge.mkv", bytes);
+  r = run("huge.mkv -o huge.mp4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("huge.mkv: a 16384 x 16384 frame is above the limit (16384 a side, 128 Mi pixels)"),
+            std::string::npos) << r.err;
+  expectOnly({"in.mkv", "out.mp4", "kept.mp4", "odd.mkv", "odd.mp4", "raw.mkv", "huge.mkv"});
 }
 
 TEST_F(ToolVideo, MissingPluginsNameTheirPackage) {

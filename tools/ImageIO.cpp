@@ -3,6 +3,8 @@
 #include <jpeglib.h>
 #include <png.h>
 
+#include <lumo/FrameLimits.h>
+
 #include <cerrno>
 #include <csetjmp>
 #include <cstdio>
@@ -23,15 +25,13 @@ bool hasSuffix(std::string text, const std::string& suffix) {
 
 std::string dimensions(uint64_t width, uint64_t height) { return std::to_string(width) + "x" + std::to_string(height); }
 
-// Sides and pixel count within the limits; false with the reason otherwise.
+// Sides and pixel count within the library's limits; false with the reason otherwise.
 bool withinLimits(const char* format, uint64_t width, uint64_t height, std::string* error) {
-  if (width == 0 || height == 0 || width > kMaxImageSide || height > kMaxImageSide ||
-      width * height > kMaxImagePixels) {
-    *error = std::string(format) + " of " + dimensions(width, height) + " is above the limit (" +
-             std::to_string(kMaxImageSide) + " a side, " + std::to_string(kMaxImagePixels >> 20) + " Mi pixels)";
-    return false;
-  }
-  return true;
+  // Header fields are at most 32 bits: within int64_t as they are.
+  const std::string problem = lumo::frameSizeProblem(static_cast<int64_t>(width), static_cast<int64_t>(height));
+  if (problem.empty()) return true;
+  *error = std::string(format) + " image: " + problem;
+  return false;
 }
 
 // Deflate codes at most 258 bytes with one length/distance pair, which takes at least two bits, so a zlib
@@ -122,6 +122,64 @@ void cmykToBgra(uint8_t* row, size_t pixels, bool inverted) {
   }
 }
 
+// The EXIF Orientation (1..8) in a JPEG's APP1 segments; 1, as stored, when there is none or it is unreadable.
+int exifOrientation(jpeg_saved_marker_ptr marker) {
+  for (; marker != nullptr; marker = marker->next) {
+    const uint8_t* exif = marker->data;
+    const size_t size = marker->data_length;
+    if (marker->marker != JPEG_APP0 + 1 || size < 14 || std::memcmp(exif, "Exif\0\0", 6) != 0) continue;
+    const uint8_t* tiff = exif + 6;
+    const size_t length = size - 6;
+    const bool little = tiff[0] == 'I' && tiff[1] == 'I';
+    if (!little && !(tiff[0] == 'M' && tiff[1] == 'M')) continue;
+    auto u16 = [&](size_t at) -> uint32_t {
+      return little ? tiff[at] | tiff[at + 1] << 8 : tiff[at] << 8 | tiff[at + 1];
+    };
+    auto u32 = [&](size_t at) -> uint32_t { return little ? u16(at) | u16(at + 2) << 16 : u16(at) << 16 | u16(at + 2); };
+    const size_t ifd = u32(4);
+    if (ifd + 2 > length) continue;
+    const size_t entries = u16(ifd);
+    for (size_t i = 0; i < entries && ifd + 2 + 12 * (i + 1) <= length; ++i) {
+      const size_t entry = ifd + 2 + 12 * i;
+      // Orientation: tag 0x0112, one SHORT (type 3) held in the value field itself.
+      if (u16(entry) == 0x0112 && u16(entry + 2) == 3 && u32(entry + 4) == 1) {
+        const uint32_t value = u16(entry + 8);
+        return value >= 1 && value <= 8 ? static_cast<int>(value) : 1;
+      }
+    }
+  }
+  return 1;
+}
+
+// Turns a picture stored in EXIF orientation `orientation` upright, as a viewer would show it: each output
+// pixel is read from where that orientation stored it.
+void orientUpright(Image* image, int orientation) {
+  if (orientation <= 1) return;
+  const int32_t w = image->width, h = image->height;
+  const bool swaps = orientation >= 5;  // 5..8 turn the picture a quarter
+  const int32_t outWidth = swaps ? h : w, outHeight = swaps ? w : h;
+  std::vector<uint8_t> out(image->bgra.size());
+  for (int32_t y = 0; y < outHeight; ++y) {
+    for (int32_t x = 0; x < outWidth; ++x) {
+      int32_t sx = x, sy = y;
+      switch (orientation) {
+        case 2: sx = w - 1 - x; break;                   // mirrored
+        case 3: sx = w - 1 - x; sy = h - 1 - y; break;   // upside down
+        case 4: sy = h - 1 - y; break;                   // mirrored upside down
+        case 5: sx = y; sy = x; break;                   // transposed
+        case 6: sx = y; sy = h - 1 - x; break;           // turned a quarter anticlockwise: turn it clockwise
+        case 7: sx = w - 1 - y; sy = h - 1 - x; break;   // transversed
+        default: sx = w - 1 - y; sy = x; break;          // 8: turned clockwise: turn it back
+      }
+      std::memcpy(&out[(static_cast<size_t>(y) * outWidth + x) * 4],
+                  &image->bgra[(static_cast<size_t>(sy) * w + sx) * 4], 4);
+    }
+  }
+  image->width = outWidth;
+  image->height = outHeight;
+  image->bgra = std::move(out);
+}
+
 bool decodeJpeg(const uint8_t* data, size_t size, Image* image, std::string* error) {
   jpeg_decompress_struct info;
   JpegError jerr;
@@ -139,7 +197,9 @@ bool decodeJpeg(const uint8_t* data, size_t size, Image* image, std::string* err
   progress.progress_monitor = jpegProgress;
   info.progress = &progress;
   jpeg_mem_src(&info, data, static_cast<unsigned long>(size));
+  jpeg_save_markers(&info, JPEG_APP0 + 1, 0xFFFF);  // EXIF, for the orientation
   jpeg_read_header(&info, TRUE);
+  const int orientation = exifOrientation(info.marker_list);  // the saved markers last until the decode ends
   if (!withinLimits("JPEG", info.image_width, info.image_height, error)) {
     jpeg_destroy_decompress(&info);
     return false;
@@ -166,6 +226,9 @@ bool decodeJpeg(const uint8_t* data, size_t size, Image* image, std::string* err
   image->height = static_cast<int32_t>(info.output_height);
   jpeg_destroy_decompress(&info);
   image->bgra = std::move(pixels);
+  // A phone stores the sensor's rows and says how to turn them; the picture is beautified, searched for
+  // faces and written the way it is meant to be seen.
+  orientUpright(image, orientation);
   return true;
 }
 
@@ -229,11 +292,18 @@ ImageFormat formatForPath(const std::string& path) {
   return ImageFormat::Unknown;
 }
 
-bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* error) {
+ImageFormat formatOfBytes(const uint8_t* data, size_t size) {
   static const uint8_t kPngSignature[8] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
-  if (size >= 8 && std::memcmp(data, kPngSignature, 8) == 0) return decodePng(data, size, image, error);
-  if (size >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) {
-    return decodeJpeg(data, size, image, error);
+  if (size >= 8 && std::memcmp(data, kPngSignature, 8) == 0) return ImageFormat::Png;
+  if (size >= 3 && data[0] == 0xFF && data[1] == 0xD8 && data[2] == 0xFF) return ImageFormat::Jpeg;
+  return ImageFormat::Unknown;
+}
+
+bool decodeImage(const uint8_t* data, size_t size, Image* image, std::string* error) {
+  switch (formatOfBytes(data, size)) {
+    case ImageFormat::Png: return decodePng(data, size, image, error);
+    case ImageFormat::Jpeg: return decodeJpeg(data, size, image, error);
+    default: break;
   }
   *error = size == 0 ? "empty file" : "unsupported image format (PNG and JPEG are read)";
   return false;

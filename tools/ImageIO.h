@@ -16,15 +16,14 @@ struct Image {
 
 enum class ImageFormat { Png, Jpeg, Unknown };
 
-// What a photo may be: the file's size is checked before it is read, the declared dimensions before the
-// pixels are allocated. 16384 is the GL engine's texture limit; 128 megapixels keep the decoded image, the
-// result and the side-by-side comparison within a few GiB.
+// A photo's file size is checked before it is read, its declared dimensions (against the library's frame
+// limits) before the pixels are allocated.
 inline constexpr size_t kMaxImageFileBytes = size_t{256} << 20;
-inline constexpr uint32_t kMaxImageSide = 16384;
-inline constexpr uint64_t kMaxImagePixels = uint64_t{1} << 27;
 
 // From the file name's extension: .png, .jpg, .jpeg (any case).
 ImageFormat formatForPath(const std::string& path);
+// From a file's first bytes (8 are enough): the PNG signature or a JPEG's SOI marker.
+ImageFormat formatOfBytes(const uint8_t* data, size_t size);
 
 // Decode a PNG or JPEG file (told apart by content). Returns false and a one-line reason on failure. A
 // directory, a device or a file above kMaxImageFileBytes is refused before it is read. CMYK and YCCK JPEGs

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <pthread.h>
+#include <sys/random.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -188,8 +189,9 @@ SignalsHeld::SignalsHeld() {
 SignalsHeld::~SignalsHeld() { ::pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
 
 int openInput(const std::string& path, InputUse use, FileId* id, std::string* error) {
-  const int fd =
-      path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  const int noWait = use == InputUse::Video ? O_NONBLOCK : 0;
+  const int fd = path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)
+                             : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | noWait);
   if (fd < 0) {
     *error = std::strerror(errno);
     return -1;
@@ -202,6 +204,10 @@ int openInput(const std::string& path, InputUse use, FileId* id, std::string* er
   }
   if (S_ISDIR(status.st_mode)) {
     *error = "is a directory, not a file";
+  } else if (use == InputUse::Video && !S_ISREG(status.st_mode)) {
+    *error = "is not a regular file (a pipe, socket or device): a video is read from a file";
+  } else if (use == InputUse::Video && ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) != 0) {
+    *error = std::strerror(errno);
   } else if (use == InputUse::Photo && (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))) {
     *error = "is a device, not an image file";
   } else if (use == InputUse::Photo && S_ISREG(status.st_mode) &&
@@ -364,11 +370,12 @@ bool OutputFile::open(std::string* error) {
       return false;
     }
   } else {
-    const std::string name = nameOf(target_);
-    // Hidden, beside the destination (so that the rename stays on one filesystem), short enough for any
-    // name that fits NAME_MAX itself.
-    std::string pattern = parentOf(target_) + "/." + name.substr(0, 200) + ".XXXXXX";
-    {
+    // Unnamed until commit where the filesystem allows it, so that even SIGKILL or a power cut leaves
+    // nothing behind; a named, hidden temporary otherwise.
+    fd_ = ::open(parentOf(target_).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
+    unnamed_ = fd_ >= 0;
+    std::string pattern = temporaryPattern();
+    if (!unnamed_) {
       SignalsHeld held;  // created and registered with no signal in between
       fd_ = ::mkostemp(pattern.data(), O_CLOEXEC | O_NOFOLLOW);
       if (fd_ >= 0) {
@@ -426,6 +433,10 @@ bool OutputFile::commit(std::string* error) {
     discard();
     return false;
   }
+  if (unnamed_ && !nameUnnamed(error)) {
+    discard();
+    return false;
+  }
   const int closed = ::close(fd_);
   fd_ = -1;
   if (closed != 0) {
@@ -457,6 +468,39 @@ bool OutputFile::commit(std::string* error) {
     ::close(folder);
   }
   return true;
+}
+
+std::string OutputFile::temporaryPattern() const {
+  // Hidden, beside the destination (so that the rename stays on one filesystem), short enough for any
+  // name that fits NAME_MAX itself.
+  return parentOf(target_) + "/." + nameOf(target_).substr(0, 200) + ".XXXXXX";
+}
+
+// Links the finished unnamed file under a fresh hidden name beside the destination, for the rename that
+// replaces the destination in one step (a link cannot replace an existing name).
+bool OutputFile::nameUnnamed(std::string* error) {
+  const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string name = temporaryPattern();
+    static constexpr char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    uint8_t random[6] = {};
+    if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) break;
+    for (size_t i = 0; i < sizeof random; ++i) name[name.size() - 6 + i] = kLetters[random[i] % 62];
+    SignalsHeld held;  // linked and registered with no signal in between
+    if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+      slot_ = registerTemporary(name);
+      if (slot_ < 0) {
+        ::unlink(name.c_str());
+        errno = ENAMETOOLONG;
+        break;
+      }
+      temporary_ = name;
+      return true;
+    }
+    if (errno != EEXIST) break;
+  }
+  *error = std::strerror(errno);
+  return false;
 }
 
 void OutputFile::discard() {

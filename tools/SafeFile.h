@@ -58,11 +58,13 @@ struct FileId {
   bool holdsData() const { return known && (S_ISREG(type) || S_ISBLK(type)); }
 };
 
-enum class InputUse { Photo, Stream };
+enum class InputUse { Photo, Stream, Video };
 
 // Opens an input ("-" is stdin) and checks its type before anything is read: a directory is refused, and for
 // a photo a device (/dev/zero) or a regular file above kMaxImageFileBytes too. Pipes and sockets are read for
-// both; a stream may also come from a device. Returns the descriptor, or -1 with `*error`.
+// photos and streams; a stream may also come from a device. A video must be a regular file (its demuxer
+// seeks, and a FIFO without a writer would block the open): it is opened without waiting for a writer, so
+// that a FIFO is refused at once. Returns the descriptor, or -1 with `*error`.
 int openInput(const std::string& path, InputUse use, FileId* id, std::string* error);
 
 // Reads a whole descriptor, refusing more than `limit` bytes.
@@ -110,7 +112,11 @@ class OutputFile {
   FileId id_;
   int descriptor_ = -1;  // Descriptor: the process's own descriptor named
   int fd_ = -1;
+  std::string temporaryPattern() const;
+  bool nameUnnamed(std::string* error);
+
   std::string temporary_;
+  bool unnamed_ = false;  // an O_TMPFILE file: no name until commit
   int slot_ = -1;
 };
 

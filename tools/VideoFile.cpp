@@ -13,7 +13,11 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <lumo/FrameLimits.h>
 
 #include "SafeFile.h"
 
@@ -54,6 +58,61 @@ std::string lowerExtension(const std::string& path) {
 }
 
 constexpr const char* kNoVideo = "has no video stream to beautify";
+
+// MP4's and WebM's muxers take frames of 16 x 16 and up; smaller ones fail negotiation without a reason.
+constexpr int kMinVideoSide = 16;
+
+const char* chromaFormat(Chroma chroma) {
+  switch (chroma) {
+    case Chroma::C422: return "Y42B";
+    case Chroma::C444: return "Y444";
+    default: return "I420";
+  }
+}
+
+// Why a video of this size cannot be written with these settings; empty when it can.
+std::string videoSizeProblem(int64_t width, int64_t height, const VideoSettings& settings, VideoCodec codec) {
+  if (std::string problem = lumo::frameSizeProblem(width, height); !problem.empty()) return problem;
+  const std::string size = std::to_string(width) + " x " + std::to_string(height);
+  if (width < kMinVideoSide || height < kMinVideoSide) {
+    return "is only " + size + ": the smallest video the tool writes is 16 x 16 (the containers' minimum)";
+  }
+  // x264 and x265 take whole chroma samples only: 4:2:0 needs both sides even, 4:2:2 an even width.
+  const bool oddWidth = width % 2 != 0, oddHeight = height % 2 != 0;
+  if (codec != VideoCodec::Vp9 && settings.chroma != Chroma::C444 &&
+      (oddWidth || (oddHeight && settings.chroma == Chroma::C420))) {
+    return "is " + size + ": " + videoCodecName(codec) + " in 4:2:" +
+           (settings.chroma == Chroma::C420 ? "0 needs both sides even" : "2 needs an even width") +
+           "; give --chroma 444, or write VP9 (.webm)";
+  }
+  return {};
+}
+
+// A frame size from caps that carry one; false for caps without it (most encoded formats before parsing).
+bool sizeOfCaps(const GstCaps* caps, int64_t* width, int64_t* height) {
+  if (caps == nullptr || gst_caps_get_size(caps) == 0) return false;
+  const GstStructure* structure = gst_caps_get_structure(caps, 0);
+  gint w = 0, h = 0;
+  if (!gst_structure_get_int(structure, "width", &w) || !gst_structure_get_int(structure, "height", &h)) return false;
+  *width = w;
+  *height = h;
+  return true;
+}
+
+// MPEG-TS carries no length of its own: a file that ends inside a packet is one that was cut short.
+bool endsInsideTsPacket(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  uint8_t head[200] = {};
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const ssize_t got = ::pread(fd, head, sizeof head, 0);
+  ::close(fd);
+  const auto size = static_cast<uint64_t>(status.st_size);
+  if (got >= 189 && head[0] == 0x47 && head[188] == 0x47) return size % 188 != 0;
+  if (got >= 197 && head[4] == 0x47 && head[196] == 0x47) return size % 192 != 0;  // M2TS: a timecode first
+  return false;
+}
 constexpr const char* kBase = "gstreamer1.0-plugins-base";
 constexpr const char* kGood = "gstreamer1.0-plugins-good";
 constexpr const char* kBad = "gstreamer1.0-plugins-bad";
@@ -266,6 +325,12 @@ class Transcode {
   static void onAllParsed(GstElement*, gpointer self);
   static void onDecodedPad(GstElement*, GstPad* pad, gpointer decoded);
   static GstPadProbeReturn onFrame(GstPad*, GstPadProbeInfo* info, gpointer self);
+  static GstPadProbeReturn onDecodedCaps(GstPad*, GstPadProbeInfo* info, gpointer self);
+  static GstPadProbeReturn onUnusedEos(GstPad*, GstPadProbeInfo* info, gpointer self);
+  void checkSize(const GstCaps* caps);
+  bool streamsWithoutVideo();  // the demuxer found streams, none of them video
+  double declaredDuration();   // the input's length in seconds as its container gives it; -1 while unknown
+  std::string shortfall(double declared, const VideoResult& result) const;
 
   VideoSettings settings_;
   const volatile std::sig_atomic_t* stop_;
@@ -273,6 +338,7 @@ class Transcode {
   GstElement* mux_ = nullptr;
   GstElement* sink_ = nullptr;
   std::mutex mutex_;  // guards what follows, written from streaming threads
+  bool streamsFound_ = false;
   bool videoAdded_ = false;
   bool audioAdded_ = false;
   std::vector<GstElement*> pending_;             // added, state not yet synced with the pipeline
@@ -282,6 +348,7 @@ class Transcode {
   std::atomic<uint64_t> frames_{0};
   std::atomic<int64_t> firstPts_{-1};
   std::atomic<int64_t> lastEnd_{-1};
+  bool cutInsideTsPacket_ = false;
 };
 
 GstElement* Transcode::add(Ref<GstElement> element) {
@@ -328,8 +395,9 @@ GstElement* Transcode::entryQueue(GstPad* from, bool unbounded) {
   return queue;
 }
 
-// queue ! decodebin ! queue ! videoconvert ! lumobeautify ! queue ! videoconvert ! videoflip ! encoder
-//   ! (h265parse | identity) ! mux. The converters pass the decoder's NV12 or I420 through untouched.
+// queue ! decodebin ! queue ! videoconvert ! lumobeautify ! queue ! videoconvert ! videoflip ! videoconvert
+//   ! capsfilter (the chroma written) ! encoder ! (h265parse | identity) ! mux. The converters pass the
+// decoder's NV12 or I420 through untouched.
 void Transcode::addVideo(GstPad* pad) {
   std::string error;
   GstElement* beautify = add(makeBeautifyElement(&error));
@@ -358,9 +426,18 @@ void Transcode::addVideo(GstPad* pad) {
   if (flip != nullptr) gst_util_set_object_arg(G_OBJECT(flip), "video-direction", "auto");
   // H.265 reaches MP4's muxer only in its parsed form.
   GstElement* parse = codecOf(settings_) == VideoCodec::H265 ? add("h265parse") : add("identity");
+  GstElement* toChroma = add("videoconvert");  // videoflip takes no 4:2:2
+  GstElement* chroma = add("capsfilter");
+  if (chroma != nullptr) {
+    const CapsRef caps(gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, chromaFormat(settings_.chroma),
+                                           nullptr));
+    g_object_set(chroma, "caps", caps.get(), nullptr);
+  }
+  Ref<GstPad> decodedIn(gst_element_get_static_pad(beautify, "sink"));
+  gst_pad_add_probe(decodedIn.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, onDecodedCaps, this, nullptr);
   GstElement* entry = entryQueue(pad, false);
   if (entry == nullptr || !chain({entry, decode}) ||
-      !chain({afterDecode, toBeautify, beautify, toEncoder, fromBeautify, flip, encoder, parse, mux_})) {
+      !chain({afterDecode, toBeautify, beautify, toEncoder, fromBeautify, flip, toChroma, chroma, encoder, parse, mux_})) {
     return;
   }
   decoded_.push_back(std::make_unique<Decoded>(Decoded{this, afterDecode}));
@@ -411,16 +488,84 @@ void Transcode::onParsedPad(GstElement*, GstPad* pad, gpointer data) {
   if (!caps) caps.reset(gst_pad_query_caps(pad, nullptr));
   const std::string type = gst_structure_get_name(gst_caps_get_structure(caps.get(), 0));
   std::lock_guard<std::mutex> lock(self->mutex_);
+  self->streamsFound_ = true;
   // The first video and the first audio stream; any other stream (a second angle, subtitles, a phone's
   // metadata track) stays unlinked and is dropped by the demuxer.
-  if (type.rfind("video/", 0) == 0 && !self->videoAdded_) {
+  if (type.rfind("image/", 0) == 0) {
+    self->fail("is a still image (" + type + "), not a video: name the output .png or .jpg to beautify it");
+  } else if (type.rfind("video/", 0) == 0 && !self->videoAdded_) {
     self->videoAdded_ = true;
+    self->checkSize(caps.get());  // before a decoder allocates frames of a forged size
     self->addVideo(pad);
   } else if (type.rfind("audio/", 0) == 0 && !self->audioAdded_) {
     self->audioAdded_ = true;
     self->addAudio(pad, caps.get());
+  } else {
+    // A demuxer may end an unlinked stream without an error (Matroska's subtitles do): its end is then the
+    // input's, and an input that ends before any video stream appeared has none.
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, onUnusedEos, self, nullptr);
   }
   self->syncAll();
+}
+
+void Transcode::checkSize(const GstCaps* caps) {
+  int64_t width = 0, height = 0;
+  if (!sizeOfCaps(caps, &width, &height)) return;
+  if (const std::string problem = videoSizeProblem(width, height, settings_, codecOf(settings_)); !problem.empty()) {
+    fail(problem);
+  }
+}
+
+// A demuxer ends a truncated file where its data ends, as if that were the end: the video's reach is held
+// against the length the container declares (MP4, Matroska and WebM declare one up front; a stream's own
+// tracks may end a little apart, hence the tolerance), and an MPEG-TS file must end on a packet boundary.
+std::string Transcode::shortfall(double declared, const VideoResult& result) const {
+  const double reached = std::max(result.mediaSeconds, static_cast<double>(std::max<int64_t>(lastEnd_.load(), 0)) / GST_SECOND);
+  char text[160];
+  const unsigned long long frames = result.frames;
+  if (declared > 0 && reached < declared - std::min(1.0, declared / 4)) {
+    std::snprintf(text, sizeof text, "is cut short: its video ends at %.1f s of the %.1f s it declares (%llu frames)",
+                  reached, declared, frames);
+    return text;
+  }
+  if (cutInsideTsPacket_) {
+    std::snprintf(text, sizeof text, "is cut short: it ends inside an MPEG-TS packet, %.1f s in (%llu frames)",
+                  result.mediaSeconds, frames);
+    return text;
+  }
+  return {};
+}
+
+double Transcode::declaredDuration() {
+  gint64 nanoseconds = -1;
+  if (gst_element_query_duration(pipeline_.get(), GST_FORMAT_TIME, &nanoseconds) && nanoseconds > 0) {
+    return static_cast<double>(nanoseconds) / GST_SECOND;
+  }
+  return -1;
+}
+
+bool Transcode::streamsWithoutVideo() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return streamsFound_ && !videoAdded_;
+}
+
+GstPadProbeReturn Transcode::onDecodedCaps(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  GstEvent* event = GST_PAD_PROBE_INFO_EVENT(info);
+  if (GST_EVENT_TYPE(event) != GST_EVENT_CAPS) return GST_PAD_PROBE_OK;
+  GstCaps* caps = nullptr;
+  gst_event_parse_caps(event, &caps);
+  auto* self = static_cast<Transcode*>(data);
+  std::lock_guard<std::mutex> lock(self->mutex_);
+  self->checkSize(caps);
+  return GST_PAD_PROBE_OK;
+}
+
+GstPadProbeReturn Transcode::onUnusedEos(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  if (GST_EVENT_TYPE(GST_PAD_PROBE_INFO_EVENT(info)) != GST_EVENT_EOS) return GST_PAD_PROBE_OK;
+  auto* self = static_cast<Transcode*>(data);
+  std::lock_guard<std::mutex> lock(self->mutex_);
+  if (!self->videoAdded_) self->fail(kNoVideo);
+  return GST_PAD_PROBE_REMOVE;
 }
 
 void Transcode::onAllParsed(GstElement*, gpointer data) {
@@ -464,6 +609,7 @@ bool Transcode::build(const std::string& input, int outputFd, std::string* error
   // What the video branch needs is checked before the first frame, so that a missing plugin fails at once.
   if (!makeVideoEncoder(settings_, error) || !makeBeautifyElement(error)) return false;
   g_object_set(source, "location", input.c_str(), nullptr);
+  cutInsideTsPacket_ = endsInsideTsPacket(input);
   g_object_set(sink_, "fd", outputFd, "sync", FALSE, nullptr);
   if (!gst_element_link(source, parse) || !gst_element_link(mux_, sink_)) {
     *error = "cannot link the input to the demuxer or the muxer to the output";
@@ -513,8 +659,14 @@ VideoResult Transcode::run(const std::function<void(const VideoProgress&)>& onPr
     gst_message_parse_error(message, &raw, &debug);
     const ErrorRef error(raw);
     const GText details(debug);
-    result.error = !missing.empty() ? missing : std::string("cannot be transcoded: ") + error->message;
     result.outputFault = GST_MESSAGE_SRC(message) == GST_OBJECT(sink_);
+    if (!missing.empty()) {
+      result.error = missing;
+    } else if (!result.outputFault && streamsWithoutVideo()) {
+      result.error = kNoVideo;  // the demuxer's "not linked" on the streams that are not video
+    } else {
+      result.error = std::string("cannot be transcoded: ") + error->message;
+    }
     return true;
   };
   const auto wanted = static_cast<GstMessageType>(GST_MESSAGE_EOS | GST_MESSAGE_ERROR | GST_MESSAGE_ELEMENT);
@@ -545,23 +697,24 @@ VideoResult Transcode::run(const std::function<void(const VideoProgress&)>& onPr
       ending = true;
       endInputs();
     }
-    if (duration < 0) {
-      gint64 nanoseconds = -1;
-      if (gst_element_query_duration(pipeline_.get(), GST_FORMAT_TIME, &nanoseconds) && nanoseconds > 0) {
-        duration = static_cast<double>(nanoseconds) / GST_SECOND;
-      }
-    }
+    if (duration < 0) duration = declaredDuration();
     if (onProgress && seconds() >= nextReport) {
       nextReport = seconds() + 0.5;
       onProgress({frames_.load(), seconds(), media(), duration});
     }
   }
+  if (duration < 0) duration = declaredDuration();  // a short input can end before the first query
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   result.frames = frames_.load();
   result.wallSeconds = seconds();
   result.mediaSeconds = media();
+  // What the tool found itself says more than the "not negotiated" or "not linked" that follows from it.
+  if (const std::string found = failure(); !found.empty() && !result.outputFault) result.error = found;
   if (result.error.empty() && result.outcome == VideoResult::Outcome::Done && result.frames == 0) {
     result.error = !missing.empty() ? missing : kNoVideo;
+  }
+  if (result.error.empty() && result.outcome == VideoResult::Outcome::Done) {
+    result.error = shortfall(duration, result);
   }
   if (!result.error.empty()) result.outcome = VideoResult::Outcome::Failed;
   return result;
@@ -595,6 +748,19 @@ bool looksLikeVideo(const uint8_t* data, size_t size) {
          at(0, "\x1a\x45\xdf\xa3", 4) ||                                                  // Matroska, WebM
          (at(0, "RIFF", 4) && at(8, "AVI ", 4)) || at(0, "OggS", 4) || at(0, "FLV\x01", 4) ||
          (size >= 189 && data[0] == 0x47 && data[188] == 0x47);  // MPEG-TS: sync bytes 188 apart
+}
+
+bool parseChroma(const std::string& name, Chroma* chroma) {
+  if (name == "420") {
+    *chroma = Chroma::C420;
+  } else if (name == "422") {
+    *chroma = Chroma::C422;
+  } else if (name == "444") {
+    *chroma = Chroma::C444;
+  } else {
+    return false;
+  }
+  return true;
 }
 
 bool parseVideoCodec(const std::string& name, VideoCodec* codec) {

@@ -15,6 +15,8 @@ namespace lumo::tools {
 
 enum class Container { Mp4, Mov, Mkv, Webm, Unknown };
 enum class VideoCodec { Default, H264, H265, Vp9 };
+// The chroma subsampling written: 4:2:0 unless asked, since browsers and most players decode nothing else.
+enum class Chroma { C420, C422, C444 };
 
 // The container an output name asks for (.mp4, .m4v, .mov, .mkv, .webm, any case).
 Container containerForPath(const std::string& path);
@@ -25,6 +27,8 @@ bool isVideoPath(const std::string& path);
 bool looksLikeVideo(const uint8_t* data, size_t size);
 
 bool parseVideoCodec(const std::string& name, VideoCodec* codec);
+// "420", "422", "444".
+bool parseChroma(const std::string& name, Chroma* chroma);
 const char* videoCodecName(VideoCodec codec);
 // The codec written when none is asked for: H.264, VP9 in WebM.
 VideoCodec defaultCodec(Container container);
@@ -37,6 +41,7 @@ struct VideoSettings {
   VideoCodec codec = VideoCodec::Default;
   int crf = -1;          // constant quality; -1: the codec's default
   int bitrateKbps = 0;   // average bitrate instead of constant quality; 0: not asked
+  Chroma chroma = Chroma::C420;
   BeautifySettings beautify;
   EngineKind engine = EngineKind::Auto;
   bool faces = false;       // the skin-gated passes on faces only (the element's faces property)

@@ -35,7 +35,6 @@ using settings = lumo::BeautifySettings;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 constexpr int kExitSignalBase = 128;  // 128 + the signal's number, as shells report it
-constexpr int kMaxRawSide = 16384;
 
 struct Options {
   std::string input;
@@ -49,6 +48,7 @@ struct Options {
   lumo::BeautifySettings beautify;
   lumo::EngineKind engine = lumo::EngineKind::Auto;
   lumo::tools::VideoCodec videoCodec = lumo::tools::VideoCodec::Default;
+  lumo::tools::Chroma chroma = lumo::tools::Chroma::C420;
   int crf = -1;
   int bitrateKbps = 0;
   std::string videoOption;  // the first video-only option given, for the message when there is no video
@@ -79,6 +79,8 @@ void printHelp() {
       "      --range R           YUV range: limited (16..235) or full (0..255) (default: limited)\n"
       "      --progress          show progress on stderr (default: when stderr is a terminal)\n"
       "      --video-codec C     video: h264, h265 or vp9 (default: h264; vp9 in .webm)\n"
+      "      --chroma S          video: chroma subsampling written, 420, 422 or 444 (default: 420, which every\n"
+      "                          player and browser decodes)\n"
       "      --crf N             video: constant quality, lower is better (default: 23 h264, 28 h265, 31 vp9;\n"
       "                          0..50 h264, 0..51 h265, 0..63 vp9)\n"
       "      --bitrate KBPS      video: average bitrate in kbit/s instead of constant quality, 1..2000000\n"
@@ -150,15 +152,18 @@ float parseFloatOption(const std::string& option, const char* text, lumo::FloatS
   return value;
 }
 
-// WIDTHxHEIGHT, each a whole number in 1..16384.
+// WIDTHxHEIGHT, within the library's frame limits.
 void parseRawSize(const char* text, int* width, int* height) {
   const std::string size = text;
   const size_t x = size.find('x');
   long w = 0, h = 0;
-  if (x == std::string::npos || !parseWhole(size.substr(0, x).c_str(), 1, kMaxRawSide, &w) ||
-      !parseWhole(size.substr(x + 1).c_str(), 1, kMaxRawSide, &h)) {
-    usageError("option --raw wants WIDTHxHEIGHT, each a whole number in " + rangeText(1, kMaxRawSide) + ", got '" +
-               size + "'");
+  if (x == std::string::npos || !parseWhole(size.substr(0, x).c_str(), 1, lumo::kMaxFrameSide, &w) ||
+      !parseWhole(size.substr(x + 1).c_str(), 1, lumo::kMaxFrameSide, &h)) {
+    usageError("option --raw wants WIDTHxHEIGHT, each a whole number in " + rangeText(1, lumo::kMaxFrameSide) +
+               ", got '" + size + "'");
+  }
+  if (const std::string problem = lumo::frameSizeProblem(w, h); !problem.empty()) {
+    usageError("option --raw: " + problem);
   }
   *width = static_cast<int>(w);
   *height = static_cast<int>(h);
@@ -183,6 +188,8 @@ Options parse(int argc, char** argv) {
       std::exit(0);
     } else if (arg == "-o" || arg == "--output") {
       options.output = value();
+      // An empty name would read as "not given" and quietly write the default one.
+      if (options.output.empty()) usageError("option " + arg + " wants a file name, got ''");
     } else if (arg == "--compare") {
       options.compare = true;
     } else if (arg == "--progress") {
@@ -191,6 +198,12 @@ Options parse(int argc, char** argv) {
       const char* name = value();
       if (!lumo::tools::parseVideoCodec(name, &options.videoCodec)) {
         usageError(std::string("option --video-codec wants h264, h265 or vp9, got '") + name + "'");
+      }
+      if (options.videoOption.empty()) options.videoOption = arg;
+    } else if (arg == "--chroma") {
+      const char* name = value();
+      if (!lumo::tools::parseChroma(name, &options.chroma)) {
+        usageError(std::string("option --chroma wants 420, 422 or 444, got '") + name + "'");
       }
       if (options.videoOption.empty()) options.videoOption = arg;
     } else if (arg == "--crf") {
@@ -261,6 +274,7 @@ Options parse(int argc, char** argv) {
   }
   if (positional.size() > 1) usageError("one input at a time");
   if (!positional.empty()) options.input = positional[0];
+  if (!positional.empty() && options.input.empty()) usageError("the input's name is empty ('')");
   if (formatGiven && options.rawWidth == 0) usageError("--format describes raw frames: use it with --raw");
   const bool colorimetryGiven = options.colorimetry != lumo::YuvColorimetry{};
   if (colorimetryGiven && !lumo::pixelFormatIsYuv(options.rawFormat)) {
@@ -611,6 +625,7 @@ int runVideo(Options options) {
   }
   if (options.compare) usageError("--compare makes a side-by-side photo; it does not apply to a video");
   video.codec = options.videoCodec;
+  video.chroma = options.chroma;
   const lumo::tools::VideoCodec codec =
       video.codec == lumo::tools::VideoCodec::Default ? lumo::tools::defaultCodec(video.container) : video.codec;
   if (!lumo::tools::containerTakes(video.container, codec)) {
@@ -631,8 +646,16 @@ int runVideo(Options options) {
 
   std::string error;
   lumo::tools::FileId inputId;
-  const Descriptor in(lumo::tools::openInput(options.input, lumo::tools::InputUse::Stream, &inputId, &error));
+  const Descriptor in(lumo::tools::openInput(options.input, lumo::tools::InputUse::Video, &inputId, &error));
   if (in.fd < 0) return failure(options.input, error);
+  uint8_t head[8] = {};
+  if (::pread(in.fd, head, sizeof head, 0) == static_cast<ssize_t>(sizeof head)) {
+    const lumo::tools::ImageFormat photo = lumo::tools::formatOfBytes(head, sizeof head);
+    if (photo != lumo::tools::ImageFormat::Unknown) {
+      return failure(options.input, std::string("is a ") + (photo == lumo::tools::ImageFormat::Png ? "PNG" : "JPEG") +
+                                        " photo, not a video: name the output .png or .jpg to beautify it");
+    }
+  }
   OutputFile out;
   if (!out.resolve(options.output, &error)) return failure(options.output, error);
   if (out.overwrites(inputId)) {
@@ -692,6 +715,11 @@ int main(int argc, char** argv) {
   lumo::tools::installSignalHandlers();
   try {
     const Options options = parse(argc, argv);
+    if (options.input == "-" && options.rawWidth == 0 &&
+        lumo::tools::containerForPath(options.output) != lumo::tools::Container::Unknown) {
+      usageError("a video is read from a file, not from standard input: give its file name, or --raw for raw "
+                 "frames through a pipe");
+    }
     if (isVideoRun(options)) return runVideo(options);
     if (!options.videoOption.empty()) {
       usageError(options.videoOption + " applies to video files, and '" +

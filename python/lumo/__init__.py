@@ -9,6 +9,8 @@ rows. BGRA frames are handed to the engine without a copy; BGR frames cost one c
 `python3 -m lumo.batch` beautifies photo files in parallel on a Dask cluster.
 """
 
-from ._lumo import DEFAULTS, MASK_BITS, SETTING_RANGES, Beautifier, __version__, check_settings
+from ._lumo import (DEFAULTS, MASK_BITS, MAX_FRAME_PIXELS, MAX_FRAME_SIDE, SETTING_RANGES, Beautifier, __version__,
+                    check_frame_size, check_settings)
 
-__all__ = ["Beautifier", "check_settings", "DEFAULTS", "MASK_BITS", "SETTING_RANGES", "__version__"]
+__all__ = ["Beautifier", "check_frame_size", "check_settings", "DEFAULTS", "MASK_BITS", "MAX_FRAME_PIXELS",
+           "MAX_FRAME_SIDE", "SETTING_RANGES", "__version__"]

@@ -15,6 +15,7 @@
 
 #include <lumo/BeautifyEngine.h>
 #include <lumo/BeautifySettings.h>
+#include <lumo/FrameLimits.h>
 #include <lumo/PixelBuffer.h>
 #include <lumo/SettingsText.h>
 
@@ -165,9 +166,8 @@ FrameView viewOf(const char* what, const py::array& array, const FrameFormat& fo
   const bool planar = format.planar;
   const py::ssize_t height = planar ? array.shape(0) / 3 * 2 : array.shape(0), width = array.shape(1);
   if (height == 0 || width == 0) valueError(std::string(what) + " is empty: shape " + shapeOf(array));
-  if (height > kPixelBufferMaxDimension || width > kPixelBufferMaxDimension) {
-    valueError(std::string(what) + " is " + std::to_string(width) + " x " + std::to_string(height) +
-               " pixels; at most " + std::to_string(kPixelBufferMaxDimension) + " on either side");
+  if (const std::string problem = frameSizeProblem(width, height); !problem.empty()) {
+    valueError(std::string(what) + ": " + problem);
   }
   const py::ssize_t rowBytes = width * format.channels;
   if (planar ? (array.strides(1) != 1 || array.strides(0) != width)
@@ -281,6 +281,17 @@ PYBIND11_MODULE(_lumo, module) {
   py::dict bits;
   for (size_t i = 0; i < lumo::kMaskPassCount; ++i) bits[lumo::maskPassNames()[i].name] = lumo::maskPassNames()[i].bit;
   module.attr("MASK_BITS") = bits;
+
+  module.attr("MAX_FRAME_SIDE") = lumo::kMaxFrameSide;
+  module.attr("MAX_FRAME_PIXELS") = lumo::kMaxFramePixels;
+  module.def(
+      "check_frame_size",
+      [](int64_t width, int64_t height) {
+        if (const std::string problem = lumo::frameSizeProblem(width, height); !problem.empty()) lp::valueError(problem);
+      },
+      py::arg("width"), py::arg("height"),
+      "ValueError naming the limit when a width x height frame is above what every front end takes "
+      "(MAX_FRAME_SIDE a side, MAX_FRAME_PIXELS in all); a photo's header can be checked before it is decoded.");
 
   const Settings defaults;
   module.def(

@@ -93,7 +93,7 @@ BAD_FRAMES = [
     (np.zeros((8, 16, 3), np.uint8)[:, ::2], None, "C-contiguous pixels"),
     (np.zeros((8, 8, 3), np.uint8)[::-1], None, "C-contiguous pixels"),
     (np.zeros((8, 8, 4), np.uint8)[..., :3], None, "C-contiguous pixels"),
-    (np.zeros((1, 40000, 4), np.uint8), None, "at most 32768"),
+    (np.zeros((1, 40000, 4), np.uint8), None, "a 40000 x 1 frame is above the limit (16384 a side"),
     (np.zeros((8, 8, 3), np.uint8), "bgra", "matching format bgra"),
     (np.zeros((8, 8, 4), np.uint8), "nv21", "format wants one of bgr, bgra, nv12, i420"),
     (np.zeros((12, 7), np.uint8), "nv12", "W and H even for format nv12, got (12, 7)"),
