@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "FaceRegions.h"
+#include "FaceTracker.h"
 #include "FaceSource.h"
 #include "support/GlHarness.h"
 
@@ -134,6 +135,52 @@ TEST(FaceDetector, FindsNoneWithoutAFace) {
 
 // The face moves 6 pixels a frame; a detection every second frame. Every frame has exactly one region, it
 // is never more than two frames' movement behind, and it does not shake while the face holds still.
+// The tracker driven by detections made up here, so that each rule shows on its own: the first detection's
+// faces count at once, a later new face only when seen twice; a face missed keepMisses detections in a row
+// stays, one more and it goes; jitter is damped, a real move followed; motion carries a face on between
+// detections, for predictFrames frames at most.
+TEST(FaceTracker, SyntheticDetectionsConfirmKeepFollowAndDrop) {
+  const faces::TrackerSettings settings;  // keepMisses 2, confirmHits 2, predictFrames 6
+  faces::FaceTracker tracker(settings);
+  const FaceBox face{100.0f, 100.0f, 100.0f, 100.0f};
+  tracker.update({face}, 0);
+  ASSERT_EQ(tracker.faces().size(), 1u) << "the first detection's faces count at once";
+
+  const FaceBox stranger{400.0f, 100.0f, 80.0f, 80.0f};
+  tracker.update({face, stranger}, 3);
+  EXPECT_EQ(tracker.faces().size(), 1u) << "a new face seen once does not count yet";
+  EXPECT_EQ(tracker.candidates(3).size(), 2u) << "but it is searched for";
+  tracker.update({face, stranger}, 6);
+  EXPECT_EQ(tracker.faces().size(), 2u) << "seen twice, it counts";
+
+  // Missed: kept for keepMisses detections, dropped at the next.
+  for (int miss = 1; miss <= settings.keepMisses; ++miss) {
+    tracker.update({stranger}, 6 + 3 * miss);
+    EXPECT_EQ(tracker.faces().size(), 2u) << "after " << miss << " misses";
+    EXPECT_TRUE(tracker.missedAny());
+  }
+  tracker.update({stranger}, 6 + 3 * (settings.keepMisses + 1));
+  ASSERT_EQ(tracker.faces().size(), 1u) << "after " << settings.keepMisses + 1 << " misses";
+  EXPECT_FALSE(tracker.missedAny());
+  EXPECT_FLOAT_EQ(tracker.faces()[0].x, stranger.x);
+
+  // A detection 1 px off moves the box by the jitter weight; one a fifth of the face away, all the way.
+  faces::FaceTracker still(settings);
+  still.update({face}, 0);
+  still.update({FaceBox{101.0f, 100.0f, 100.0f, 100.0f}}, 10);
+  EXPECT_NEAR(still.faces(10)[0].x, 100.0f + settings.jitterWeight, 1e-4f);
+  EXPECT_FLOAT_EQ(still.faces(20)[0].x, still.faces(10)[0].x) << "a still face is not carried on";
+  still.update({FaceBox{121.3f, 100.0f, 100.0f, 100.0f}}, 20);
+  EXPECT_NEAR(still.faces(20)[0].x, 121.3f, 1e-4f);
+
+  // Moving 2 px a frame: carried on at that speed, then held after predictFrames.
+  faces::FaceTracker moving(settings);
+  moving.update({face}, 0);
+  moving.update({FaceBox{140.0f, 100.0f, 100.0f, 100.0f}}, 20);
+  EXPECT_NEAR(moving.faces(23)[0].x, 146.0f, 1e-3f);
+  EXPECT_NEAR(moving.faces(20 + settings.predictFrames + 10)[0].x, 140.0f + 2.0f * settings.predictFrames, 1e-3f);
+}
+
 TEST(FaceRegions, FollowsAMovingFaceWithoutFlicker) {
   const Frame portrait = loadSample();
   faces::FaceRegionsSettings settings;

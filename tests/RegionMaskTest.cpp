@@ -4,12 +4,14 @@
 
 #include <lumo/lumo.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "RegionWeights.h"
 #include "support/GlHarness.h"
 
 namespace lumo::test {
@@ -39,8 +41,9 @@ class RegionMaskTest : public ::testing::TestWithParam<EngineKind> {
     return made;
   }
   static Frame run(BeautifyEngine& engine, const Frame& in) { return fromBuffer(engine.render(toBuffer(in))); }
-  Frame once(const Frame& in, int mask, float sharpen, const RegionMask& region) const {
+  Frame once(const Frame& in, int mask, float sharpen, const RegionMask& region, float polishStep = 3.0f) const {
     std::unique_ptr<BeautifyEngine> e = engine(mask, sharpen);
+    e->setPolishStep(polishStep);
     e->setRegionMask(region);
     return run(*e, in);
   }
@@ -119,26 +122,75 @@ TEST_P(RegionMaskTest, OutsideIsTheFrameWithoutSkinPassesInsideTheUsualPicture) 
 
 // The same ellipse alone, and with two specks in opposite corners that stretch the region's bounding
 // rectangle over the whole frame: every pixel the ellipse weighs, its soft edge included, comes out the
-// same, so the work skipped outside the rectangle changed nothing.
+// same, so the work skipped outside the rectangle changed nothing. A hard edge at a fractional step (whose
+// samples reach one row and column further) leaves no margin of the window unseen.
 TEST_P(RegionMaskTest, SkippedWorkChangesNothingInside) {
   const Frame portrait = loadSample();
   const RegionEllipse speckA{1.0f, 1.0f, 2.0f, 2.0f, 0.5f};
   const RegionEllipse speckB{511.0f, 511.0f, 2.0f, 2.0f, 0.5f};
-  for (const int mask : {BeautifySettings::kDefaultMask, 15, static_cast<int>(BeautifySkinWhiten)}) {
-    SCOPED_TRACE("mask " + std::to_string(mask));
-    const Frame alone = once(portrait, mask, 0.5f, RegionMask::inside({kFace}));
-    const Frame stretched = once(portrait, mask, 0.5f, RegionMask::inside({kFace, speckA, speckB}));
+  const RegionEllipse hardFace{225.0f, 125.0f, 60.0f, 78.0f, 0.01f};
+  const struct {
+    int mask;
+    RegionEllipse face;
+    float polishStep;
+  } cases[] = {{BeautifySettings::kDefaultMask, kFace, 3.0f},
+               {15, kFace, 3.0f},
+               {static_cast<int>(BeautifySkinWhiten), kFace, 3.0f},
+               {BeautifySettings::kDefaultMask, hardFace, 2.5f},
+               {static_cast<int>(BeautifyPolish), hardFace, 4.75f}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE("mask " + std::to_string(c.mask) + ", feather " + std::to_string(c.face.feather) + ", step " +
+                 std::to_string(c.polishStep));
+    const Frame alone = once(portrait, c.mask, 0.5f, RegionMask::inside({c.face}), c.polishStep);
+    const Frame stretched = once(portrait, c.mask, 0.5f, RegionMask::inside({c.face, speckA, speckB}), c.polishStep);
     int weighed = 0;
     int differ = 0;
     for (int y = 0; y < portrait.height; ++y) {
       for (int x = 0; x < portrait.width; ++x) {
-        if (distanceTo(kFace, x, y) >= 1.0f) continue;
+        if (distanceTo(c.face, x, y) >= 1.0f) continue;
         ++weighed;
         differ += samePixel(alone, stretched, x, y) ? 0 : 1;
       }
     }
     EXPECT_GT(weighed, 10000);
     EXPECT_EQ(differ, 0);
+  }
+}
+
+// Hard-edged ellipses (centred off the pixel grid, across the frame's corner and edge, one row thin) weigh
+// every pixel whose centre lies inside in full and none outside, and the bounds hold exactly the weighed
+// pixels: the first and last rows and columns included.
+TEST(RegionWeights, HardEdgesWeighEveryPixelInsideAndTheBoundsHoldThemAll) {
+  constexpr int kWidth = 80, kHeight = 60;
+  const RegionEllipse ellipses[] = {{40.3f, 30.7f, 20.0f, 12.5f, 0.01f},
+                                    {0.0f, 0.0f, 10.0f, 7.0f, 0.01f},
+                                    {79.5f, 59.5f, 6.2f, 30.0f, 0.01f},
+                                    {40.0f, 20.5f, 30.0f, 0.9f, 0.01f}};
+  for (const RegionEllipse& e : ellipses) {
+    SCOPED_TRACE(::testing::Message() << "ellipse at " << e.centerX << ", " << e.centerY);
+    RegionWeights weights;
+    ASSERT_TRUE(weights.update(RegionMask::inside({e}), kWidth, kHeight));
+    int firstRow = kHeight, endRow = 0, firstColumn = kWidth, endColumn = 0;
+    for (int y = 0; y < kHeight; ++y) {
+      for (int x = 0; x < kWidth; ++x) {
+        const uint32_t level = weights.data()[y * kWidth + x] & 0xFFu;
+        const float d = distanceTo(e, x, y);
+        if (d >= 1.0f) {
+          EXPECT_EQ(level, 0u) << x << ", " << y;
+        } else if (d <= 0.985f) {
+          EXPECT_EQ(level, 255u) << x << ", " << y;
+        }
+        if (level != 0) {
+          firstRow = std::min(firstRow, y), endRow = std::max(endRow, y + 1);
+          firstColumn = std::min(firstColumn, x), endColumn = std::max(endColumn, x + 1);
+        }
+      }
+    }
+    ASSERT_LT(firstRow, endRow);
+    EXPECT_EQ(weights.firstRow(), firstRow);
+    EXPECT_EQ(weights.endRow(), endRow);
+    EXPECT_EQ(weights.firstColumn(), firstColumn);
+    EXPECT_EQ(weights.endColumn(), endColumn);
   }
 }
 

@@ -286,6 +286,67 @@ TEST(YuvConversion, ExportMatchesTheFloatDefinition) {
 
 // The engine converts band by band on several threads: any split (import at any row, export at even rows)
 // gives the whole frame's result, and NV12 and I420 carry the same numbers.
+// Flat colours against values worked out from the standards' equations alone (Kr, Kb; 219 and 224 levels of
+// limited range, 255 of full), not from the library's coefficients, so that an error the import and the
+// export share cannot cancel: {R, G, B}, its 8-bit {Y, Cb, Cr}, and the RGB those integers decode to.
+struct BroadcastColour {
+  int rgb[3];
+  int ycbcr[3];
+  int decoded[3];
+};
+const struct {
+  YuvColorimetry colorimetry;
+  BroadcastColour colours[5];
+} kBroadcastColours[] = {
+    {{YuvMatrix::Bt601, YuvRange::Limited},
+     {{{230, 20, 20}, {87, 97, 220}, {230, 20, 20}},   {{20, 230, 20}, {139, 67, 51}, {20, 230, 20}},
+      {{20, 20, 230}, {54, 220, 113}, {20, 20, 230}},  {{200, 80, 40}, {112, 93, 184}, {201, 80, 41}},
+      {{40, 160, 220}, {128, 172, 71}, {39, 160, 219}}}},
+    {{YuvMatrix::Bt601, YuvRange::Full},
+     {{{230, 20, 20}, {83, 93, 233}, {230, 20, 21}},   {{20, 230, 20}, {143, 58, 40}, {20, 230, 19}},
+      {{20, 20, 230}, {44, 233, 111}, {20, 20, 230}},  {{200, 80, 40}, {111, 88, 191}, {199, 80, 40}},
+      {{40, 160, 220}, {131, 178, 63}, {40, 160, 220}}}},
+    {{YuvMatrix::Bt709, YuvRange::Limited},
+     {{{230, 20, 20}, {72, 107, 220}, {230, 21, 21}},  {{20, 230, 20}, {162, 57, 44}, {19, 230, 20}},
+      {{20, 20, 230}, {46, 220, 120}, {21, 20, 229}},  {{200, 80, 40}, {104, 98, 182}, {199, 80, 39}},
+      {{40, 160, 220}, {135, 166, 73}, {40, 160, 219}}}},
+    {{YuvMatrix::Bt709, YuvRange::Full},
+     {{{230, 20, 20}, {65, 104, 233}, {230, 20, 20}},  {{20, 230, 20}, {170, 47, 33}, {20, 230, 20}},
+      {{20, 20, 230}, {35, 233, 118}, {19, 20, 230}},  {{200, 80, 40}, {103, 94, 190}, {201, 80, 40}},
+      {{40, 160, 220}, {139, 172, 65}, {40, 160, 221}}}},
+};
+
+TEST(YuvConversion, FlatColoursMatchTheStandardsBothWays) {
+  onEveryTarget([&] {
+    for (const auto& table : kBroadcastColours) {
+      for (const BroadcastColour& colour : table.colours) {
+        SCOPED_TRACE(::testing::Message() << "RGB " << colour.rgb[0] << "," << colour.rgb[1] << "," << colour.rgb[2]
+                                          << " matrix " << static_cast<int>(table.colorimetry.matrix) << " range "
+                                          << static_cast<int>(table.colorimetry.range));
+        YuvFrame f = makeFrame(6, 4, kPixelFormatI420);
+        std::fill(f.y.begin(), f.y.end(), static_cast<uint8_t>(colour.ycbcr[0]));
+        std::fill(f.u.begin(), f.u.end(), static_cast<uint8_t>(colour.ycbcr[1]));
+        std::fill(f.v.begin(), f.v.end(), static_cast<uint8_t>(colour.ycbcr[2]));
+        const Bytes imported = importWhole(f, kPixelFormatI420, table.colorimetry, {0, 4});
+        for (int c = 0; c < 3; ++c) EXPECT_NEAR(imported[2 - c], colour.decoded[c], 1) << "channel " << c;
+
+        Bytes bgra(6 * 4 * 4);
+        for (size_t p = 0; p < bgra.size(); p += 4) {
+          bgra[p] = static_cast<uint8_t>(colour.rgb[2]);
+          bgra[p + 1] = static_cast<uint8_t>(colour.rgb[1]);
+          bgra[p + 2] = static_cast<uint8_t>(colour.rgb[0]);
+          bgra[p + 3] = 255;
+        }
+        const Bytes exported = exportWhole(bgra, 6, 4, kPixelFormatI420, table.colorimetry, {0, 4});
+        // Tight planes: 24 luma samples, then 6 Cb, then 6 Cr.
+        EXPECT_NEAR(exported[0], colour.ycbcr[0], 1);
+        EXPECT_NEAR(exported[24], colour.ycbcr[1], 1);
+        EXPECT_NEAR(exported[30], colour.ycbcr[2], 1);
+      }
+    }
+  });
+}
+
 TEST(YuvConversion, BandsAndLayoutsGiveTheSameFrame) {
   onEveryTarget([&] {
     std::mt19937 random(7);
