@@ -3,8 +3,6 @@
 #include <cstdint>
 #include <string>
 
-#include "Export.h"
-
 namespace lumo {
 
 // The largest frame any front end takes, checked from a header or caps before a pixel is allocated.
@@ -15,7 +13,16 @@ constexpr int64_t kMaxFramePixels = int64_t{1} << 27;
 
 // Empty when a width x height frame is within the limits; otherwise the reason, with the limits:
 // "a 20000 x 64 frame is above the limit (16384 a side, 128 Mi pixels)", or "... has no pixels" for a side
-// below 1.
-LUMO_EXPORT std::string frameSizeProblem(int64_t width, int64_t height);
+// below 1. Inline, so that helpers checking a header need no link to the library.
+inline std::string frameSizeProblem(int64_t width, int64_t height) {
+  const std::string frame = "a " + std::to_string(width) + " x " + std::to_string(height) + " frame";
+  if (width < 1 || height < 1) return frame + " has no pixels";
+  // Each side is checked first, so that the product below cannot overflow.
+  if (width > kMaxFrameSide || height > kMaxFrameSide || width * height > kMaxFramePixels) {
+    return frame + " is above the limit (" + std::to_string(kMaxFrameSide) + " a side, " +
+           std::to_string(kMaxFramePixels >> 20) + " Mi pixels)";
+  }
+  return {};
+}
 
 }  // namespace lumo

@@ -1,6 +1,6 @@
 """Beautify photo files in parallel on Dask distributed.
 
-    python3 -m lumo.batch IN... -o DIR [--workers N] [--scheduler ADDRESS] [settings]
+    python3 -m lumo.batch IN... -o DIR [--workers N] [--scheduler ADDRESS [--connect-timeout S]] [settings]
 
 Each input (a PNG or JPEG file, or a folder of them) is beautified into DIR under its own file name, by a
 LocalCluster of N worker processes (default: one per core), or by the workers of an existing cluster when
@@ -9,11 +9,18 @@ LocalCluster of N worker processes (default: one per core), or by the workers of
 Every worker process makes one engine and reuses it for all its files. A result is written to a temporary
 file in DIR, created exclusively, and renamed over the final name only when complete, so DIR never holds a
 half-written photo. An output newer than its input counts as done and is skipped on a rerun (--force
-redoes it). A file that fails is reported and the rest go on; the exit status is then 1.
+redoes it). A file that fails is reported and the rest go on; the exit status is then 1. A file above the
+library's frame limits (read from its header) or above 256 MiB is refused before it is decoded.
+
+Ctrl-C closes the cluster (a file being written is finished or removed), counts the files this run wrote
+and exits with status 130; a second Ctrl-C stops waiting for the workers and kills them.
 """
 
 import argparse
+import contextlib
 import os
+import signal
+import struct
 import sys
 import tempfile
 import time
@@ -22,6 +29,8 @@ import lumo
 
 IMAGE_EXTENSIONS = (".png", ".jpg", ".jpeg")
 TEMPORARY_MARK = ".lumo-tmp-"
+MAX_FILE_BYTES = 256 << 20  # as the tool: larger files are refused before they are read
+PNG_SIGNATURE = b"\x89PNG\r\n\x1a\n"
 
 EXIT_FAILED = 1
 EXIT_USAGE = 2
@@ -37,16 +46,58 @@ def _beautifier(engine):
     return _beautifiers[engine]
 
 
+def _frame_size(data):
+    """(width, height) from the header of a PNG or JPEG file's bytes, without decoding it."""
+    if data.startswith(PNG_SIGNATURE):
+        if data[12:16] == b"IHDR" and len(data) >= 24:
+            return struct.unpack(">II", data[16:24])
+    elif data.startswith(b"\xff\xd8\xff"):
+        position = 2
+        while position + 4 <= len(data) and data[position] == 0xFF:
+            marker = data[position + 1]
+            if marker == 0xFF:  # fill byte
+                position += 1
+            elif marker == 0x01 or 0xD0 <= marker <= 0xD7:  # markers without a length
+                position += 2
+            elif marker in (0xD9, 0xDA):  # end of image or scan data before any frame header
+                break
+            elif 0xC0 <= marker <= 0xCF and marker not in (0xC4, 0xC8, 0xCC):  # SOFn (not DHT, JPG, DAC)
+                if position + 9 <= len(data):
+                    height, width = struct.unpack(">HH", data[position + 5:position + 9])
+                    return width, height
+                break
+            else:
+                position += 2 + struct.unpack(">H", data[position + 2:position + 4])[0]
+    else:
+        raise ValueError("not a PNG or JPEG image")
+    raise ValueError("cannot read the image size from its header")
+
+
 def _read(path):
     import cv2
     import numpy as np
 
-    # Alpha is kept (the engines carry it through); anything else becomes 8-bit BGR.
-    image = cv2.imread(path, cv2.IMREAD_UNCHANGED)
+    with open(path, "rb") as file:
+        # The size is checked before reading and again after, for a file that grows meanwhile.
+        if os.fstat(file.fileno()).st_size > MAX_FILE_BYTES:
+            raise ValueError("image files above 256 MiB are refused")
+        data = file.read(MAX_FILE_BYTES + 1)
+    if len(data) > MAX_FILE_BYTES:
+        raise ValueError("image files above 256 MiB are refused")
+    # The library's frame limits, from the header: a huge frame is refused before it is allocated.
+    lumo.check_frame_size(*_frame_size(data))
+    buffer = np.frombuffer(data, np.uint8)
+    if data.startswith(PNG_SIGNATURE):
+        # Alpha is kept (the engines carry it through); anything else becomes 8-bit BGR.
+        image = cv2.imdecode(buffer, cv2.IMREAD_UNCHANGED)
+        if image is not None and (image.dtype != np.uint8 or image.ndim != 3 or image.shape[2] not in (3, 4)):
+            image = cv2.imdecode(buffer, cv2.IMREAD_COLOR)
+    else:
+        # IMREAD_COLOR turns the photo upright by its EXIF orientation, as viewers show it; the output is
+        # written without EXIF, so it is not turned twice.
+        image = cv2.imdecode(buffer, cv2.IMREAD_COLOR)
     if image is None:
-        raise ValueError("cannot read or decode the image")
-    if image.dtype != np.uint8 or image.ndim != 3 or image.shape[2] not in (3, 4):
-        image = cv2.imread(path, cv2.IMREAD_COLOR)
+        raise ValueError("cannot decode the image")
     return image
 
 
@@ -79,10 +130,10 @@ def _write_atomically(path, image):
 def beautify_file(source, target, engine, settings):
     """Beautifies one photo into `target`. Runs on a worker; returns (engine name, seconds of work)."""
     start = time.perf_counter()
+    image = _read(source)
     beautifier = _beautifier(engine)
     for name, value in settings.items():
         setattr(beautifier, name, value)
-    image = _read(source)
     result = beautifier.process(image)
     _write_atomically(target, result)
     return beautifier.engine, time.perf_counter() - start
@@ -180,6 +231,15 @@ def _remove_stale_temporaries(pairs):
                     pass
 
 
+def _identity(path):
+    """What tells a file written now from the one there before (a rename brings a new inode), or None."""
+    try:
+        status = os.stat(path)
+    except FileNotFoundError:
+        return None
+    return status.st_ino, status.st_mtime_ns
+
+
 def _run_here(work, engine, settings, report):
     for source, target in work:
         report(source, *_outcome(source, target, engine, settings))
@@ -196,22 +256,78 @@ def _worker_environment():
     return environment
 
 
-def _run_on_dask(work, engine, settings, report, workers, scheduler):
+class SchedulerUnreachable(Exception):
+    """--scheduler names no scheduler that answers."""
+
+
+def _cause(error):
+    """The deepest message in a chain of errors: Dask reports a refused connection as a timeout."""
+    message = str(error)
+    while error is not None:
+        message = (error.strerror if isinstance(error, OSError) and error.strerror else str(error)) or message
+        error = error.__cause__ or error.__context__
+    return message
+
+
+@contextlib.contextmanager
+def _sigint_ignored():
+    """Ctrl-C at a terminal reaches the whole process group, and a worker's KeyboardInterrupt only prints
+    tracebacks: this process alone takes it and closes the cluster. Worker processes started meanwhile
+    inherit the ignored SIGINT (a Ctrl-C during the cluster's start is lost)."""
+    previous = signal.signal(signal.SIGINT, signal.SIG_IGN)
+    try:
+        yield
+    finally:
+        signal.signal(signal.SIGINT, previous)
+
+
+def _kill_workers(signum=None, frame=None):
+    """SIGINT while the local cluster closes after Ctrl-C: its worker processes are this process's children."""
+    import multiprocessing
+
+    for child in multiprocessing.active_children():
+        child.kill()
+
+
+def _close(client, cluster, interrupted):
+    """Closes the client and the local cluster, whose workers finish or drop the file they are at. After
+    Ctrl-C, Dask's logs of the cut-off work are noise, and a further Ctrl-C kills the workers rather than
+    wait for them."""
+    import logging
+
+    if interrupted:
+        logging.disable(logging.CRITICAL)
+        signal.signal(signal.SIGINT, _kill_workers)
+    try:
+        if client is not None:
+            client.close()
+        if cluster is not None:
+            cluster.close()
+    finally:
+        logging.disable(logging.NOTSET)
+
+
+def _run_on_dask(work, engine, settings, report, workers, scheduler, connect_timeout):
     import logging
 
     import dask
     from distributed import Client, LocalCluster, as_completed
 
-    if scheduler:
-        client = Client(scheduler)
-        cluster = None
-    else:
-        # One thread per worker process: each engine already spreads a frame over the cores.
-        with dask.config.set({"distributed.nanny.pre-spawn-environ": _worker_environment()}):
-            cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
-                                   dashboard_address=None, silence_logs=logging.ERROR)
-        client = Client(cluster)
+    client = cluster = None
+    interrupted = False
     try:
+        if scheduler:
+            try:
+                client = Client(scheduler, timeout=connect_timeout)
+            except (OSError, ValueError) as error:
+                raise SchedulerUnreachable("cannot reach the scheduler at {}: {}".format(scheduler, _cause(error)))
+        else:
+            # One thread per worker process: each engine already spreads a frame over the cores.
+            with dask.config.set({"distributed.nanny.pre-spawn-environ": _worker_environment()}), _sigint_ignored():
+                # Dask's own log lines would break into the progress; every file's outcome is reported here.
+                cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
+                                       dashboard_address=None, silence_logs=logging.CRITICAL)
+            client = Client(cluster)
         futures = {}
         for source, target in work:
             # pure=False: a rerun after an edit of the input must not reuse an old result.
@@ -224,10 +340,11 @@ def _run_on_dask(work, engine, settings, report, workers, scheduler):
             except Exception as error:  # noqa: BLE001 - e.g. KilledWorker after repeated worker deaths
                 status, detail = "failed", "{}: {}".format(type(error).__name__, error)
             report(source, status, detail)
+    except KeyboardInterrupt:
+        interrupted = True
+        raise
     finally:
-        client.close()
-        if cluster is not None:
-            cluster.close()
+        _close(client, cluster, interrupted)
 
 
 def _parser():
@@ -248,6 +365,8 @@ def _parser():
                         help="worker processes of the local cluster (default: one per core; 0: no Dask, this process)")
     parser.add_argument("--scheduler", metavar="ADDRESS",
                         help="use an existing cluster, e.g. tcp://10.0.0.5:8786, instead of a local one")
+    parser.add_argument("--connect-timeout", type=float, default=10, metavar="SECONDS",
+                        help="give up on an unreachable --scheduler after this long (default: 10)")
     parser.add_argument("--force", action="store_true", help="redo files whose output is already newer than the input")
     parser.add_argument("--engine", default="auto", choices=("auto", "gl", "cpu"), help="default: auto")
     # The settings stay text here: the library reads them as the tool reads its options.
@@ -271,6 +390,8 @@ def main(argv=None):
         parser.error(str(error))
     if options.workers < 0:
         parser.error("--workers wants 0 or more")
+    if not options.connect_timeout > 0:
+        parser.error("--connect-timeout wants a number of seconds above 0")
     try:
         os.makedirs(options.output, exist_ok=True)
     except OSError as error:
@@ -292,6 +413,8 @@ def main(argv=None):
             progress.message("lumo.batch: {}: {}".format(source, detail))
         progress.step(failed=status != "done")
 
+    before = {target: _identity(target) for _, target in work}
+    sigint = signal.getsignal(signal.SIGINT)
     start = time.perf_counter()
     interrupted = False
     try:
@@ -300,17 +423,26 @@ def main(argv=None):
         elif options.workers == 0 and not options.scheduler:
             _run_here(work, options.engine, settings, report)
         else:
-            _run_on_dask(work, options.engine, settings, report, options.workers, options.scheduler)
+            _run_on_dask(work, options.engine, settings, report, options.workers, options.scheduler,
+                         options.connect_timeout)
+    except SchedulerUnreachable as error:
+        print("lumo.batch: {}".format(error), file=sys.stderr)
+        return EXIT_FAILED
     except KeyboardInterrupt:
         interrupted = True
+        signal.signal(signal.SIGINT, signal.SIG_IGN)  # what is left is brief: another Ctrl-C must not cut the report
     finally:
         _remove_stale_temporaries(work)
+    if interrupted:
+        # A worker may have written a file whose result was never reported: the folder is the record.
+        counts["done"] = sum(_identity(target) != before[target] for _, target in work)
     seconds = time.perf_counter() - start
     print("lumo.batch: beautified {} files ({} failed, {} skipped) in {:.1f} s: {:.1f} frames/s{}".format(
         counts["done"], counts["failed"], len(skipped), seconds, counts["done"] / max(seconds, 1e-9),
         ", engine " + "/".join(sorted(engines)) if engines else ""), file=sys.stderr)
     if interrupted:
         print("lumo.batch: interrupted; finished files are complete, the rest are not written", file=sys.stderr)
+        signal.signal(signal.SIGINT, sigint)
         return EXIT_INTERRUPTED
     return EXIT_FAILED if counts["failed"] else 0
 
