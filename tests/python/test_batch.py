@@ -146,10 +146,13 @@ def test_exif_orientation_is_applied(tmp_path, sample_bgr):
 
 def test_an_unreachable_or_malformed_scheduler(tmp_path, sample_bgr):
     photos(tmp_path / "in", sample_bgr, 1, (64, 48))
-    for address, cause in (("tcp://127.0.0.1:1", "Connection refused"), ("tcp//nowhere", "missing port number")):
+    # A refused connection may surface as Dask's own timeout on a loaded machine: either names the cause.
+    for address, causes in (("tcp://127.0.0.1:1", ("Connection refused", "Timed out")),
+                            ("tcp//nowhere", ("missing port number",))):
         run = batch(tmp_path / "in", "-o", tmp_path / "out", "--scheduler", address, "--connect-timeout", 2)
         assert run.returncode == 1
-        assert run.stderr.startswith("lumo.batch: cannot reach the scheduler at {}: {}".format(address, cause))
+        prefix = "lumo.batch: cannot reach the scheduler at {}: ".format(address)
+        assert run.stderr.startswith(prefix) and run.stderr[len(prefix):].startswith(causes), run.stderr
         assert run.stderr.count("\n") == 1, run.stderr
         assert os.listdir(tmp_path / "out") == []
 
