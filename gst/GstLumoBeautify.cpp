@@ -391,6 +391,9 @@ static void gst_lumo_beautify_init(GstLumoBeautify* element) { new (&element->st
 
 static gboolean plugin_init(GstPlugin* plugin) {
   GST_DEBUG_CATEGORY_INIT(lumo_beautify_debug, "lumobeautify", 0, "Lumo beautify filter");
+  // The element's properties keep the preset in range, so the library's one log line is the notice each new
+  // preset filter writes as it is made: GStreamer's debug log, not the application's stderr, is its place.
+  lumo::setLogHandler([](const char* line) { GST_CAT_INFO(lumo_beautify_debug, "%s", line); });
   return gst_element_register(plugin, "lumobeautify", GST_RANK_NONE, gst_lumo_beautify_get_type());
 }
 

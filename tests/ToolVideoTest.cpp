@@ -158,27 +158,39 @@ TEST_F(ToolVideo, BadInputsAndOptionsFailWithTheirNameAndLeaveNothing) {
   fs::copy_file(dir_ / "in.mp4", dir_ / "clip.bin");
   ASSERT_EQ(run("clip.bin --engine cpu").status, 0) << err();
   EXPECT_EQ(packets("clip-beautified.mp4", "v"), 60);
-  expectOnly({"in.mp4", "cut.mp4", "song.m4a", "notes.mkv", "clip.bin", "clip-beautified.mp4"});
+  // Named as a photo, its default output would be one: the tool asks for the video's name instead.
+  fs::copy_file(dir_ / "in.mp4", dir_ / "clip.jpg");
+  r = run("clip.jpg");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("clip.jpg: is a video, not a photo: give -o NAME.mp4"), std::string::npos) << r.err;
+  expectOnly({"in.mp4", "cut.mp4", "song.m4a", "notes.mkv", "clip.bin", "clip-beautified.mp4", "clip.jpg"});
 }
 
 TEST_F(ToolVideo, InputsCutShortOrWithoutVideoFailWithTheirCause) {
-  // Cut in half, each container still decodes in part; only the declared length, or MPEG-TS's packet size,
-  // tells that the rest is missing.
+  // Cut in half, or just short of its end, each container still decodes in part; only its framing (a box,
+  // chunk or segment of a declared size, MPEG-TS's packet size) tells that the rest is missing.
   const struct {
     const char* name;
     const char* codecs;
   } clips[] = {{"in.mp4", "-c:v libx264 -pix_fmt yuv420p -c:a aac -movflags +faststart"},
                {"in.mkv", "-c:v libx264 -pix_fmt yuv420p -c:a aac"},
-               {"in.webm", "-c:v libvpx-vp9 -deadline realtime -c:a libopus"}};
+               {"in.webm", "-c:v libvpx-vp9 -deadline realtime -c:a libopus"},
+               {"in.avi", "-c:v libx264 -pix_fmt yuv420p -c:a mp3"}};
   std::set<std::string> inputs;
   for (const auto& clip : clips) {
     makeClip(clip.name, "64x48", 10, 4, true, clip.codecs);
-    const std::string half = std::string("half-") + clip.name;
-    ASSERT_EQ(shell("head -c $(( $(stat -c %s " + std::string(clip.name) + ") / 2 )) " + clip.name + " > " + half), 0);
-    const Outcome r = run(half + " -o out.mkv --engine cpu");
-    EXPECT_EQ(r.status, 1) << half;
-    EXPECT_NE(r.err.find(half + ": is cut short: its video ends at"), std::string::npos) << r.err;
-    inputs.insert({clip.name, half});
+    for (const char* part : {"50", "97"}) {
+      const std::string cut = std::string("cut") + part + "-" + clip.name;
+      ASSERT_EQ(shell("head -c $(( $(stat -c %s " + std::string(clip.name) + ") * " + part + " / 100 )) " + clip.name +
+                      " > " + cut),
+                0);
+      const Outcome r = run(cut + " -o out.mkv --engine cpu");
+      EXPECT_EQ(r.status, 1) << cut;
+      EXPECT_NE(r.err.find(cut + ": is cut short: the file has "), std::string::npos) << r.err;
+      inputs.insert(cut);
+    }
+    ASSERT_EQ(run(std::string(clip.name) + " -o whole.mkv --engine cpu").status, 0) << err() << clip.name;
+    inputs.insert(clip.name);
   }
   makeClip("in.ts", "64x48", 10, 4, false, "-c:v libx264 -pix_fmt yuv420p");
   ASSERT_EQ(shell("head -c 20000 in.ts > half.ts"), 0);  // not a whole number of 188-byte packets
@@ -186,6 +198,11 @@ TEST_F(ToolVideo, InputsCutShortOrWithoutVideoFailWithTheirCause) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("half.ts: is cut short: it ends inside an MPEG-TS packet"), std::string::npos) << r.err;
   ASSERT_EQ(run("in.ts -o whole.mkv --engine cpu").status, 0) << err() << "a whole MPEG-TS file is not cut short";
+  // Stored smaller than the muxers take: named before the converters fail on it without a reason.
+  makeClip("short.webm", "40x8", 10, 1, false, "-c:v libvpx-vp9 -deadline realtime");
+  r = run("short.webm -o out.webm");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("short.webm: is only 40 x 8: the smallest video"), std::string::npos) << r.err;
 
   // Subtitles only: Matroska ends such a stream without an error, which once left the tool waiting.
   lumo::testing::writeFile(dir_ / "words.srt", "1\n00:00:00,000 --> 00:00:02,000\nHello\n\n");
@@ -211,7 +228,8 @@ TEST_F(ToolVideo, InputsCutShortOrWithoutVideoFailWithTheirCause) {
   EXPECT_NE(err().find("a video is read from a file, not from standard input"), std::string::npos) << err();
   EXPECT_EQ(run("in.mp4 -o ''").status, 2);
   EXPECT_NE(err().find("option -o wants a file name, got ''"), std::string::npos) << err();
-  inputs.insert({"in.ts", "half.ts", "whole.mkv", "words.srt", "subtitles.mkv", "photo.mp4", "tiny.mkv", "fifo.mp4"});
+  inputs.insert({"in.ts", "half.ts", "whole.mkv", "short.webm", "words.srt", "subtitles.mkv", "photo.mp4", "tiny.mkv",
+                 "fifo.mp4"});
   expectOnly(inputs);
 }
 

@@ -19,6 +19,7 @@
 
 #include <lumo/FrameLimits.h>
 
+#include "ContainerLayout.h"
 #include "SafeFile.h"
 
 namespace lumo::tools {
@@ -99,20 +100,6 @@ bool sizeOfCaps(const GstCaps* caps, int64_t* width, int64_t* height) {
   return true;
 }
 
-// MPEG-TS carries no length of its own: a file that ends inside a packet is one that was cut short.
-bool endsInsideTsPacket(const std::string& path) {
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  uint8_t head[200] = {};
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  const ssize_t got = ::pread(fd, head, sizeof head, 0);
-  ::close(fd);
-  const auto size = static_cast<uint64_t>(status.st_size);
-  if (got >= 189 && head[0] == 0x47 && head[188] == 0x47) return size % 188 != 0;
-  if (got >= 197 && head[4] == 0x47 && head[196] == 0x47) return size % 192 != 0;  // M2TS: a timecode first
-  return false;
-}
 constexpr const char* kBase = "gstreamer1.0-plugins-base";
 constexpr const char* kGood = "gstreamer1.0-plugins-good";
 constexpr const char* kBad = "gstreamer1.0-plugins-bad";
@@ -324,6 +311,7 @@ class Transcode {
   static void onParsedPad(GstElement*, GstPad* pad, gpointer self);
   static void onAllParsed(GstElement*, gpointer self);
   static void onDecodedPad(GstElement*, GstPad* pad, gpointer decoded);
+  static GstPadProbeReturn onAudio(GstPad*, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn onFrame(GstPad*, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn onDecodedCaps(GstPad*, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn onUnusedEos(GstPad*, GstPadProbeInfo* info, gpointer self);
@@ -348,7 +336,8 @@ class Transcode {
   std::atomic<uint64_t> frames_{0};
   std::atomic<int64_t> firstPts_{-1};
   std::atomic<int64_t> lastEnd_{-1};
-  bool cutInsideTsPacket_ = false;
+  std::atomic<int64_t> audioEnd_{-1};
+  LayoutCheck layout_;
 };
 
 GstElement* Transcode::add(Ref<GstElement> element) {
@@ -433,7 +422,8 @@ void Transcode::addVideo(GstPad* pad) {
                                            nullptr));
     g_object_set(chroma, "caps", caps.get(), nullptr);
   }
-  Ref<GstPad> decodedIn(gst_element_get_static_pad(beautify, "sink"));
+  // Right where the decoder's frames leave it: a size the converters cannot take fails there, without a reason.
+  Ref<GstPad> decodedIn(gst_element_get_static_pad(afterDecode, "sink"));
   gst_pad_add_probe(decodedIn.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, onDecodedCaps, this, nullptr);
   GstElement* entry = entryQueue(pad, false);
   if (entry == nullptr || !chain({entry, decode}) ||
@@ -448,6 +438,8 @@ void Transcode::addVideo(GstPad* pad) {
 void Transcode::addAudio(GstPad* pad, GstCaps* caps) {
   GstElement* entry = entryQueue(pad, true);
   if (entry == nullptr) return;
+  Ref<GstPad> reach(gst_element_get_static_pad(entry, "src"));
+  gst_pad_add_probe(reach.get(), GST_PAD_PROBE_TYPE_BUFFER, onAudio, this, nullptr);
   if (gst_element_factory_can_sink_any_caps(gst_element_get_factory(mux_), caps)) {
     // The queue's pad takes any caps: the muxer's pad is asked for by the stream's own.
     Ref<GstPad> out(gst_element_get_static_pad(entry, "src"));
@@ -516,24 +508,30 @@ void Transcode::checkSize(const GstCaps* caps) {
   }
 }
 
-// A demuxer ends a truncated file where its data ends, as if that were the end: the video's reach is held
-// against the length the container declares (MP4, Matroska and WebM declare one up front; a stream's own
-// tracks may end a little apart, hence the tolerance), and an MPEG-TS file must end on a packet boundary.
+// A demuxer ends a truncated file where its data ends, as if that were the end. The container's framing
+// says where it should have ended; the furthest track's reach is also held against the length the container
+// declares, within a few frames (the tracks of a whole file end a frame or two apart).
 std::string Transcode::shortfall(double declared, const VideoResult& result) const {
-  const double reached = std::max(result.mediaSeconds, static_cast<double>(std::max<int64_t>(lastEnd_.load(), 0)) / GST_SECOND);
-  char text[160];
+  const int64_t furthest = std::max({lastEnd_.load(), audioEnd_.load(), int64_t{0}});
+  const double reached = std::max(result.mediaSeconds, static_cast<double>(furthest) / GST_SECOND);
+  const bool short_ = declared > 0 && reached < declared - std::min(0.5, declared / 4);
+  if (!short_ && !layout_.cutShort) return {};
+  char text[200];
   const unsigned long long frames = result.frames;
-  if (declared > 0 && reached < declared - std::min(1.0, declared / 4)) {
-    std::snprintf(text, sizeof text, "is cut short: its video ends at %.1f s of the %.1f s it declares (%llu frames)",
+  if (!layout_.cutShort) {
+    std::snprintf(text, sizeof text, "is cut short: its tracks end at %.1f s of the %.1f s it declares (%llu frames)",
                   reached, declared, frames);
-    return text;
-  }
-  if (cutInsideTsPacket_) {
-    std::snprintf(text, sizeof text, "is cut short: it ends inside an MPEG-TS packet, %.1f s in (%llu frames)",
+  } else if (layout_.declared == 0) {
+    std::snprintf(text, sizeof text, "is cut short: it ends inside an %s, %.1f s in (%llu frames)", layout_.framing,
                   result.mediaSeconds, frames);
-    return text;
+  } else {
+    std::snprintf(text, sizeof text,
+                  "is cut short: the file has %llu of the %llu bytes its %s declares; it was read to %.1f s "
+                  "(%llu frames)",
+                  static_cast<unsigned long long>(layout_.size), static_cast<unsigned long long>(layout_.declared),
+                  layout_.framing, result.mediaSeconds, frames);
   }
-  return {};
+  return text;
 }
 
 double Transcode::declaredDuration() {
@@ -584,6 +582,17 @@ void Transcode::onDecodedPad(GstElement*, GstPad* pad, gpointer data) {
   }
 }
 
+GstPadProbeReturn Transcode::onAudio(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  auto* self = static_cast<Transcode*>(data);
+  const GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+  if (GST_BUFFER_PTS_IS_VALID(buffer)) {
+    const int64_t end = static_cast<int64_t>(GST_BUFFER_PTS(buffer)) +
+                        (GST_BUFFER_DURATION_IS_VALID(buffer) ? static_cast<int64_t>(GST_BUFFER_DURATION(buffer)) : 0);
+    if (end > self->audioEnd_.load()) self->audioEnd_.store(end);  // one streaming thread writes it
+  }
+  return GST_PAD_PROBE_OK;
+}
+
 GstPadProbeReturn Transcode::onFrame(GstPad*, GstPadProbeInfo* info, gpointer data) {
   auto* self = static_cast<Transcode*>(data);
   const GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
@@ -609,7 +618,7 @@ bool Transcode::build(const std::string& input, int outputFd, std::string* error
   // What the video branch needs is checked before the first frame, so that a missing plugin fails at once.
   if (!makeVideoEncoder(settings_, error) || !makeBeautifyElement(error)) return false;
   g_object_set(source, "location", input.c_str(), nullptr);
-  cutInsideTsPacket_ = endsInsideTsPacket(input);
+  layout_ = checkLayout(input);
   g_object_set(sink_, "fd", outputFd, "sync", FALSE, nullptr);
   if (!gst_element_link(source, parse) || !gst_element_link(mux_, sink_)) {
     *error = "cannot link the input to the demuxer or the muxer to the output";

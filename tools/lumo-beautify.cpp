@@ -575,6 +575,16 @@ int runStream(const Options& options) {
   return status;
 }
 
+// Whether a regular file's first bytes are a video container's.
+bool contentIsVideo(const std::string& path) {
+  const Descriptor in(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  struct stat status {};
+  if (in.fd < 0 || ::fstat(in.fd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  uint8_t head[256];
+  const ssize_t got = ::pread(in.fd, head, sizeof head, 0);
+  return got > 0 && lumo::tools::looksLikeVideo(head, static_cast<size_t>(got));
+}
+
 // Whether the run is a video's: OUT names a container the tool writes, IN's name is a video's, or IN is a
 // regular file (not named as a photo) whose first bytes are a video container's.
 bool isVideoRun(const Options& options) {
@@ -582,12 +592,7 @@ bool isVideoRun(const Options& options) {
   if (lumo::tools::containerForPath(options.output) != lumo::tools::Container::Unknown) return true;
   if (lumo::tools::isVideoPath(options.input)) return true;
   if (lumo::tools::formatForPath(options.input) != lumo::tools::ImageFormat::Unknown) return false;
-  const Descriptor in(::open(options.input.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  struct stat status {};
-  if (in.fd < 0 || ::fstat(in.fd, &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  uint8_t head[256];
-  const ssize_t got = ::pread(in.fd, head, sizeof head, 0);
-  return got > 0 && lumo::tools::looksLikeVideo(head, static_cast<size_t>(got));
+  return contentIsVideo(options.input);
 }
 
 std::string clockText(double seconds) {
@@ -713,6 +718,9 @@ int main(int argc, char** argv) {
   // Before anything is opened: no file may become stdout or stderr, and no temporary may exist unguarded.
   lumo::tools::ensureStandardDescriptors();
   lumo::tools::installSignalHandlers();
+  // The tool checks every setting before the library sees it, so the library's one log line (a preset index
+  // out of range) can only be the notice each new preset filter writes as it is made: not for the user.
+  lumo::setLogHandler([](const char*) {});
   try {
     const Options options = parse(argc, argv);
     if (options.input == "-" && options.rawWidth == 0 &&
@@ -724,6 +732,12 @@ int main(int argc, char** argv) {
     if (!options.videoOption.empty()) {
       usageError(options.videoOption + " applies to video files, and '" +
                  (options.input.empty() ? std::string("the sample") : options.input) + "' is not one");
+    }
+    if (options.rawWidth == 0 && !options.input.empty() && options.input != "-" && contentIsVideo(options.input)) {
+      // Named as a photo, so its default output would be too: the user says what the video becomes.
+      std::fprintf(stderr, "lumo-beautify: %s: is a video, not a photo: give -o NAME.mp4 (or .mkv, .webm) to "
+                   "beautify it\n", options.input.c_str());
+      return kExitFailure;
     }
     return options.rawWidth > 0 ? runStream(options) : runPhoto(options);
   } catch (const std::bad_alloc&) {

@@ -15,6 +15,7 @@
 
 #include <lumo/BeautifyEngine.h>
 #include <lumo/BeautifySettings.h>
+#include <lumo/Log.h>
 #include <lumo/FrameLimits.h>
 #include <lumo/PixelBuffer.h>
 #include <lumo/SettingsText.h>
@@ -244,6 +245,11 @@ py::array process(Beautifier& beautifier, const py::array& frame, const py::obje
 // 'photos' (each picture's own faces).
 FacesMode parseFaces(const py::object& value) {
   if (py::isinstance<py::bool_>(value)) return value.cast<bool>() ? FacesMode::Video : FacesMode::Off;
+  // NumPy's bool (a mask's element, a comparison's result) is a bool too; its arrays are not.
+  if (py::hasattr(value, "dtype") && py::hasattr(value, "ndim") && value.attr("ndim").cast<int>() == 0 &&
+      value.attr("dtype").attr("kind").cast<std::string>() == "b") {
+    return py::bool_(value) ? FacesMode::Video : FacesMode::Off;
+  }
   if (py::isinstance<py::str>(value)) {
     const std::string name = value.cast<std::string>();
     if (name == "video") return FacesMode::Video;
@@ -267,6 +273,9 @@ PYBIND11_MODULE(_lumo, module) {
   namespace lp = lumo::python;
   module.doc() = "Beautify numpy frames (BGR or BGRA, uint8) with the LumoImageFilter engines.";
   module.attr("__version__") = LUMO_VERSION;
+  // Settings are checked here before the library sees them, so its one log line (a preset index out of range)
+  // can only be the notice each new preset filter writes as it is made: not for a Python program's stderr.
+  lumo::setLogHandler([](const char*) {});
 
   py::dict ranges;
   ranges["polish_step"] = py::make_tuple(Settings::kPolishStep.low, Settings::kPolishStep.high);

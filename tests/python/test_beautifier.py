@@ -215,6 +215,10 @@ def test_settings_are_checked():
     assert (beautifier.whiten, beautifier.preset, beautifier.mask) == (0.25, 3, 10)
     beautifier.polish_step = "2.5"
     assert beautifier.polish_step == 2.5
+    beautifier.faces = np.bool_(True)
+    assert beautifier.faces == "video"
+    with pytest.raises(ValueError, match=r"faces wants False, True"):
+        beautifier.faces = np.array([True, False])
 
 
 def test_yuv_frames_of_any_even_height(sample_bgr):
