@@ -197,6 +197,7 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   // Packed orders other than BGRA come back undrawn (hosts hand such frames to the CPU engine).
   const bool yuv = pixelFormatIsYuv(pixelBuffer->pixelFormat());
   if (!yuv && pixelBuffer->pixelFormat() != kPixelFormat32BGRA) return pixelBuffer;
+  if (yuv && pixelFormatChromaRows(pixelBuffer->pixelFormat()) != 2) return pixelBuffer;
   const FramePlan plan = planFrame(*pixelBuffer);
   if (!plan.any()) return pixelBuffer;
   if (yuv) return renderYuv(pixelBuffer, plan);

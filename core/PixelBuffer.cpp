@@ -16,7 +16,9 @@ struct FormatName {
 };
 constexpr FormatName kFormatNames[] = {
     {kPixelFormat32BGRA, "bgra"}, {kPixelFormat32RGBA, "rgba"}, {kPixelFormat32BGRX, "bgrx"},
-    {kPixelFormat32RGBX, "rgbx"}, {kPixelFormatNV12, "nv12"},   {kPixelFormatI420, "i420"},
+    {kPixelFormat32RGBX, "rgbx"}, {kPixelFormat24BGR, "bgr"},   {kPixelFormat24RGB, "rgb"},
+    {kPixelFormatNV12, "nv12"},   {kPixelFormatI420, "i420"},   {kPixelFormatI422, "i422"},
+    {kPixelFormatYUY2, "yuy2"},   {kPixelFormatUYVY, "uyvy"},
 };
 
 int32_t validate(int32_t width, int32_t height, uint32_t pixelFormat, const PixelBufferRef* out) {
@@ -35,23 +37,40 @@ int32_t pixelFormatPlaneCount(uint32_t pixelFormat) {
     case kPixelFormat32BGRA:
     case kPixelFormat32RGBA:
     case kPixelFormat32BGRX:
-    case kPixelFormat32RGBX: return 1;
+    case kPixelFormat32RGBX:
+    case kPixelFormat24BGR:
+    case kPixelFormat24RGB:
+    case kPixelFormatYUY2:
+    case kPixelFormatUYVY: return 1;
     case kPixelFormatNV12: return 2;
-    case kPixelFormatI420: return 3;
+    case kPixelFormatI420:
+    case kPixelFormatI422: return 3;
     default: return 0;
   }
 }
 
 bool pixelFormatIsYuv(uint32_t pixelFormat) {
-  return pixelFormat == kPixelFormatNV12 || pixelFormat == kPixelFormatI420;
+  return pixelFormat == kPixelFormatNV12 || pixelFormat == kPixelFormatI420 || pixelFormat == kPixelFormatI422 ||
+         pixelFormatIsPackedYuv(pixelFormat);
+}
+
+bool pixelFormatIsPackedYuv(uint32_t pixelFormat) {
+  return pixelFormat == kPixelFormatYUY2 || pixelFormat == kPixelFormatUYVY;
+}
+
+int32_t pixelFormatChromaRows(uint32_t pixelFormat) {
+  return pixelFormat == kPixelFormatNV12 || pixelFormat == kPixelFormatI420 ? 2 : 1;
 }
 
 PixelPlaneGeometry pixelFormatPlane(uint32_t pixelFormat, int32_t width, int32_t height, int32_t plane) {
   const int32_t planes = pixelFormatPlaneCount(pixelFormat);
   if (plane < 0 || plane >= planes) return {};
-  if (planes == 1) return {width, height, 4};
+  // A packed 4:2:2 sample is a pair of pixels, four bytes.
+  if (pixelFormatIsPackedYuv(pixelFormat)) return {(width + 1) / 2, height, 4};
+  if (planes == 1) return {width, height, pixelFormat == kPixelFormat24BGR || pixelFormat == kPixelFormat24RGB ? 3 : 4};
   if (plane == 0) return {width, height, 1};
-  return {(width + 1) / 2, (height + 1) / 2, pixelFormat == kPixelFormatNV12 ? 2 : 1};
+  const int32_t rows = pixelFormatChromaRows(pixelFormat);
+  return {(width + 1) / 2, (height + rows - 1) / rows, pixelFormat == kPixelFormatNV12 ? 2 : 1};
 }
 
 size_t pixelFormatFrameBytes(uint32_t pixelFormat, int32_t width, int32_t height) {

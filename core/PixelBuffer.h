@@ -16,14 +16,22 @@ class PixelBuffer;
 using PixelBufferRef = std::shared_ptr<PixelBuffer>;
 
 // Pixel formats, by their four-character codes. Packed 32-bit formats in byte order (BGRx and RGBx have an
-// unused fourth byte, read as opaque), and the 4:2:0 YUV formats: NV12 (a Y plane, then one plane of
-// interleaved U and V) and I420 (Y, U and V planes). Chroma planes are half the size, rounded up.
+// unused fourth byte, read as opaque) and 24-bit ones (BGR, OpenCV's and V4L2's BGR24; RGB); the 4:2:0 YUV
+// formats NV12 (a Y plane, then one plane of interleaved U and V) and I420 (Y, U and V planes), whose chroma
+// planes are half the size, rounded up; and the 4:2:2 ones, chroma of half the width (rounded up) on every
+// row: I422 (Y, U and V planes; GStreamer's Y42B) and the packed YUY2 (bytes Y0 U Y1 V) and UYVY (U Y0 V Y1),
+// two pixels to four bytes, an odd width's last pair completed by a padding sample.
 constexpr uint32_t kPixelFormat32BGRA = 0x42475241;  // 'BGRA'
 constexpr uint32_t kPixelFormat32RGBA = 0x52474241;  // 'RGBA'
 constexpr uint32_t kPixelFormat32BGRX = 0x42475278;  // 'BGRx'
 constexpr uint32_t kPixelFormat32RGBX = 0x52474278;  // 'RGBx'
 constexpr uint32_t kPixelFormatNV12 = 0x4E563132;    // 'NV12'
 constexpr uint32_t kPixelFormatI420 = 0x49343230;    // 'I420'
+constexpr uint32_t kPixelFormat24BGR = 0x42475233;   // 'BGR3'
+constexpr uint32_t kPixelFormat24RGB = 0x52474233;   // 'RGB3'
+constexpr uint32_t kPixelFormatI422 = 0x49343232;    // 'I422'
+constexpr uint32_t kPixelFormatYUY2 = 0x59555932;    // 'YUY2'
+constexpr uint32_t kPixelFormatUYVY = 0x55595659;    // 'UYVY'
 
 constexpr int32_t kPixelBufferMaxPlanes = 3;
 
@@ -38,11 +46,16 @@ struct PixelPlaneGeometry {
 // 0 for a format the library does not take.
 LUMO_EXPORT int32_t pixelFormatPlaneCount(uint32_t pixelFormat);
 LUMO_EXPORT bool pixelFormatIsYuv(uint32_t pixelFormat);
+// Rows of luma a chroma sample covers: 2 for the 4:2:0 formats, 1 for every other.
+LUMO_EXPORT int32_t pixelFormatChromaRows(uint32_t pixelFormat);
+// YUY2 and UYVY: Y, U and V in one plane.
+LUMO_EXPORT bool pixelFormatIsPackedYuv(uint32_t pixelFormat);
 // Plane `plane` of `pixelFormat` at width x height; all zero for a plane the format does not have.
 LUMO_EXPORT PixelPlaneGeometry pixelFormatPlane(uint32_t pixelFormat, int32_t width, int32_t height, int32_t plane);
 // Bytes of a frame with tightly packed rows and planes one after another (what a raw stream carries).
 LUMO_EXPORT size_t pixelFormatFrameBytes(uint32_t pixelFormat, int32_t width, int32_t height);
-// "bgra", "rgba", "bgrx", "rgbx", "nv12", "i420"; null for an unknown format.
+// "bgra", "rgba", "bgrx", "rgbx", "bgr", "rgb", "nv12", "i420", "i422", "yuy2", "uyvy"; null for an unknown
+// format.
 LUMO_EXPORT const char* pixelFormatName(uint32_t pixelFormat);
 // Case-insensitive inverse of pixelFormatName; false for an unknown name.
 LUMO_EXPORT bool parsePixelFormat(const std::string& name, uint32_t* pixelFormat);

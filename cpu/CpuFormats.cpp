@@ -293,23 +293,24 @@ void importYuv(const Planes& in, const Image& out, uint16_t* scratch, int y0, in
   }
 }
 
-// Rows y and y + 1 (y alone at an odd bottom edge) to luma, and their blocks to one chroma row.
-void exportYuvRows(const ToYuv& k, const ConstImage& in, const Planes& out, int y) {
+// Rows y and y + 1 (y alone at an odd bottom edge, or where each row has its own chroma: `rows` 1) to luma,
+// and their blocks to one chroma row. A block of one row counts that row twice.
+void exportYuvRows(const ToYuv& k, const ConstImage& in, const Planes& out, int y, int rows) {
   const DI d;
   const DU du;
   const hn::Rebind<uint8_t, DI> d8;
   const hn::Rebind<uint16_t, DI> d16;
   const int lanes = static_cast<int>(hn::Lanes(d));
   const int width = in.width;
-  const bool pair = y + 1 < in.height;
-  const uint8_t* rows[2] = {in.row(y), in.row(pair ? y + 1 : y)};
+  const bool pair = rows == 2 && y + 1 < in.height;
+  const uint8_t* rowPair[2] = {in.row(y), in.row(pair ? y + 1 : y)};
   const VU low8 = hn::Set(du, 0xFFu);
   for (int r = 0; r < (pair ? 2 : 1); ++r) {
     const VI yFromR = hn::Set(d, k.yFromR);
     const VI yFromG = hn::Set(d, k.yFromG);
     const VI yFromB = hn::Set(d, k.yFromB);
     const VI yOffset = hn::Set(d, k.yOffset);
-    const uint32_t* from = reinterpret_cast<const uint32_t*>(rows[r]);
+    const uint32_t* from = reinterpret_cast<const uint32_t*>(rowPair[r]);
     uint8_t* luma = out.data[0] + out.stride[0] * static_cast<size_t>(y + r);
     const int done = vectors(width, lanes, [&](auto x) {
       const VU p = hn::LoadU(du, from + x);
@@ -319,10 +320,10 @@ void exportYuvRows(const ToYuv& k, const ConstImage& in, const Planes& out, int 
       const VI sum = hn::Add(hn::Add(hn::Mul(red, yFromR), hn::Mul(g, yFromG)), hn::Add(hn::Mul(b, yFromB), yOffset));
       hn::StoreU(hn::DemoteTo(d8, hn::ShiftRight<kShift>(sum)), d8, luma + x);
     });
-    for (int x = done; x < width; ++x) luma[x] = lumaOf(k, rows[r] + 4 * static_cast<size_t>(x));
+    for (int x = done; x < width; ++x) luma[x] = lumaOf(k, rowPair[r] + 4 * static_cast<size_t>(x));
   }
 
-  const size_t chromaRow = static_cast<size_t>(y / 2);
+  const size_t chromaRow = static_cast<size_t>(y / rows);
   const bool nv12 = out.format == kPixelFormatNV12;
   uint8_t* uv = out.data[1] + out.stride[1] * chromaRow;
   uint8_t* vPlane = nv12 ? nullptr : out.data[2] + out.stride[2] * chromaRow;
@@ -338,8 +339,8 @@ void exportYuvRows(const ToYuv& k, const ConstImage& in, const Planes& out, int 
   const VI crFromG = hn::Set(d, k.crFromG);
   const VI crFromB = hn::Set(d, k.crFromB);
   auto levelOf = [&](VI v) { return hn::Min(hn::Max(hn::ShiftRight<kShift>(v), zero), level255); };
-  const uint32_t* top = reinterpret_cast<const uint32_t*>(rows[0]);
-  const uint32_t* bottom = reinterpret_cast<const uint32_t*>(rows[1]);
+  const uint32_t* top = reinterpret_cast<const uint32_t*>(rowPair[0]);
+  const uint32_t* bottom = reinterpret_cast<const uint32_t*>(rowPair[1]);
   // Blocks of two whole columns; B and R summed in the 16-bit halves of one lane, G in another (four
   // samples stay below 1024, so the halves never carry into each other).
   const int done = vectors(width / 2, lanes, [&](auto i) {
@@ -368,7 +369,59 @@ void exportYuvRows(const ToYuv& k, const ConstImage& in, const Planes& out, int 
     const int x0 = 2 * i;
     uint8_t* cb = nv12 ? uv + 2 * i : uv + i;
     uint8_t* cr = nv12 ? uv + 2 * i + 1 : vPlane + i;
-    chromaOf(k, rows[0], rows[1], x0, std::min(x0 + 1, width - 1), cb, cr);
+    chromaOf(k, rowPair[0], rowPair[1], x0, std::min(x0 + 1, width - 1), cb, cr);
+  }
+}
+
+// One row to packed 4:2:2: each pair of pixels to its two luma samples and the chroma of their mean. An odd
+// width's last pair repeats its pixel, so its padding sample is that pixel's luma.
+void exportPackedRow(const ToYuv& k, const ConstImage& in, const Planes& out, int y) {
+  const DI d;
+  const DU du;
+  const int width = in.width;
+  const bool uyvy = out.format == kPixelFormatUYVY;
+  const uint8_t* row = in.row(y);
+  uint8_t* to = out.data[0] + out.stride[0] * static_cast<size_t>(y);
+  const VU low8 = hn::Set(du, 0xFFu);
+  const VI zero = hn::Zero(d);
+  const VI level255 = hn::Set(d, 255);
+  auto levelOf = [&](VI v) { return hn::Min(hn::Max(hn::ShiftRight<kShift>(v), zero), level255); };
+  const VI yFromR = hn::Set(d, k.yFromR), yFromG = hn::Set(d, k.yFromG), yFromB = hn::Set(d, k.yFromB);
+  const VI yOffset = hn::Set(d, k.yOffset), cOffset = hn::Set(d, k.cOffset);
+  const VI cbFromR = hn::Set(d, k.cbFromR), cbFromG = hn::Set(d, k.cbFromG), cbFromB = hn::Set(d, k.cbFromB);
+  const VI crFromR = hn::Set(d, k.crFromR), crFromG = hn::Set(d, k.crFromG), crFromB = hn::Set(d, k.crFromB);
+  auto channel = [&](VU p, int shift) { return hn::BitCast(d, hn::And(hn::ShiftRightSame(p, shift), low8)); };
+  const int done = vectors(width / 2, static_cast<int>(hn::Lanes(d)), [&](auto i) {
+    VU e, o;
+    hn::LoadInterleaved2(du, reinterpret_cast<const uint32_t*>(row) + 2 * i, e, o);
+    const VI be = channel(e, 0), ge = channel(e, 8), re = channel(e, 16);
+    const VI bo = channel(o, 0), go = channel(o, 8), ro = channel(o, 16);
+    auto luma = [&](VI r, VI g, VI b) {
+      return levelOf(hn::Add(hn::Add(hn::Mul(r, yFromR), hn::Mul(g, yFromG)), hn::Add(hn::Mul(b, yFromB), yOffset)));
+    };
+    // The coefficients take the sum of four samples: the pair's, twice.
+    const VI r = hn::ShiftLeft<1>(hn::Add(re, ro)), g = hn::ShiftLeft<1>(hn::Add(ge, go)),
+             b = hn::ShiftLeft<1>(hn::Add(be, bo));
+    const VI cb = levelOf(hn::Add(hn::Add(hn::Mul(r, cbFromR), hn::Mul(g, cbFromG)), hn::Add(hn::Mul(b, cbFromB), cOffset)));
+    const VI cr = levelOf(hn::Add(hn::Add(hn::Mul(r, crFromR), hn::Mul(g, crFromG)), hn::Add(hn::Mul(b, crFromB), cOffset)));
+    const VI y0 = luma(re, ge, be), y1 = luma(ro, go, bo);
+    const VI packed = uyvy ? hn::Or(hn::Or(cb, hn::ShiftLeft<8>(y0)), hn::Or(hn::ShiftLeft<16>(cr), hn::ShiftLeft<24>(y1)))
+                           : hn::Or(hn::Or(y0, hn::ShiftLeft<8>(cb)), hn::Or(hn::ShiftLeft<16>(y1), hn::ShiftLeft<24>(cr)));
+    hn::StoreU(hn::BitCast(du, packed), du, reinterpret_cast<uint32_t*>(to) + i);
+  });
+  for (int i = done; i < (width + 1) / 2; ++i) {
+    const int x0 = 2 * i;
+    const int x1 = std::min(x0 + 1, width - 1);
+    uint8_t cb = 0, cr = 0;
+    chromaOf(k, row, row, x0, x1, &cb, &cr);
+    const uint8_t l0 = lumaOf(k, row + 4 * static_cast<size_t>(x0));
+    const uint8_t l1 = lumaOf(k, row + 4 * static_cast<size_t>(x1));
+    uint8_t* q = to + 4 * static_cast<size_t>(i);
+    if (uyvy) {
+      q[0] = cb, q[1] = l0, q[2] = cr, q[3] = l1;
+    } else {
+      q[0] = l0, q[1] = cb, q[2] = l1, q[3] = cr;
+    }
   }
 }
 
@@ -395,9 +448,113 @@ void reorderRow(const uint8_t* from, uint8_t* to, int width, bool swap, bool opa
   }
 }
 
+// One row of packed 4:2:2 (YUY2: Y0 U Y1 V; UYVY: U Y0 V Y1) taken apart into a luma row and a chroma row
+// in the form blendChroma gives (Cb, Cr pairs in quarters, a pair of padding each side), for importYuvRow.
+void splitPackedRow(const uint8_t* from, bool uyvy, int width, uint8_t* luma, uint16_t* chroma) {
+  const DU du;
+  const DI di;
+  const hn::Rebind<uint16_t, DI> d16;
+  const int pairs = (width + 1) / 2;
+  const VU low8 = hn::Set(du, 0xFFu);
+  const int lumaShift = uyvy ? 8 : 0;
+  const int chromaShift = uyvy ? 0 : 8;
+  const uint32_t* in = reinterpret_cast<const uint32_t*>(from);
+  uint32_t* cbcr = reinterpret_cast<uint32_t*>(chroma + 2);
+  const int done = vectors(pairs, static_cast<int>(hn::Lanes(du)), [&](auto i) {
+    const VU p = hn::LoadU(du, in + i);
+    const VU shifted = uyvy ? hn::ShiftRight<8>(p) : p;
+    // The two luma bytes sit at 0 and 16 (YUY2) or 8 and 24 (UYVY): the second moves down next to the first.
+    const VU y = hn::Or(hn::And(shifted, low8), hn::And(hn::ShiftRight<8>(shifted), hn::Set(du, 0xFF00u)));
+    hn::StoreU(hn::DemoteTo(d16, hn::BitCast(di, y)), d16, reinterpret_cast<uint16_t*>(luma) + i);
+    const VU c = uyvy ? p : hn::ShiftRight<8>(p);
+    const VU cb = hn::And(c, low8);
+    const VU cr = hn::And(hn::ShiftRight<16>(c), low8);
+    hn::StoreU(hn::ShiftLeft<2>(hn::Or(cb, hn::ShiftLeft<16>(cr))), du, cbcr + i);
+  });
+  for (int i = done; i < pairs; ++i) {
+    const uint8_t* p = from + 4 * static_cast<size_t>(i);
+    luma[2 * i] = p[lumaShift / 8];
+    if (2 * i + 1 < width) luma[2 * i + 1] = p[lumaShift / 8 + 2];
+    chroma[2 + 2 * i] = static_cast<uint16_t>(4 * p[chromaShift / 8]);
+    chroma[3 + 2 * i] = static_cast<uint16_t>(4 * p[chromaShift / 8 + 2]);
+  }
+  std::copy_n(chroma + 2, 2, chroma);
+  std::copy_n(chroma + 2 * pairs, 2, chroma + 2 * pairs + 2);
+}
+
+// 24-bit rows to BGRA and back; `swap` where the order is RGB.
+void expandRow(const uint8_t* from, uint8_t* to, int width, bool swap) {
+  int x = 0;
+#if HWY_TARGET != HWY_SCALAR
+  const hn::ScalableTag<uint8_t> d;
+  const auto opaque = hn::Set(d, uint8_t{255});
+  const int lanes = static_cast<int>(hn::Lanes(d));
+  for (; x + lanes <= width; x += lanes) {
+    hn::Vec<decltype(d)> a, g, c;
+    hn::LoadInterleaved3(d, from + 3 * static_cast<size_t>(x), a, g, c);
+    if (swap) std::swap(a, c);
+    hn::StoreInterleaved4(a, g, c, opaque, d, to + 4 * static_cast<size_t>(x));
+  }
+#endif
+  for (; x < width; ++x) {
+    const uint8_t* p = from + 3 * static_cast<size_t>(x);
+    uint8_t* q = to + 4 * static_cast<size_t>(x);
+    q[0] = p[swap ? 2 : 0];
+    q[1] = p[1];
+    q[2] = p[swap ? 0 : 2];
+    q[3] = 255;
+  }
+}
+
+void narrowRow(const uint8_t* from, uint8_t* to, int width, bool swap) {
+  int x = 0;
+#if HWY_TARGET != HWY_SCALAR
+  const hn::ScalableTag<uint8_t> d;
+  const int lanes = static_cast<int>(hn::Lanes(d));
+  for (; x + lanes <= width; x += lanes) {
+    hn::Vec<decltype(d)> b, g, r, a;
+    hn::LoadInterleaved4(d, from + 4 * static_cast<size_t>(x), b, g, r, a);
+    if (swap) std::swap(b, r);
+    hn::StoreInterleaved3(b, g, r, d, to + 3 * static_cast<size_t>(x));
+  }
+#endif
+  for (; x < width; ++x) {
+    const uint8_t* p = from + 4 * static_cast<size_t>(x);
+    uint8_t* q = to + 3 * static_cast<size_t>(x);
+    q[0] = p[swap ? 2 : 0];
+    q[1] = p[1];
+    q[2] = p[swap ? 0 : 2];
+  }
+}
+
+bool is24Bit(uint32_t format) { return format == kPixelFormat24BGR || format == kPixelFormat24RGB; }
+
 void ImportRowsImpl(const Planes& in, const Image& out, uint16_t* scratch, int y0, int y1) {
-  if (pixelFormatIsYuv(in.format)) {
+  if (pixelFormatChromaRows(in.format) == 2) {
     importYuv(in, out, scratch, y0, y1);
+    return;
+  }
+  if (pixelFormatIsYuv(in.format)) {
+    // 4:2:2: each row has its own chroma row, blended across only.
+    const ToBgra k = toBgra(in.colorimetry);
+    uint16_t* chroma = scratch;
+    auto* luma = reinterpret_cast<uint8_t*>(scratch + importScratchSamples(in.width) / 2);
+    for (int y = y0; y < y1; ++y) {
+      if (pixelFormatIsPackedYuv(in.format)) {
+        splitPackedRow(rowOf<uint8_t>(in.data[0], in.stride[0], y), in.format == kPixelFormatUYVY, in.width, luma,
+                       chroma);
+        importYuvRow(k, luma, chroma, out.row(y), in.width);
+      } else {
+        blendChroma(in, y, y, chroma, nullptr);
+        importYuvRow(k, rowOf<uint8_t>(in.data[0], in.stride[0], y), chroma, out.row(y), in.width);
+      }
+    }
+    return;
+  }
+  if (is24Bit(in.format)) {
+    for (int y = y0; y < y1; ++y) {
+      expandRow(rowOf<uint8_t>(in.data[0], in.stride[0], y), out.row(y), in.width, in.format == kPixelFormat24RGB);
+    }
     return;
   }
   const bool swap = in.format == kPixelFormat32RGBA || in.format == kPixelFormat32RGBX;
@@ -409,7 +566,19 @@ void ImportRowsImpl(const Planes& in, const Image& out, uint16_t* scratch, int y
 void ExportRowsImpl(const ConstImage& in, const Planes& out, int y0, int y1) {
   if (pixelFormatIsYuv(out.format)) {
     const ToYuv k = toYuv(out.colorimetry);
-    for (int y = y0; y < y1; y += 2) exportYuvRows(k, in, out, y);
+    if (pixelFormatIsPackedYuv(out.format)) {
+      for (int y = y0; y < y1; ++y) exportPackedRow(k, in, out, y);
+      return;
+    }
+    const int rows = pixelFormatChromaRows(out.format);
+    for (int y = y0; y < y1; y += rows) exportYuvRows(k, in, out, y, rows);
+    return;
+  }
+  if (is24Bit(out.format)) {
+    for (int y = y0; y < y1; ++y) {
+      narrowRow(in.row(y), out.data[0] + out.stride[0] * static_cast<size_t>(y), in.width,
+                out.format == kPixelFormat24RGB);
+    }
     return;
   }
   const bool swap = out.format == kPixelFormat32RGBA || out.format == kPixelFormat32RGBX;

@@ -10,9 +10,11 @@
 // these inside its first and last stages, band by band, so that a converted row is still in cache when the
 // stage reads or writes it. SIMD through Highway, chosen at run time as for the pass kernels.
 //
-// Chroma is sited at the centre of its 2 x 2 block of luma (as a texture of half the size would be sampled):
-// import upsamples it bilinearly (weights 3/4 and 1/4 towards the nearer sample, the edge sample repeated),
-// export averages each block (fewer pixels at an odd edge).
+// 4:2:0 chroma is sited at the centre of its 2 x 2 block of luma (as a texture of half the size would be
+// sampled): import upsamples it bilinearly (weights 3/4 and 1/4 towards the nearer sample, the edge sample
+// repeated), export averages each block (fewer pixels at an odd edge). 4:2:2 chroma (I422, YUY2, UYVY) is
+// sited at the centre of its pair of pixels on its own row and treated the same way across only. 24-bit
+// rows gain and lose an opaque alpha.
 namespace lumo::cpu {
 
 struct Planes {

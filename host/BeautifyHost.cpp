@@ -7,7 +7,6 @@
 #include "FramePlan.h"
 #include "GLContext.h"
 #include "MakeEngine.h"
-#include "PackedRgb.h"
 #include "PixelRows.h"
 
 namespace lumo {
@@ -24,7 +23,6 @@ auto withCallerContext(Work&& work) {
 }
 
 const char* formatName(uint32_t pixelFormat) {
-  if (pixelFormat == kHostFormat24BGR) return "bgr";
   const char* name = pixelFormatName(pixelFormat);
   return name != nullptr ? name : "unknown-format";
 }
@@ -34,21 +32,12 @@ std::string frameText(const HostFrame& frame) {
          " frame";
 }
 
-int32_t planeCountOf(uint32_t pixelFormat) {
-  return pixelFormat == kHostFormat24BGR ? 1 : pixelFormatPlaneCount(pixelFormat);
-}
-
-PixelPlaneGeometry planeOf(uint32_t pixelFormat, int32_t width, int32_t height, int32_t plane) {
-  if (pixelFormat == kHostFormat24BGR) return plane == 0 ? PixelPlaneGeometry{width, height, 3} : PixelPlaneGeometry{};
-  return pixelFormatPlane(pixelFormat, width, height, plane);
-}
-
 // Empty when `frame` can be read or written as it says; else what is wrong with it.
 std::string checkFrame(const HostFrame& frame) {
   if (!isHostFormat(frame.pixelFormat)) return "a pixel format the library does not take";
   if (std::string problem = frameSizeProblem(frame.width, frame.height); !problem.empty()) return problem;
-  for (int32_t plane = 0; plane < planeCountOf(frame.pixelFormat); ++plane) {
-    const PixelPlaneGeometry geometry = planeOf(frame.pixelFormat, frame.width, frame.height, plane);
+  for (int32_t plane = 0; plane < pixelFormatPlaneCount(frame.pixelFormat); ++plane) {
+    const PixelPlaneGeometry geometry = pixelFormatPlane(frame.pixelFormat, frame.width, frame.height, plane);
     if (frame.planes[plane].bytes == nullptr) return "plane " + std::to_string(plane) + " has no memory";
     if (frame.planes[plane].bytesPerRow < geometry.rowBytes()) {
       return "plane " + std::to_string(plane) + "'s stride of " + std::to_string(frame.planes[plane].bytesPerRow) +
@@ -60,8 +49,8 @@ std::string checkFrame(const HostFrame& frame) {
 
 // Copies every plane of `in` into `out` (nothing where they are the same memory).
 void copyFrame(const HostFrame& in, const HostFrame& out) {
-  for (int32_t plane = 0; plane < planeCountOf(in.pixelFormat); ++plane) {
-    const PixelPlaneGeometry geometry = planeOf(in.pixelFormat, in.width, in.height, plane);
+  for (int32_t plane = 0; plane < pixelFormatPlaneCount(in.pixelFormat); ++plane) {
+    const PixelPlaneGeometry geometry = pixelFormatPlane(in.pixelFormat, in.width, in.height, plane);
     const auto* from = static_cast<const uint8_t*>(in.planes[plane].bytes);
     auto* to = static_cast<uint8_t*>(out.planes[plane].bytes);
     if (from == to && in.planes[plane].bytesPerRow == out.planes[plane].bytesPerRow) continue;
@@ -94,15 +83,11 @@ HostFrame HostFrame::tight(uint32_t pixelFormat, int32_t width, int32_t height, 
   frame.width = width;
   frame.height = height;
   frame.colorimetry = colorimetry;
-  if (pixelFormat == kHostFormat24BGR) {
-    frame.planes[0] = {bytes, static_cast<size_t>(width) * 3};
-  } else {
-    pixelFormatTightPlanes(pixelFormat, width, height, bytes, frame.planes);
-  }
+  pixelFormatTightPlanes(pixelFormat, width, height, bytes, frame.planes);
   return frame;
 }
 
-bool isHostFormat(uint32_t pixelFormat) { return planeCountOf(pixelFormat) > 0; }
+bool isHostFormat(uint32_t pixelFormat) { return pixelFormatPlaneCount(pixelFormat) > 0; }
 
 std::unique_ptr<BeautifyHost> BeautifyHost::create(EngineKind kind, std::string* why) {
   std::string reason;
@@ -187,22 +172,13 @@ FrameResult BeautifyHost::processLocked(const HostFrame& in, const HostFrame& ou
     source = source_;
   }
 
-  // The host's memory, wrapped without a copy; 24-bit BGR converted into the engines' BGRA first.
+  // The host's memory, wrapped without a copy.
   PixelBufferRef input;
   PixelBufferAttributes attributes;
   attributes.colorimetry = in.colorimetry;
-  int32_t status = kPixelBufferSuccess;
-  if (in.pixelFormat == kHostFormat24BGR) {
-    const size_t row = static_cast<size_t>(in.width) * 4;
-    bgra_.resize(row * static_cast<size_t>(in.height));
-    cpu::bgrToBgra(static_cast<const uint8_t*>(in.planes[0].bytes), in.planes[0].bytesPerRow, bgra_.data(), row,
-                   in.width, in.height);
-    status = PixelBuffer::createWithBytes(in.width, in.height, kPixelFormat32BGRA, bgra_.data(), row, nullptr,
-                                          attributes, &input);
-  } else {
-    status = PixelBuffer::createWithPlanes(in.width, in.height, in.pixelFormat, in.planes,
-                                           pixelFormatPlaneCount(in.pixelFormat), nullptr, attributes, &input);
-  }
+  const int32_t status = PixelBuffer::createWithPlanes(in.width, in.height, in.pixelFormat, in.planes,
+                                                       pixelFormatPlaneCount(in.pixelFormat), nullptr, attributes,
+                                                       &input);
   if (status != kPixelBufferSuccess) {
     return failed("cannot process a " + frameText(in) + " (pixel buffer status " + std::to_string(status) + ")");
   }
@@ -251,14 +227,7 @@ FrameResult BeautifyHost::processLocked(const HostFrame& in, const HostFrame& ou
 
   // Reading a GL result back makes the engine's context current: the caller's comes back afterwards.
   withCallerContext([&] {
-    if (in.pixelFormat == kHostFormat24BGR) {
-      result->lockBaseAddress(kPixelBufferLockReadOnly);
-      cpu::bgraToBgr(static_cast<const uint8_t*>(result->baseAddress()), result->bytesPerRow(),
-                     static_cast<uint8_t*>(out.planes[0].bytes), out.planes[0].bytesPerRow, in.width, in.height);
-      result->unlockBaseAddress(kPixelBufferLockReadOnly);
-    } else {
-      copyPlanesOut(result, out.planes);
-    }
+    copyPlanesOut(result, out.planes);
     return 0;
   });
   return {FrameStatus::Drawn, {}};

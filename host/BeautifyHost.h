@@ -16,9 +16,8 @@
 
 namespace lumo {
 
-// 24-bit BGR (OpenCV's frames): a format the host layer takes beyond the engines' own, converted to BGRA
-// on the way in and back on the way out.
-constexpr uint32_t kHostFormat24BGR = 0x42475233;  // 'BGR3'
+// 24-bit BGR (OpenCV's frames), by its older name.
+constexpr uint32_t kHostFormat24BGR = kPixelFormat24BGR;
 
 // A frame in a host's memory: its format, size, planes (each with its stride; chroma planes of half the
 // size, rounded up) and, for YUV formats, how its samples map to RGB.
@@ -29,14 +28,14 @@ struct LUMO_EXPORT HostFrame {
   PixelBufferPlane planes[kPixelBufferMaxPlanes];
   YuvColorimetry colorimetry;
 
-  // A one-plane frame (packed RGB formats, or 24-bit BGR).
+  // A one-plane frame (the packed RGB and YUV formats).
   static HostFrame packed(uint32_t pixelFormat, int32_t width, int32_t height, void* bytes, size_t bytesPerRow);
   // Planes stored tightly one after another (a raw stream's layout).
   static HostFrame tight(uint32_t pixelFormat, int32_t width, int32_t height, void* bytes,
                          YuvColorimetry colorimetry = {});
 };
 
-// Every format the host layer takes: the engines' and kHostFormat24BGR.
+// Every format the host layer takes: the engines'.
 LUMO_EXPORT bool isHostFormat(uint32_t pixelFormat);
 
 // What became of a frame.
@@ -63,8 +62,7 @@ class LUMO_EXPORT RegionSource {
 
 // What every front end (the tool, the GStreamer element, the Python package) needs around an engine,
 // decided once: it makes the engine (makeEngine), keeps the settings, hands the skin-gated passes the
-// regions of a RegionSource, wraps the host's frames of every format and stride without a copy (24-bit
-// BGR through one conversion), keeps the caller's GL context as it was around every call, and draws with
+// regions of a RegionSource, wraps the host's frames of every format and stride without a copy, keeps the caller's GL context as it was around every call, and draws with
 // the CPU engine any frame the GL engine hands back undrawn (beyond its texture limit, a first frame of
 // 1 x 1, a format it does not map), saying so once through the notice handler.
 //
@@ -121,7 +119,6 @@ class LUMO_EXPORT BeautifyHost {
   mutable std::mutex frameMutex_;  // one frame at a time
   bool regionLimited_ = false;     // the engines have a region mask in force
   RegionMask lastRegions_;
-  std::vector<uint8_t> bgra_;  // a 24-bit frame converted; sized on a size change only
 };
 
 }  // namespace lumo

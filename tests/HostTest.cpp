@@ -211,7 +211,7 @@ TEST(Host, TheResultSaysWhatBecameOfTheFrame) {
     missing.planes[0].bytes = nullptr;
     EXPECT_EQ(host->process(missing, missing).status, FrameStatus::Failed);
     HostFrame odd = in.frame;
-    odd.pixelFormat = 0x59555932;  // 'YUY2', not taken here
+    odd.pixelFormat = 0x41595556;  // 'AYUV', not taken here
     EXPECT_NE(host->process(odd, odd).why.find("a pixel format the library does not take"), std::string::npos);
   }
 }

@@ -295,7 +295,14 @@ TEST_P(YuvFrames, NothingEnabledHandsTheBufferBackAndFormatsDescribeThemselves) 
   uint32_t format = 0;
   EXPECT_TRUE(parsePixelFormat("NV12", &format));
   EXPECT_EQ(format, kPixelFormatNV12);
-  EXPECT_FALSE(parsePixelFormat("yuy2", &format));
+  EXPECT_TRUE(parsePixelFormat("Yuy2", &format));
+  EXPECT_EQ(format, kPixelFormatYUY2);
+  EXPECT_FALSE(parsePixelFormat("ayuv", &format));
+  // 4:2:2: chroma of half the width on every row; packed, a pair of pixels is four bytes, an odd width's last
+  // pair completed by padding.
+  EXPECT_EQ(pixelFormatFrameBytes(kPixelFormatI422, 9, 5), 9u * 5u + 2u * 5u * 5u);
+  EXPECT_EQ(pixelFormatFrameBytes(kPixelFormatYUY2, 9, 5), 5u * 4u * 5u);
+  EXPECT_EQ(pixelFormatFrameBytes(kPixelFormat24RGB, 9, 5), 9u * 3u * 5u);
   // Unset colorimetry resolves as GStreamer's caps do.
   EXPECT_EQ(in->colorimetry(), (YuvColorimetry{YuvMatrix::Bt601, YuvRange::Limited}));
   EXPECT_EQ(resolveColorimetry({}, 720), (YuvColorimetry{YuvMatrix::Bt709, YuvRange::Limited}));
