@@ -52,7 +52,7 @@ const lumo::tools::Image& sample() {
 }
 
 lumo::faces::FrameView viewOf(const std::vector<uint8_t>& frame) {
-  return {frame.data(), static_cast<size_t>(kWidth) * 4, kWidth, kHeight, false};
+  return {frame.data(), static_cast<size_t>(kWidth) * 4, kWidth, kHeight, lumo::faces::FrameLayout::Bgra};
 }
 
 lumo::PixelBufferRef wrap(std::vector<uint8_t>& frame) {

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 namespace lumo {
@@ -121,10 +122,19 @@ bool parseYuvRange(const std::string& name, YuvRange* range) {
 bool parsePixelFormat(const std::string& name, uint32_t* pixelFormat) {
   std::string lower = name;
   for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  for (const FormatName& entry : kFormatNames) {
-    if (lower == entry.name) {
-      *pixelFormat = entry.format;
-      return true;
+  // FFmpeg's and GStreamer's names too, as a pipe from either names its frames.
+  static const FormatName kOtherNames[] = {
+      {kPixelFormat24BGR, "bgr24"},    {kPixelFormat24RGB, "rgb24"},     {kPixelFormatI422, "y42b"},
+      {kPixelFormatI422, "yuv422p"},   {kPixelFormatYUY2, "yuyv422"},    {kPixelFormatUYVY, "uyvy422"},
+      {kPixelFormatI420, "yuv420p"},
+  };
+  for (const auto* table : {kFormatNames, kOtherNames}) {
+    const size_t count = table == kFormatNames ? std::size(kFormatNames) : std::size(kOtherNames);
+    for (size_t i = 0; i < count; ++i) {
+      if (lower == table[i].name) {
+        *pixelFormat = table[i].format;
+        return true;
+      }
     }
   }
   return false;

@@ -26,8 +26,16 @@ std::string defaultCascadePath() {
 SmallGrey shrink(const FrameView& frame, int detectionWidth) {
   SmallGrey small;
   if (frame.data == nullptr || frame.width <= 0 || frame.height <= 0) return small;
-  const cv::Mat whole(frame.height, frame.width, frame.grey ? CV_8UC1 : CV_8UC4, const_cast<uint8_t*>(frame.data),
-                      frame.stride);
+  // OpenCV type of the pixels, and how they become grey: a conversion, or the channel that is luma (-1: the
+  // frame is grey already).
+  static const struct {
+    int type;
+    int toGrey;
+    int lumaChannel;
+  } kLayouts[] = {{CV_8UC4, cv::COLOR_BGRA2GRAY, 0}, {CV_8UC1, -1, -1}, {CV_8UC3, cv::COLOR_BGR2GRAY, 0},
+                  {CV_8UC3, cv::COLOR_RGB2GRAY, 0},  {CV_8UC2, -1, 0},  {CV_8UC2, -1, 1}};
+  const auto& layout = kLayouts[static_cast<size_t>(frame.layout)];
+  const cv::Mat whole(frame.height, frame.width, layout.type, const_cast<uint8_t*>(frame.data), frame.stride);
   // A whole factor that leaves at least the wanted width: area averaging by a whole factor takes OpenCV's
   // fast path (a fractional one costs several times as much on a rendering thread).
   // No larger than the height, so that a very wide, short frame keeps a row (the rows used never pass it).
@@ -39,10 +47,12 @@ SmallGrey shrink(const FrameView& frame, int detectionWidth) {
   cv::Mat grey(small.height, small.width, CV_8UC1, small.pixels.data());
   const cv::Rect used(0, 0, small.width * factor, small.height * factor);
   cv::Mat fullGrey;
-  if (frame.grey) {
-    fullGrey = whole(used);
+  if (layout.toGrey >= 0) {
+    cv::cvtColor(whole(used), fullGrey, layout.toGrey);
+  } else if (layout.lumaChannel >= 0) {
+    cv::extractChannel(whole(used), fullGrey, layout.lumaChannel);  // packed 4:2:2: luma in every other byte
   } else {
-    cv::cvtColor(whole(used), fullGrey, cv::COLOR_BGRA2GRAY);
+    fullGrey = whole(used);
   }
   if (factor == 1) {
     fullGrey.copyTo(grey);

@@ -16,14 +16,23 @@ struct FaceBox {
   float height = 0.0f;
 };
 
-// A frame to look at: BGRA (4 bytes a pixel, the order the engines take) or grey (one byte, e.g. a YUV
-// frame's luma plane).
+// How a frame's pixels are laid out, as far as finding its brightness goes.
+enum class FrameLayout : uint8_t {
+  Bgra,  // 4 bytes a pixel (also RGBA's, BGRx's and RGBx's: the weights' difference does not matter here)
+  Grey,  // one byte a pixel: a planar YUV frame's luma plane
+  Bgr,   // 3 bytes a pixel
+  Rgb,
+  Yuy2,  // packed 4:2:2: luma in every other byte
+  Uyvy,
+};
+
+// A frame to look at.
 struct FrameView {
   const uint8_t* data = nullptr;
   size_t stride = 0;
   int width = 0;
   int height = 0;
-  bool grey = false;
+  FrameLayout layout = FrameLayout::Bgra;
 };
 
 struct DetectorSettings {

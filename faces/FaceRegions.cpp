@@ -129,14 +129,28 @@ RegionMask FaceRegions::regionsFor(const FrameView& frame) {
   return regionsOf(tracker_.faces(now));
 }
 
+namespace {
+
+FrameLayout layoutOf(uint32_t pixelFormat) {
+  switch (pixelFormat) {
+    case kPixelFormat24BGR: return FrameLayout::Bgr;
+    case kPixelFormat24RGB: return FrameLayout::Rgb;
+    case kPixelFormatYUY2: return FrameLayout::Yuy2;
+    case kPixelFormatUYVY: return FrameLayout::Uyvy;
+    default: return pixelFormatIsYuv(pixelFormat) ? FrameLayout::Grey : FrameLayout::Bgra;
+  }
+}
+
+}  // namespace
+
 RegionMask FaceRegions::regionsFor(PixelBuffer& buffer) {
   if (buffer.lockBaseAddress(kPixelBufferLockReadOnly) != kPixelBufferSuccess) return regionsOf(tracker_.faces());
   FrameView view;
   view.width = buffer.width();
   view.height = buffer.height();
-  view.grey = pixelFormatIsYuv(buffer.pixelFormat());
-  view.data = static_cast<const uint8_t*>(view.grey ? buffer.baseAddressOfPlane(0) : buffer.baseAddress());
-  view.stride = view.grey ? buffer.bytesPerRowOfPlane(0) : buffer.bytesPerRow();
+  view.layout = layoutOf(buffer.pixelFormat());
+  view.data = static_cast<const uint8_t*>(buffer.baseAddressOfPlane(0));
+  view.stride = buffer.bytesPerRowOfPlane(0);
   RegionMask regions = regionsFor(view);
   buffer.unlockBaseAddress(kPixelBufferLockReadOnly);
   return regions;

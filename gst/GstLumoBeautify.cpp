@@ -218,7 +218,9 @@ void beforeTransform(GstBaseTransform* transform, GstBuffer* buffer) {
   gst_base_transform_set_passthrough(transform, passthrough ? TRUE : FALSE);
 }
 
-#define LUMO_GST_FORMATS "{ NV12, I420, BGRA, RGBA, BGRx, RGBx }"
+// A camera's own formats (YUY2 and UYVY from UVC and capture cards, Y42B from a JPEG decoder, BGR from V4L2's
+// BGR24) go in and out as they are, without a videoconvert either side.
+#define LUMO_GST_FORMATS "{ NV12, I420, YUY2, UYVY, Y42B, BGRA, RGBA, BGRx, RGBx, BGR, RGB }"
 
 uint32_t pixelFormatOf(GstVideoFormat format) {
   switch (format) {
@@ -228,6 +230,11 @@ uint32_t pixelFormatOf(GstVideoFormat format) {
     case GST_VIDEO_FORMAT_RGBA: return lumo::kPixelFormat32RGBA;
     case GST_VIDEO_FORMAT_BGRx: return lumo::kPixelFormat32BGRX;
     case GST_VIDEO_FORMAT_RGBx: return lumo::kPixelFormat32RGBX;
+    case GST_VIDEO_FORMAT_YUY2: return lumo::kPixelFormatYUY2;
+    case GST_VIDEO_FORMAT_UYVY: return lumo::kPixelFormatUYVY;
+    case GST_VIDEO_FORMAT_Y42B: return lumo::kPixelFormatI422;
+    case GST_VIDEO_FORMAT_BGR: return lumo::kPixelFormat24BGR;
+    case GST_VIDEO_FORMAT_RGB: return lumo::kPixelFormat24RGB;
     default: return 0;
   }
 }

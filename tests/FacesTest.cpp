@@ -24,7 +24,7 @@ using faces::FaceBox;
 using reference::Frame;
 
 faces::FrameView viewOf(const Frame& frame) {
-  return {frame.bgra.data(), static_cast<size_t>(frame.width) * 4, frame.width, frame.height, false};
+  return {frame.bgra.data(), static_cast<size_t>(frame.width) * 4, frame.width, frame.height, faces::FrameLayout::Bgra};
 }
 
 // `from` scaled by `scale` (box filter) and pasted at (left, top) on a flat grey canvas.

@@ -251,8 +251,8 @@ TEST(LumoBeautifyElement, MaskTextIsReadAsTheLibraryReadsIt) {
 
 TEST(LumoBeautifyElement, RefusesFormatsItDoesNotTake) {
   GstHarness* harness = newHarness();
-  gst_harness_set_src_caps_str(harness, "video/x-raw,format=YUY2,width=64,height=48,framerate=30/1");
-  EXPECT_EQ(gst_harness_push(harness, gst_buffer_new_allocate(nullptr, 64 * 48 * 2, nullptr)), GST_FLOW_NOT_NEGOTIATED);
+  gst_harness_set_src_caps_str(harness, "video/x-raw,format=AYUV,width=64,height=48,framerate=30/1");
+  EXPECT_EQ(gst_harness_push(harness, gst_buffer_new_allocate(nullptr, 64 * 48 * 4, nullptr)), GST_FLOW_NOT_NEGOTIATED);
   gst_harness_teardown(harness);
 }
 
@@ -283,8 +283,9 @@ std::vector<uint8_t> libraryPlanes(std::vector<uint8_t> raw, uint32_t format, in
   return result;
 }
 
-// YUV frames go through as they are, planes at padded strides and offsets from a video meta, with the
-// caps' colorimetry (or GStreamer's default for the size), and come out in the same format.
+// YUV and 24-bit frames (a camera's own formats among them) go through as they are, planes at padded strides
+// and offsets from a video meta, with the caps' colorimetry (or GStreamer's default for the size), and come
+// out in the same format.
 TEST(LumoBeautifyElement, TakesYuvFramesWithTheirPlanesAndColorimetry) {
   struct Case {
     const char* format;
@@ -297,10 +298,16 @@ TEST(LumoBeautifyElement, TakesYuvFramesWithTheirPlanesAndColorimetry) {
       {"NV12", kPixelFormatNV12, 64, 48, "bt709", {YuvMatrix::Bt709, YuvRange::Limited}},
       {"I420", kPixelFormatI420, 45, 31, nullptr, {YuvMatrix::Bt601, YuvRange::Limited}},
       {"NV12", kPixelFormatNV12, 33, 17, "1:3:5:1", {YuvMatrix::Bt709, YuvRange::Full}},
+      {"YUY2", kPixelFormatYUY2, 64, 48, "bt709", {YuvMatrix::Bt709, YuvRange::Limited}},
+      {"UYVY", kPixelFormatUYVY, 33, 17, "1:4:0:0", {YuvMatrix::Bt601, YuvRange::Full}},
+      {"Y42B", kPixelFormatI422, 45, 31, nullptr, {YuvMatrix::Bt601, YuvRange::Limited}},
+      {"BGR", kPixelFormat24BGR, 33, 17, nullptr, {}},
+      {"RGB", kPixelFormat24RGB, 64, 48, nullptr, {}},
   };
   // Each engine draws YUV frames itself: the element's planes are what the library gives directly.
   for (const char* engine : {"cpu", "gl"})
     for (const Case& c : cases) {
+      if (std::string(engine) == "gl" && pixelFormatChromaRows(c.pixelFormat) != 2) continue;  // GLCAMERA
       SCOPED_TRACE(std::string(engine) + " " + c.format + " " + std::to_string(c.width) + "x" +
                    std::to_string(c.height));
       GstHarness* harness = newHarness(engine);

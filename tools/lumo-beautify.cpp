@@ -74,7 +74,8 @@ void printHelp() {
       "      --compare           also write a side-by-side before/after image (FILE-compare)\n"
       "      --raw WxH           stream mode: raw frames of W x H from IN (- for stdin) to OUT (- for\n"
       "                          stdout), one frame at a time, each out in the format it came in\n"
-      "      --format F          the raw frames' layout: bgra, rgba, bgrx, rgbx, nv12 or i420 (default: bgra)\n"
+      "      --format F          the raw frames' layout: bgra, rgba, bgrx, rgbx, bgr, rgb, nv12, i420, i422,\n"
+      "                          yuy2 or uyvy (FFmpeg's names too: bgr24, yuyv422, ...; default: bgra)\n"
       "      --matrix M          YUV matrix: bt601 or bt709 (default: bt709 above 576 rows, else bt601)\n"
       "      --range R           YUV range: limited (16..235) or full (0..255) (default: limited)\n"
       "      --progress          show progress on stderr (default: when stderr is a terminal)\n"
@@ -217,7 +218,8 @@ Options parse(int argc, char** argv) {
     } else if (arg == "--format") {
       const char* name = value();
       if (!lumo::parsePixelFormat(name, &options.rawFormat)) {
-        usageError(std::string("option --format wants bgra, rgba, bgrx, rgbx, nv12 or i420, got '") + name + "'");
+        usageError(std::string("option --format wants bgra, rgba, bgrx, rgbx, bgr, rgb, nv12, i420, i422, yuy2 or "
+                               "uyvy, got '") + name + "'");
       }
       formatGiven = true;
     } else if (arg == "--matrix") {
@@ -278,7 +280,8 @@ Options parse(int argc, char** argv) {
   if (formatGiven && options.rawWidth == 0) usageError("--format describes raw frames: use it with --raw");
   const bool colorimetryGiven = options.colorimetry != lumo::YuvColorimetry{};
   if (colorimetryGiven && !lumo::pixelFormatIsYuv(options.rawFormat)) {
-    usageError("--matrix and --range describe YUV frames: use them with --raw and --format nv12 or i420");
+    usageError("--matrix and --range describe YUV frames: use them with --raw and a YUV --format (nv12, i420, "
+               "i422, yuy2, uyvy)");
   }
   if (options.rawWidth > 0 && (options.input.empty() || options.output.empty())) {
     usageError("--raw needs an input (- for stdin) and -o OUT (- for stdout)");

@@ -8,7 +8,7 @@ namespace lumo::python {
 namespace {
 
 HostFrame hostFrame(const FrameFormat& format, const FrameView& view, YuvColorimetry colorimetry) {
-  if (format.planar) return HostFrame::tight(format.pixelFormat, view.width, view.height, view.data, colorimetry);
+  if (format.planar()) return HostFrame::tight(format.pixelFormat, view.width, view.height, view.data, colorimetry);
   return HostFrame::packed(format.pixelFormat, view.width, view.height, view.data, view.stride);
 }
 

@@ -8,11 +8,16 @@
 namespace lumo::python {
 namespace {
 
-const std::array<FrameFormat, 4> kFormats{{
-    {"bgr", kHostFormat24BGR, 3},
+// The first packed format of each channel count is the one an array of that many channels is taken as.
+const std::array<FrameFormat, 8> kFormats{{
+    {"bgr", kPixelFormat24BGR, 3},
     {"bgra", kPixelFormat32BGRA, 4},
-    {"nv12", kPixelFormatNV12, 1, true},
-    {"i420", kPixelFormatI420, 1, true},
+    {"rgb", kPixelFormat24RGB, 3},
+    {"yuy2", kPixelFormatYUY2, 2},
+    {"uyvy", kPixelFormatUYVY, 2},
+    {"nv12", kPixelFormatNV12, 1, 3},
+    {"i420", kPixelFormatI420, 1, 3},
+    {"i422", kPixelFormatI422, 1, 4},
 }};
 
 }  // namespace
@@ -26,7 +31,7 @@ const FrameFormat* findFrameFormat(const std::string& name) {
 
 const FrameFormat* defaultFrameFormat(int32_t channels) {
   for (const FrameFormat& format : kFormats) {
-    if (format.channels == channels && !format.planar) return &format;
+    if (format.channels == channels && !format.planar() && channels != 2) return &format;
   }
   return nullptr;
 }

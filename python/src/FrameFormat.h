@@ -18,17 +18,18 @@ struct FrameView {
 struct FrameFormat {
   const char* name;
   uint32_t pixelFormat;
-  int32_t channels;  // packed: bytes per pixel, the array is H x W x channels; planar: 1
-  // Planar YUV 4:2:0 (NV12, I420) as OpenCV holds it: one (H * 3 / 2) x W array of the planes one after
-  // another.
-  bool planar = false;
+  int32_t channels;  // packed: the array is H x W x channels (YUY2 and UYVY: 2, as OpenCV holds them); planar: 1
+  // Planar YUV as OpenCV holds it: one 2-D array of the planes one after another, W wide, with `rows` halves
+  // of H: 3 for 4:2:0 (NV12, I420: H * 3 / 2 rows), 4 for 4:2:2 (I422: 2 * H rows). 0: packed.
+  int32_t rows = 0;
+  bool planar() const { return rows != 0; }
 };
 
 // The format called `name`, or null.
 const FrameFormat* findFrameFormat(const std::string& name);
 // The packed format an H x W x `channels` array is taken as when no format is named, or null.
 const FrameFormat* defaultFrameFormat(int32_t channels);
-// "bgr, bgra, nv12, i420": for error messages.
+// "bgr, rgb, bgra, ...": for error messages.
 std::string frameFormatNames();
 
 }  // namespace lumo::python

@@ -140,18 +140,23 @@ const FrameFormat& formatFor(const py::array& frame, const py::object& name) {
       valueError("format wants one of " + frameFormatNames() + ", got " + py::repr(name).cast<std::string>());
     }
   }
-  if (format != nullptr && format->planar) {
-    // OpenCV's layout: the luma rows, then the chroma planes as further rows of the same width.
-    // H * 3 / 2 rows: a multiple of 3 whenever H is even (H = 6 gives 9 rows).
-    if (frame.ndim() != 2 || frame.shape(0) % 3 != 0 || frame.shape(1) % 2 != 0) {
-      valueError(std::string("frame wants shape (H * 3 / 2, W) with W and H even for format ") + format->name +
-                 ", got " + shapeOf(frame));
+  if (format != nullptr && format->planar()) {
+    // OpenCV's layout: the luma rows, then the chroma planes as further rows of the same width: H * 3 / 2
+    // rows for 4:2:0 (a multiple of 3 whenever H is even: H = 6 gives 9), 2 * H for 4:2:2.
+    if (frame.ndim() != 2 || frame.shape(0) % format->rows != 0 || frame.shape(1) % 2 != 0) {
+      valueError(std::string("frame wants shape (") + (format->rows == 3 ? "H * 3 / 2" : "2 * H") +
+                 ", W) with W and H even for format " + format->name + ", got " + shapeOf(frame));
     }
     return *format;
   }
+  if (format != nullptr && format->channels == 2 && frame.ndim() == 3 && frame.shape(1) % 2 != 0) {
+    valueError(std::string("frame wants an even width for format ") + format->name +
+               " (two pixels share each pair of chroma samples), got " + shapeOf(frame));
+  }
   if (frame.ndim() != 3 || (format != nullptr && frame.shape(2) != format->channels) ||
       (format == nullptr && (format = defaultFrameFormat(static_cast<int32_t>(frame.shape(2)))) == nullptr)) {
-    valueError("frame wants shape H x W x 3 (bgr) or H x W x 4 (bgra), or (H * 3 / 2) x W with format nv12 or i420" +
+    valueError("frame wants shape H x W x 3 (bgr, rgb), H x W x 4 (bgra) or H x W x 2 (yuy2, uyvy), or a planar "
+               "(H * 3 / 2) x W (nv12, i420) or (2 * H) x W (i422) with its format" +
                std::string(name.is_none() ? "" : " matching format " + name.cast<std::string>()) + ", got " +
                shapeOf(frame));
   }
@@ -164,8 +169,8 @@ FrameView viewOf(const char* what, const py::array& array, const FrameFormat& fo
   if (!array.dtype().is(py::dtype::of<uint8_t>())) {
     valueError(std::string(what) + " wants dtype uint8, got " + py::str(array.dtype()).cast<std::string>());
   }
-  const bool planar = format.planar;
-  const py::ssize_t height = planar ? array.shape(0) / 3 * 2 : array.shape(0), width = array.shape(1);
+  const bool planar = format.planar();
+  const py::ssize_t height = planar ? array.shape(0) * 2 / format.rows : array.shape(0), width = array.shape(1);
   if (height == 0 || width == 0) valueError(std::string(what) + " is empty: shape " + shapeOf(array));
   if (const std::string problem = frameSizeProblem(width, height); !problem.empty()) {
     valueError(std::string(what) + ": " + problem);
@@ -209,8 +214,8 @@ py::array process(Beautifier& beautifier, const py::array& frame, const py::obje
                   const py::object& matrix, const py::object& range) {
   const FrameFormat& format = formatFor(frame, name);
   const FrameView in = viewOf("frame", frame, format);
-  if (!format.planar && (!matrix.is_none() || !range.is_none())) {
-    valueError(std::string("matrix and range are for nv12 and i420 frames, not ") + format.name);
+  if (!pixelFormatIsYuv(format.pixelFormat) && (!matrix.is_none() || !range.is_none())) {
+    valueError(std::string("matrix and range are for YUV frames (nv12, i420, i422, yuy2, uyvy), not ") + format.name);
   }
   const YuvColorimetry colorimetry = colorimetryOf(matrix, range);
   std::vector<py::ssize_t> shape(frame.shape(), frame.shape() + frame.ndim());
@@ -344,7 +349,8 @@ are serialised; give each thread its own to run frames in parallel.)doc")
       .def("process", &lp::process, py::arg("frame"), py::arg("out") = py::none(), py::kw_only(),
            py::arg("format") = py::none(), py::arg("matrix") = py::none(), py::arg("range") = py::none(),
            "Beautifies one frame; returns a new array, or `out` filled (same shape, may be `frame` itself). "
-           "format: 'bgr' or 'bgra' (default: from the channel count), or 'nv12' or 'i420' for a (H * 3 / 2) x W "
+           "format: 'bgr', 'rgb', 'bgra', or 'yuy2' or 'uyvy' for an H x W x 2 array (default: bgr for 3 channels, "
+           "bgra for 4), or 'nv12' or 'i420' for a (H * 3 / 2) x W array, or 'i422' for a (2 * H) x W "
            "array as OpenCV holds them; matrix ('bt601', 'bt709') and range ('limited', 'full') of YUV frames "
            "(default: bt709 above 576 rows, else bt601; limited).")
       .def_property_readonly("engine", [](const Beautifier& b) { return lumo::engineKindName(b.kind()); },

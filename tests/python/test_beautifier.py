@@ -95,7 +95,10 @@ BAD_FRAMES = [
     (np.zeros((8, 8, 4), np.uint8)[..., :3], None, "C-contiguous pixels"),
     (np.zeros((1, 40000, 4), np.uint8), None, "a 40000 x 1 frame is above the limit (16384 a side"),
     (np.zeros((8, 8, 3), np.uint8), "bgra", "matching format bgra"),
-    (np.zeros((8, 8, 4), np.uint8), "nv21", "format wants one of bgr, bgra, nv12, i420"),
+    (np.zeros((8, 8, 4), np.uint8), "nv21", "format wants one of bgr, bgra, rgb, yuy2, uyvy, nv12, i420, i422"),
+    (np.zeros((8, 7, 2), np.uint8), "yuy2", "an even width for format yuy2"),
+    (np.zeros((8, 8, 2), np.uint8), None, "got (8, 8, 2)"),
+    (np.zeros((9, 8), np.uint8), "i422", "(2 * H, W) with W and H even for format i422, got (9, 8)"),
     (np.zeros((12, 7), np.uint8), "nv12", "W and H even for format nv12, got (12, 7)"),
     (np.zeros((10, 8), np.uint8), "i420", "got (10, 8)"),
     (np.zeros((12, 8, 1), np.uint8), "i420", "got (12, 8, 1)"),
@@ -150,6 +153,44 @@ def test_yuv_frames_as_opencv_holds_them(tmp_path, tool, sample_bgr, engine):
     assert not np.array_equal(beautifier.process(i420, format="i420", matrix="bt709"), result)
 
 
+@pytest.mark.parametrize("engine", ["cpu"])
+def test_camera_frames_as_opencv_holds_them(tmp_path, tool, sample_bgr, engine):
+    """YUY2 and UYVY arrays as OpenCV holds them (H x W x 2) give the bytes lumo-beautify --raw writes for
+    them; I422 holding the same samples gives the same picture; RGB is BGR in the other order."""
+    height, width = sample_bgr.shape[:2]
+    beautifier = lumo.Beautifier(engine=engine)
+    # OpenCV 4.6 reads YUY2 but does not write it: the portrait's Y, Cb and Cr, chroma averaged over pairs.
+    yuv = cv2.cvtColor(sample_bgr, cv2.COLOR_BGR2YCrCb).astype(np.uint16)
+    cb = ((yuv[:, 0::2, 2] + yuv[:, 1::2, 2] + 1) // 2).astype(np.uint8)
+    cr = ((yuv[:, 0::2, 1] + yuv[:, 1::2, 1] + 1) // 2).astype(np.uint8)
+    chroma = np.stack([cb, cr], axis=2).reshape(height, width)
+    layouts = {"yuy2": np.stack([yuv[..., 0].astype(np.uint8), chroma], axis=2)}
+    layouts["uyvy"] = np.ascontiguousarray(layouts["yuy2"][..., ::-1])
+    results = {}
+    for name, frame in layouts.items():
+        result = beautifier.process(frame, format=name, matrix="bt601", range="limited")
+        raw_in, raw_out = tmp_path / f"in.{name}", tmp_path / f"out.{name}"
+        frame.tofile(raw_in)
+        subprocess.run([tool, "--raw", f"{width}x{height}", "--format", name, "--matrix", "bt601", "--engine",
+                        engine, str(raw_in), "-o", str(raw_out)], check=True, stderr=subprocess.DEVNULL)
+        np.testing.assert_array_equal(result, np.fromfile(raw_out, np.uint8).reshape(frame.shape))
+        assert np.mean(np.abs(result.astype(int) - frame.astype(int)) <= 2) < 0.9  # drawn
+        results[name] = (frame, result)
+    # UYVY is YUY2 with each byte pair swapped.
+    np.testing.assert_array_equal(results["uyvy"][1], results["yuy2"][1][..., ::-1])
+
+    def planar(packed):
+        luma, chroma = packed[..., 0], packed[..., 1]
+        return np.concatenate([luma, chroma[:, 0::2].reshape(height // 2, width),
+                               chroma[:, 1::2].reshape(height // 2, width)])
+    frame, result = results["yuy2"]
+    i422 = beautifier.process(planar(frame), format="i422", matrix="bt601")
+    np.testing.assert_array_equal(i422, planar(result))
+
+    rgb = np.ascontiguousarray(sample_bgr[..., ::-1])
+    np.testing.assert_array_equal(beautifier.process(rgb, format="rgb"), beautifier.process(sample_bgr)[..., ::-1])
+
+
 def test_yuv_colorimetry_is_checked():
     beautifier = lumo.Beautifier(engine="cpu")
     frame = np.zeros((12, 8), np.uint8)
@@ -157,7 +198,7 @@ def test_yuv_colorimetry_is_checked():
         beautifier.process(frame, format="nv12", matrix="bt2020")
     with pytest.raises(ValueError, match="range wants 'limited' or 'full'"):
         beautifier.process(frame, format="nv12", range="narrow")
-    with pytest.raises(ValueError, match="matrix and range are for nv12 and i420 frames, not bgr"):
+    with pytest.raises(ValueError, match=re.escape("matrix and range are for YUV frames (nv12, i420, i422, yuy2, uyvy), not bgr")):
         beautifier.process(np.zeros((8, 8, 3), np.uint8), matrix="bt601")
 
 
