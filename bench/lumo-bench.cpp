@@ -147,30 +147,61 @@ void facadeEndToEnd(benchmark::State& state, Size size, Config config) {
   clock.report(state);
 }
 
-// A picture as tight NV12 planes (BT.709 limited, chroma averaged over each 2 x 2 block).
-std::vector<uint8_t> toNv12(const Size& size, const std::vector<uint8_t>& bgra) {
+// A picture as a tight frame of `format` (YUV: BT.709 limited, chroma from each block's top-left pixel).
+std::vector<uint8_t> toFormat(const Size& size, const std::vector<uint8_t>& bgra, uint32_t format) {
   const int w = size.width;
   const int h = size.height;
-  std::vector<uint8_t> nv12(lumo::pixelFormatFrameBytes(lumo::kPixelFormatNV12, w, h));
+  std::vector<uint8_t> out(lumo::pixelFormatFrameBytes(format, w, h));
+  auto pixel = [&](int x, int y) { return &bgra[(static_cast<size_t>(y) * w + x) * 4]; };
   auto luma = [](const uint8_t* p) { return 0.2126f * p[2] + 0.7152f * p[1] + 0.0722f * p[0]; };
+  auto y8 = [&](int x, int y) { return static_cast<uint8_t>(16.5f + 219.0f / 255.0f * luma(pixel(x, y))); };
+  auto chroma = [&](int x, int y, int c) {
+    const uint8_t* p = pixel(x, y);
+    const float l = luma(p);
+    const float v = c == 0 ? (p[0] - l) / 1.8556f : (p[2] - l) / 1.5748f;
+    return static_cast<uint8_t>(std::clamp(128.5f + 224.0f / 255.0f * v, 0.0f, 255.0f));
+  };
+  if (!lumo::pixelFormatIsYuv(format)) {
+    const size_t bytes = lumo::pixelFormatPlane(format, w, h, 0).bytesPerSample;
+    const bool swap = format == lumo::kPixelFormat24RGB || format == lumo::kPixelFormat32RGBA;
+    for (size_t i = 0; i < static_cast<size_t>(w) * h; ++i) {
+      for (size_t k = 0; k < bytes; ++k) out[i * bytes + k] = bgra[i * 4 + (swap && k != 1 && k != 3 ? 2 - k : k)];
+    }
+    return out;
+  }
+  const int cw = (w + 1) / 2;
+  if (lumo::pixelFormatIsPackedYuv(format)) {
+    const bool uyvy = format == lumo::kPixelFormatUYVY;
+    for (int y = 0; y < h; ++y) {
+      for (int i = 0; i < cw; ++i) {
+        uint8_t* q = &out[(static_cast<size_t>(y) * cw + i) * 4];
+        const uint8_t s[4] = {y8(2 * i, y), chroma(2 * i, y, 0), y8(std::min(2 * i + 1, w - 1), y), chroma(2 * i, y, 1)};
+        q[0] = uyvy ? s[1] : s[0], q[1] = uyvy ? s[0] : s[1], q[2] = uyvy ? s[3] : s[2], q[3] = uyvy ? s[2] : s[3];
+      }
+    }
+    return out;
+  }
   for (int y = 0; y < h; ++y) {
-    for (int x = 0; x < w; ++x) {
-      nv12[static_cast<size_t>(y) * w + x] =
-          static_cast<uint8_t>(16.5f + 219.0f / 255.0f * luma(&bgra[(static_cast<size_t>(y) * w + x) * 4]));
+    for (int x = 0; x < w; ++x) out[static_cast<size_t>(y) * w + x] = y8(x, y);
+  }
+  const int rows = lumo::pixelFormatChromaRows(format);
+  const int ch = (h + rows - 1) / rows;
+  uint8_t* planes = out.data() + static_cast<size_t>(w) * h;
+  const size_t plane = static_cast<size_t>(cw) * ch;
+  for (int j = 0; j < ch; ++j) {
+    for (int i = 0; i < cw; ++i) {
+      const size_t at = static_cast<size_t>(j) * cw + i;
+      for (int c = 0; c < 2; ++c) {
+        const uint8_t v = chroma(2 * i, rows * j, c);
+        if (format == lumo::kPixelFormatNV12) {
+          planes[2 * at + c] = v;
+        } else {
+          planes[c * plane + at] = v;
+        }
+      }
     }
   }
-  uint8_t* uv = nv12.data() + static_cast<size_t>(w) * h;
-  for (int j = 0; j < (h + 1) / 2; ++j) {
-    for (int i = 0; i < (w + 1) / 2; ++i) {
-      const uint8_t* p = &bgra[(static_cast<size_t>(2 * j) * w + 2 * i) * 4];
-      const float l = luma(p);
-      uv[(static_cast<size_t>(j) * ((w + 1) / 2) + i) * 2] =
-          static_cast<uint8_t>(std::clamp(128.5f + 224.0f / 255.0f * (p[0] - l) / 1.8556f, 0.0f, 255.0f));
-      uv[(static_cast<size_t>(j) * ((w + 1) / 2) + i) * 2 + 1] =
-          static_cast<uint8_t>(std::clamp(128.5f + 224.0f / 255.0f * (p[2] - l) / 1.5748f, 0.0f, 255.0f));
-    }
-  }
-  return nv12;
+  return out;
 }
 
 // An engine through the front door, end to end like the facade: the host writes its frame, renders, reads
@@ -188,7 +219,7 @@ void engineEndToEnd(benchmark::State& state, Size size, Config config, uint32_t 
   filter.setCustomizedFilter(static_cast<uintptr_t>(config.preset));
   filter.setSharppenFactor(kSharpen);
   const std::vector<uint8_t> bgra = picture == Picture::AllSkin ? allSkin(size) : portrait(size);
-  const std::vector<uint8_t> frame = format == lumo::kPixelFormatNV12 ? toNv12(size, bgra) : bgra;
+  const std::vector<uint8_t> frame = format == lumo::kPixelFormat32BGRA ? bgra : toFormat(size, bgra, format);
   lumo::PixelBufferRef input;
   lumo::PixelBuffer::create(size.width, size.height, format, {}, &input);
   auto write = [&] {
@@ -404,6 +435,16 @@ int main(int argc, char** argv) {
           Picture::Portrait);
       add("gl_end_to_end_nv12" + suffix, engineEndToEnd, size, config, lumo::kPixelFormatNV12, EngineKind::Gl,
           Picture::Portrait);
+      // A camera's own formats, beside BGRA and NV12.
+      for (const auto& [name, format] : {std::pair<const char*, uint32_t>{"yuy2", lumo::kPixelFormatYUY2},
+                                         {"uyvy", lumo::kPixelFormatUYVY},
+                                         {"i422", lumo::kPixelFormatI422},
+                                         {"bgr", lumo::kPixelFormat24BGR}}) {
+        add(std::string("cpu_end_to_end_") + name + suffix, engineEndToEnd, size, config, format, EngineKind::Cpu,
+            Picture::Portrait);
+        add(std::string("gl_end_to_end_") + name + suffix, engineEndToEnd, size, config, format, EngineKind::Gl,
+            Picture::Portrait);
+      }
       if (config.mask == 0 && config.preset == 0) continue;
       add("bare_render" + suffix, bareRender, size, config);
       add("bare_end_to_end" + suffix, bareEndToEnd, size, config);

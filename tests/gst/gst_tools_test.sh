@@ -57,3 +57,4 @@ size=$(stat -c %s "$work/mjpeg.y42b")
 [ "$size" -eq $((10 * width * height * 2)) ] || fail "mjpeg.y42b holds $size bytes, not 10 frames"
 echo "gst_tools_test: gst-inspect lists the properties; $frames frames of ${width}x${height} in BGRA, NV12, I420, RGBx," \
   "YUY2, UYVY, Y42B, BGR and RGB through gst-launch; YUY2 equal to the tool's; MJPEG decoded to Y42B"
+rm -f "$work"/in.* "$work"/out.* "$work"/*.yuy2 "$work"/*.y42b  # a gigabyte of frames, once they are checked
