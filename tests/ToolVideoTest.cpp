@@ -204,6 +204,17 @@ TEST_F(ToolVideo, InputsCutShortOrWithoutVideoFailWithTheirCause) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("short.webm: is only 40 x 8: the smallest video"), std::string::npos) << r.err;
 
+  // A second video stream is left out, and the tool says so.
+  ASSERT_EQ(shell("ffmpeg -v error -f lavfi -i testsrc2=s=64x48:r=10 -f lavfi -i testsrc=s=32x32:r=10 -t 1 -map 0 "
+                  "-map 1 -c:v libx264 -pix_fmt yuv420p two.mkv"),
+            0);
+  r = run("two.mkv -o two-out.mkv --engine cpu");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("two.mkv: has 2 video streams: the first is beautified, the others are left out"),
+            std::string::npos)
+      << r.err;
+  inputs.insert({"two.mkv", "two-out.mkv"});
+
   // Subtitles only: Matroska ends such a stream without an error, which once left the tool waiting.
   lumo::testing::writeFile(dir_ / "words.srt", "1\n00:00:00,000 --> 00:00:02,000\nHello\n\n");
   ASSERT_EQ(shell("ffmpeg -v error -i words.srt -c:s ass subtitles.mkv"), 0);

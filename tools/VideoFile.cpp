@@ -337,6 +337,7 @@ class Transcode {
   std::atomic<int64_t> firstPts_{-1};
   std::atomic<int64_t> lastEnd_{-1};
   std::atomic<int64_t> audioEnd_{-1};
+  int videoLeftOut_ = 0;  // video streams after the first
   LayoutCheck layout_;
 };
 
@@ -485,7 +486,10 @@ void Transcode::onParsedPad(GstElement*, GstPad* pad, gpointer data) {
   // metadata track) stays unlinked and is dropped by the demuxer.
   if (type.rfind("image/", 0) == 0) {
     self->fail("is a still image (" + type + "), not a video: name the output .png or .jpg to beautify it");
-  } else if (type.rfind("video/", 0) == 0 && !self->videoAdded_) {
+  } else if (type.rfind("video/", 0) == 0 && self->videoAdded_) {
+    ++self->videoLeftOut_;  // a second angle or a cover picture: dropped, and said so
+    gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, onUnusedEos, self, nullptr);
+  } else if (type.rfind("video/", 0) == 0) {
     self->videoAdded_ = true;
     self->checkSize(caps.get());  // before a decoder allocates frames of a forged size
     self->addVideo(pad);
@@ -726,6 +730,11 @@ VideoResult Transcode::run(const std::function<void(const VideoProgress&)>& onPr
     result.error = shortfall(duration, result);
   }
   if (!result.error.empty()) result.outcome = VideoResult::Outcome::Failed;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (videoLeftOut_ > 0) {
+    result.notes.push_back("has " + std::to_string(videoLeftOut_ + 1) +
+                           " video streams: the first is beautified, the others are left out of the output");
+  }
   return result;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 // Video files through GStreamer: the input demuxed and decoded by whatever plugins are installed, the frames
 // beautified by the lumobeautify element in YUV as the decoder gives them, encoded and muxed by the output's
@@ -63,6 +64,7 @@ struct VideoResult {
   double mediaSeconds = 0;
   std::string error;         // one line for a failure, naming the missing package where one is missing
   bool outputFault = false;  // the error is the output's (a full disk), not the input's
+  std::vector<std::string> notes;  // what the output leaves out of the input, a line each
 };
 
 // Transcodes `input` (a readable path: the tool hands /proc/self/fd/N of the descriptor it checked) into the

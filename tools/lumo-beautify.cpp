@@ -703,6 +703,9 @@ int runVideo(Options options) {
     return kExitSignalBase + stoppedBy;
   }
   if (!out.commit(&error)) return failure(options.output, error);
+  for (const std::string& note : result.notes) {
+    std::fprintf(stderr, "lumo-beautify: %s: %s\n", options.input.c_str(), note.c_str());
+  }
   const double fps = result.wallSeconds > 0 ? static_cast<double>(result.frames) / result.wallSeconds : 0;
   const double realTime = result.wallSeconds > 0 ? result.mediaSeconds / result.wallSeconds : 0;
   if (result.outcome == VideoResult::Outcome::Stopped) {
