@@ -15,6 +15,7 @@
 #include "VideoProcessCustomizedFilter.h"
 #include "VideoProcessGaussianBlurFilter.h"
 #include "VideoProcessOverlayFilter.h"
+#include "VideoProcessPackedFilters.h"
 #include "VideoProcessPassThroughFilter.h"
 #include "VideoProcessPinkWhitenFilter.h"
 #include "VideoProcessRegionFilter.h"
@@ -25,6 +26,25 @@
 #include "PassSequence.h"
 
 namespace lumo {
+namespace {
+
+// The filter in `slot`, its program made on first use.
+template <typename Filter, typename... Args>
+Filter* madeOnce(std::unique_ptr<Filter>& slot, Args... args) {
+  if (!slot) {
+    slot = std::make_unique<Filter>(args...);
+    slot->initProgram();
+  }
+  return slot.get();
+}
+
+// A row of a plane in RGBA texels, four bytes each, the last one's tail unused.
+int32_t rgbaTexels(const PixelPlaneGeometry& geometry) { return static_cast<int32_t>((geometry.rowBytes() + 3) / 4); }
+
+bool isRgb24(uint32_t pixelFormat) { return pixelFormat == kPixelFormat24BGR || pixelFormat == kPixelFormat24RGB; }
+
+}  // namespace
+
 LumoImageFilter::LumoImageFilter() : region_(std::make_unique<RegionWeights>()) {}
 
 LumoImageFilter::~LumoImageFilter() { destroy(); }
@@ -61,13 +81,21 @@ int32_t LumoImageFilter::destroy() {
       yuvToRgb_.reset();
       rgbToLuma_.reset();
       rgbToChroma_.reset();
+      packedYuvToRgb_.reset();
+      rgbToPackedYuv_.reset();
+      rgb24ToRgb_.reset();
+      rgbToRgb24_.reset();
     } else {
       // No context to delete them in: the programs went with it.
       for (GlFramebuffer& framebuffer : m_hFrameBufferPool) framebuffer.release();  // NOLINT(bugprone-unused-return-value)
       conversionFramebuffer_.release();  // NOLINT(bugprone-unused-return-value)
-      yuvToRgb_.release();     // NOLINT(bugprone-unused-return-value)
-      rgbToLuma_.release();    // NOLINT(bugprone-unused-return-value)
-      rgbToChroma_.release();  // NOLINT(bugprone-unused-return-value)
+      yuvToRgb_.release();        // NOLINT(bugprone-unused-return-value)
+      rgbToLuma_.release();       // NOLINT(bugprone-unused-return-value)
+      rgbToChroma_.release();     // NOLINT(bugprone-unused-return-value)
+      packedYuvToRgb_.release();  // NOLINT(bugprone-unused-return-value)
+      rgbToPackedYuv_.release();  // NOLINT(bugprone-unused-return-value)
+      rgb24ToRgb_.release();      // NOLINT(bugprone-unused-return-value)
+      rgbToRgb24_.release();      // NOLINT(bugprone-unused-return-value)
     }
     yuvInputRgb_.reset();
     yuvOutput_.reset();
@@ -194,13 +222,14 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   applyWantedSettings();
 
   if ((m_nEnableBeautifying < 1 && !m_pCustomizedFilter) || !pixelBuffer) return pixelBuffer;
-  // Packed orders other than BGRA come back undrawn (hosts hand such frames to the CPU engine).
-  const bool yuv = pixelFormatIsYuv(pixelBuffer->pixelFormat());
-  if (!yuv && pixelBuffer->pixelFormat() != kPixelFormat32BGRA) return pixelBuffer;
-  if (yuv && pixelFormatChromaRows(pixelBuffer->pixelFormat()) != 2) return pixelBuffer;
+  // YUV and 24-bit frames are converted around the passes; the 32-bit orders other than BGRA come back
+  // undrawn (hosts hand such frames to the CPU engine).
+  const uint32_t format = pixelBuffer->pixelFormat();
+  const bool converted = pixelFormatIsYuv(format) || isRgb24(format);
+  if (!converted && format != kPixelFormat32BGRA) return pixelBuffer;
   const FramePlan plan = planFrame(*pixelBuffer);
   if (!plan.any()) return pixelBuffer;
-  if (yuv) return renderYuv(pixelBuffer, plan);
+  if (converted) return renderConverted(pixelBuffer, plan);
 
   m_nCurrentFrameIndex = 0;
   ContextGuard guard(m_pGLContext.get());
@@ -235,7 +264,7 @@ PixelBufferRef LumoImageFilter::render(const PixelBufferRef& pixelBuffer) {
   return result;
 }
 
-PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, const FramePlan& plan) {
+PixelBufferRef LumoImageFilter::renderConverted(const PixelBufferRef& pixelBuffer, const FramePlan& plan) {
   m_nCurrentFrameIndex = 0;
   ContextGuard guard(m_pGLContext.get());
   if (!guard.ok() || !m_pTexCache) return pixelBuffer;
@@ -247,40 +276,32 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
     // A plain buffer: the GPU writes it and nobody reads it back.
     PixelBuffer::create(width, height, kPixelFormat32BGRA, PixelBufferAttributes{}, &yuvInputRgb_);
   }
-  if (!yuvOutput_ || yuvOutput_->pixelFormat() != format || yuvOutput_->width() != width ||
+  // A host that hands the last result back in gets a new one: the pass must not draw into its own source.
+  if (!yuvOutput_ || yuvOutput_ == pixelBuffer || yuvOutput_->pixelFormat() != format || yuvOutput_->width() != width ||
       yuvOutput_->height() != height) {
     PixelBufferAttributes attributes;
     attributes.gpuShareable = true;
     PixelBuffer::create(width, height, format, attributes, &yuvOutput_);
   }
-  if (!yuvToRgb_) {
-    yuvToRgb_ = std::make_unique<VideoProcessYuvToRgbFilter>();
-    yuvToRgb_->initProgram();
-    rgbToLuma_ = std::make_unique<VideoProcessRgbToYuvFilter>(true);
-    rgbToLuma_->initProgram();
-    rgbToChroma_ = std::make_unique<VideoProcessRgbToYuvFilter>(false);
-    rgbToChroma_->initProgram();
-    conversionFramebuffer_.reset(gl::genFramebuffer());
-  }
+  if (!conversionFramebuffer_) conversionFramebuffer_.reset(gl::genFramebuffer());
   if (!yuvInputRgb_ || !yuvOutput_) return pixelBuffer;
 
-  // The source planes as luminance textures; the output planes as RGBA textures, four bytes a texel.
-  const bool interleaved = format == kPixelFormatNV12;
+  // The source planes as textures of their samples (a byte; NV12's chroma pair; a 24-bit pixel; a packed
+  // 4:2:2 pair), the output planes as RGBA textures, four bytes a texel.
+  static constexpr uint32_t kSourceFormats[] = {0, GL_LUMINANCE, GL_LUMINANCE_ALPHA, GL_RGB, GL_RGBA};
   const int32_t planes = pixelBuffer->planeCount();
   TextureRef sources[kPixelBufferMaxPlanes];
   TextureRef targets[kPixelBufferMaxPlanes];
   bool mapped = true;
   for (int32_t plane = 0; plane < planes; ++plane) {
     const PixelPlaneGeometry geometry = pixelBuffer->planeGeometry(plane);
-    const bool pairs = interleaved && plane == 1;
-    const uint32_t sourceFormat = pairs ? GL_LUMINANCE_ALPHA : GL_LUMINANCE;
+    const uint32_t sourceFormat = kSourceFormats[geometry.bytesPerSample];
     mapped = m_pTexCache->createTextureFromImage(pixelBuffer, GL_TEXTURE_2D, static_cast<int32_t>(sourceFormat),
                                                  geometry.width, geometry.height, sourceFormat, GL_UNSIGNED_BYTE,
                                                  static_cast<size_t>(plane), &sources[plane]) == kTextureCacheSuccess &&
              mapped;
-    const auto texels = static_cast<int32_t>((geometry.rowBytes() + 3) / 4);
-    mapped = m_pTexCache->createTextureFromImage(yuvOutput_, GL_TEXTURE_2D, GL_RGBA, texels, geometry.height, GL_RGBA,
-                                                 GL_UNSIGNED_BYTE, static_cast<size_t>(plane),
+    mapped = m_pTexCache->createTextureFromImage(yuvOutput_, GL_TEXTURE_2D, GL_RGBA, rgbaTexels(geometry),
+                                                 geometry.height, GL_RGBA, GL_UNSIGNED_BYTE, static_cast<size_t>(plane),
                                                  &targets[plane]) == kTextureCacheSuccess &&
              mapped;
   }
@@ -292,44 +313,83 @@ PixelBufferRef LumoImageFilter::renderYuv(const PixelBufferRef& pixelBuffer, con
   TextureRef region = mapRegion(plan);
   PixelBufferRef result = pixelBuffer;
   if (mapped && t0 && t1 && t2) {
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_2D, sources[0]->name());
-    glActiveTexture(GL_TEXTURE2);
-    glBindTexture(GL_TEXTURE_2D, sources[1]->name());
-    // NV12 has no third plane; the unit still needs a texture for the sampler the program does not read.
-    glActiveTexture(GL_TEXTURE3);
-    glBindTexture(GL_TEXTURE_2D, sources[interleaved ? 1 : 2]->name());
-    yuvToRgb_->setFrame(format, width, height, pixelBuffer->colorimetry());
-    drawConversion(yuvToRgb_.get(), t0.get(), width, height);
-    glActiveTexture(GL_TEXTURE3);
-    glBindTexture(GL_TEXTURE_2D, 0);
-
+    convertIn(*pixelBuffer, sources, t0.get());
     const Texture* last = runPasses(plan, t0.get(), t1.get(), t2.get(), region.get());
     if (last != t0.get()) {
-      using Plane = VideoProcessRgbToYuvFilter::Plane;
-      const Plane kinds[3] = {Plane::Luma, interleaved ? Plane::ChromaInterleaved : Plane::Cb, Plane::Cr};
-      glActiveTexture(GL_TEXTURE0);
-      glBindTexture(GL_TEXTURE_2D, last->name());
-      for (int32_t plane = 0; plane < planes; ++plane) {
-        const PixelPlaneGeometry geometry = yuvOutput_->planeGeometry(plane);
-        VideoProcessRgbToYuvFilter* filter = plane == 0 ? rgbToLuma_.get() : rgbToChroma_.get();
-        filter->setPlane(kinds[plane], width, height, pixelBuffer->colorimetry());
-        drawConversion(filter, targets[plane].get(), static_cast<int32_t>((geometry.rowBytes() + 3) / 4),
-                       geometry.height);
-      }
+      convertOut(*pixelBuffer, last, targets);
       yuvOutput_->setColorimetry(pixelBuffer->colorimetry());
       result = yuvOutput_;
     }
     glFinish();
   }
-  for (TextureRef* texture : {&sources[0], &sources[1], &sources[2], &targets[0], &targets[1], &targets[2], &t0, &t1,
-                              &t2, &region}) {
+  for (TextureRef* texture :
+       {&sources[0], &sources[1], &sources[2], &targets[0], &targets[1], &targets[2], &t0, &t1, &t2, &region}) {
     if (*texture) {
       glBindTexture((*texture)->target(), 0);
       texture->reset();
     }
   }
   return result;
+}
+
+void LumoImageFilter::convertIn(const PixelBuffer& frame, const TextureRef* sources, const Texture* target) {
+  const uint32_t format = frame.pixelFormat();
+  const int32_t width = frame.width();
+  const int32_t height = frame.height();
+  glActiveTexture(GL_TEXTURE0);
+  glBindTexture(GL_TEXTURE_2D, sources[0]->name());
+  if (pixelFormatIsPackedYuv(format)) {
+    VideoProcessPackedYuvToRgbFilter* filter = madeOnce(packedYuvToRgb_);
+    filter->setFrame(format, width, height, frame.colorimetry());
+    drawConversion(filter, target, width, height);
+    return;
+  }
+  if (isRgb24(format)) {
+    VideoProcessRgb24ToRgbFilter* filter = madeOnce(rgb24ToRgb_);
+    filter->setFrame(format, width, height);
+    drawConversion(filter, target, width, height);
+    return;
+  }
+  const bool interleaved = format == kPixelFormatNV12;
+  glActiveTexture(GL_TEXTURE2);
+  glBindTexture(GL_TEXTURE_2D, sources[1]->name());
+  // NV12 has no third plane; the unit still needs a texture for the sampler the program does not read.
+  glActiveTexture(GL_TEXTURE3);
+  glBindTexture(GL_TEXTURE_2D, sources[interleaved ? 1 : 2]->name());
+  VideoProcessYuvToRgbFilter* filter = madeOnce(yuvToRgb_);
+  filter->setFrame(format, width, height, frame.colorimetry());
+  drawConversion(filter, target, width, height);
+  glActiveTexture(GL_TEXTURE3);
+  glBindTexture(GL_TEXTURE_2D, 0);
+}
+
+void LumoImageFilter::convertOut(const PixelBuffer& frame, const Texture* last, const TextureRef* targets) {
+  const uint32_t format = frame.pixelFormat();
+  const int32_t width = frame.width();
+  const int32_t height = frame.height();
+  glActiveTexture(GL_TEXTURE0);
+  glBindTexture(GL_TEXTURE_2D, last->name());
+  const PixelPlaneGeometry first = frame.planeGeometry(0);
+  if (pixelFormatIsPackedYuv(format)) {
+    VideoProcessRgbToPackedYuvFilter* filter = madeOnce(rgbToPackedYuv_);
+    filter->setFrame(format, width, height, frame.colorimetry());
+    drawConversion(filter, targets[0].get(), rgbaTexels(first), first.height);
+    return;
+  }
+  if (isRgb24(format)) {
+    VideoProcessRgbToRgb24Filter* filter = madeOnce(rgbToRgb24_);
+    filter->setFrame(format, width, height);
+    drawConversion(filter, targets[0].get(), rgbaTexels(first), first.height);
+    return;
+  }
+  using Plane = VideoProcessRgbToYuvFilter::Plane;
+  const Plane kinds[3] = {Plane::Luma, format == kPixelFormatNV12 ? Plane::ChromaInterleaved : Plane::Cb, Plane::Cr};
+  for (int32_t plane = 0; plane < frame.planeCount(); ++plane) {
+    const PixelPlaneGeometry geometry = frame.planeGeometry(plane);
+    VideoProcessRgbToYuvFilter* filter = plane == 0 ? madeOnce(rgbToLuma_, true) : madeOnce(rgbToChroma_, false);
+    filter->setPlane(kinds[plane], width, height, pixelFormatChromaRows(format), frame.colorimetry());
+    drawConversion(filter, targets[plane].get(), rgbaTexels(geometry), geometry.height);
+  }
 }
 
 void LumoImageFilter::mapFrameTextures(const PixelBufferRef& first, TextureRef* t0, TextureRef* t1, TextureRef* t2) {

@@ -34,14 +34,18 @@ class VideoProcessOverlayFilter;
 class VideoProcessPinkWhitenFilter;
 class VideoProcessYuvToRgbFilter;
 class VideoProcessRgbToYuvFilter;
+class VideoProcessPackedYuvToRgbFilter;
+class VideoProcessRgbToPackedYuvFilter;
+class VideoProcessRgb24ToRgbFilter;
+class VideoProcessRgbToRgb24Filter;
 class VideoProcessRegionFilter;
 class RegionWeights;
 enum class PassRole;
 
-// The beautify pipeline on the GPU: one BGRA frame in, the processed frame out. An NV12 or I420 frame is
-// converted into an RGB texture by one pass before the beautify passes, and the result drawn into the Y and
-// chroma planes of a facade-owned buffer of the same format by one pass a plane after them; other formats
-// come back undrawn.
+// The beautify pipeline on the GPU: one BGRA frame in, the processed frame out. A YUV frame (NV12, I420,
+// I422, YUY2, UYVY) or a 24-bit one (BGR, RGB) is converted into an RGB texture by one pass before the
+// beautify passes, and the result drawn into the planes of a facade-owned buffer of the same format by one
+// pass a plane after them; RGBA, BGRx and RGBx come back undrawn.
 //
 // create(), destroy() and render() each make the facade's own EGL context current for their duration and
 // restore the caller's afterwards (a thread that had no context keeps the facade's current).
@@ -56,8 +60,8 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   int32_t create() override;
   int32_t destroy() override;
   // Returns null before create() and after destroy(); the input itself when no pass runs, a texture cannot
-  // be made or the format is neither BGRA, NV12 nor I420; otherwise one of the two output buffers, whose pixels are readable between
-  // lockBaseAddress and unlockBaseAddress. The facade draws into that buffer again at a later frame, so a
+  // be made or the format is RGBA, BGRx or RGBx; otherwise one of the two output buffers, whose pixels are
+  // readable between lockBaseAddress and unlockBaseAddress. The facade draws into that buffer again at a later frame, so a
   // host keeps or copies the result before its next call; a buffer it still holds is never freed.
   PixelBufferRef render(const PixelBufferRef& pixelBuffer) override;
   EngineKind kind() const override { return EngineKind::Gl; }
@@ -116,18 +120,28 @@ class LUMO_EXPORT LumoImageFilter : public BeautifyEngine {
   // T0 from `first`, T1 and T2 from the two output buffers; the statuses are not looked at, only whether
   // each texture came back.
   void mapFrameTextures(const PixelBufferRef& first, TextureRef* t0, TextureRef* t1, TextureRef* t2);
-  // A YUV frame: its planes into an RGB texture, the passes, and the result into yuvOutput_'s planes.
-  PixelBufferRef renderYuv(const PixelBufferRef& pixelBuffer, const FramePlan& plan);
+  // A YUV or 24-bit frame: its planes into an RGB texture, the passes, and the result into yuvOutput_'s
+  // planes.
+  PixelBufferRef renderConverted(const PixelBufferRef& pixelBuffer, const FramePlan& plan);
+  // `frame`'s planes, mapped as `sources`, into `target` (T0); the texture holding the last pass into the
+  // output planes mapped as `targets`.
+  void convertIn(const PixelBuffer& frame, const TextureRef* sources, const Texture* target);
+  void convertOut(const PixelBuffer& frame, const Texture* last, const TextureRef* targets);
   // One conversion pass into `target`, a texture of width x height, through its own framebuffer.
   void drawConversion(VideoProcessFilter* filter, const Texture* target, int32_t width, int32_t height);
 
-  // YUV frames only, made on the first one: the RGB frame the passes start from, the output planes, the
-  // conversion programs and the framebuffer they draw through.
+  // YUV and 24-bit frames only, made on the first one: the RGB frame the passes start from, the output
+  // planes, the framebuffer the conversions draw through; each conversion program on the first frame of its
+  // formats.
   PixelBufferRef yuvInputRgb_;
   PixelBufferRef yuvOutput_;
   std::unique_ptr<VideoProcessYuvToRgbFilter> yuvToRgb_;
   std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToLuma_;
   std::unique_ptr<VideoProcessRgbToYuvFilter> rgbToChroma_;
+  std::unique_ptr<VideoProcessPackedYuvToRgbFilter> packedYuvToRgb_;
+  std::unique_ptr<VideoProcessRgbToPackedYuvFilter> rgbToPackedYuv_;
+  std::unique_ptr<VideoProcessRgb24ToRgbFilter> rgb24ToRgb_;
+  std::unique_ptr<VideoProcessRgbToRgb24Filter> rgbToRgb24_;
   GlFramebuffer conversionFramebuffer_;
 
   // The host's region mask as last taken, its weights at the frame size, the buffer they are uploaded from

@@ -35,9 +35,18 @@ int32_t texelBytesOf(uint32_t format) {
   switch (format) {
     case GL_LUMINANCE: return 1;
     case GL_LUMINANCE_ALPHA: return 2;
+    case GL_RGB: return 3;
     case GL_RGBA: return 4;
     default: return 0;
   }
+}
+
+// The GL_UNPACK_ALIGNMENT that steps from row to row by `stride` for rows of `rowBytes`, or 0 if none does.
+GLint unpackAlignmentFor(size_t rowBytes, size_t stride) {
+  for (const size_t alignment : {1, 2, 4, 8}) {
+    if ((rowBytes + alignment - 1) / alignment * alignment == stride) return static_cast<GLint>(alignment);
+  }
+  return 0;
 }
 
 bool glHasExtension(const char* name) {
@@ -79,7 +88,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
   bool nativeBgra() const { return nativeBgra_; }
 
   // `layout` says how the plane's bytes are texels: the buffer's packed BGRA (kBgraLayout), or a plane's
-  // bytes as GL_LUMINANCE, GL_LUMINANCE_ALPHA or GL_RGBA texels of that many bytes.
+  // bytes as GL_LUMINANCE, GL_LUMINANCE_ALPHA, GL_RGB or GL_RGBA texels of that many bytes.
   int32_t map(const PixelBufferRef& buffer, const TexelLayout& layout, TextureRef* out) {
     bool markShareable = false;
     {
@@ -148,7 +157,7 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
       auto found = entries_.find(entryKey(buffer.identifier(), plane));
       if (found == entries_.end() || !found->second->allocated) continue;
       const TexelLayout& layout = found->second->layout;
-      // Luminance textures are sources only; GL cannot render into them.
+      // Luminance and 24-bit textures are sources only: only RGBA planes are drawn into.
       if (layout.glFormat != kBgraLayout && layout.glFormat != GL_RGBA) continue;
       if (!readFramebuffer_) readFramebuffer_.reset(gl::genFramebuffer());
       glBindFramebuffer(GL_FRAMEBUFFER, readFramebuffer_.get());
@@ -328,8 +337,9 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     ++statistics_.uploads;
   }
 
-  // Needs the texture bound to GL_TEXTURE_2D. Rows go straight from the plane where GL can take its stride;
-  // otherwise (and where texels run past the plane's row) through scratch, with the tail zeroed.
+  // Needs the texture bound to GL_TEXTURE_2D. Rows go straight from the plane where GL can take its stride
+  // (an alignment that rounds the row up to it, as a 24-bit row padded to 4 bytes, or a row length in
+  // texels); otherwise (and where texels run past the plane's row) through scratch, with the tail zeroed.
   void uploadPlane(const PixelBuffer& buffer, const TexelLayout& layout, bool allocated) {
     const size_t rowBytes = buffer.planeGeometry(layout.plane).rowBytes();
     const size_t texelBytes = static_cast<size_t>(layout.texelBytes);
@@ -338,18 +348,21 @@ class TextureCacheCore : public PixelBufferBacking, public std::enable_shared_fr
     const auto* bytes = static_cast<const uint8_t*>(buffer.baseAddressOfPlane(layout.plane));
     const uint8_t* source = bytes;
     bool rowLengthSet = false;
-    if (textureRowBytes == rowBytes && stride != rowBytes && unpackRowLength_ && stride % texelBytes == 0) {
+    GLint alignment = textureRowBytes == rowBytes ? unpackAlignmentFor(rowBytes, stride) : 0;
+    if (alignment == 0 && textureRowBytes == rowBytes && unpackRowLength_ && stride % texelBytes == 0) {
       glPixelStorei(kUnpackRowLength, static_cast<GLint>(stride / texelBytes));
       rowLengthSet = true;
-    } else if (textureRowBytes != rowBytes || stride != rowBytes) {
+      alignment = 1;
+    } else if (alignment == 0) {
       scratch_.assign(textureRowBytes * static_cast<size_t>(layout.height), 0);
       for (int32_t row = 0; row < layout.height; ++row) {
         std::memcpy(scratch_.data() + textureRowBytes * static_cast<size_t>(row), bytes + stride * static_cast<size_t>(row),
                     rowBytes);
       }
       source = scratch_.data();
+      alignment = 1;
     }
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
     const auto format = static_cast<GLenum>(layout.glFormat);
     if (allocated) {
       glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, layout.width, layout.height, format, GL_UNSIGNED_BYTE, source);

@@ -84,9 +84,10 @@ class LUMO_EXPORT TextureCache {
   // - a BGRA buffer as a whole: internal format GL_RGBA or GL_BGRA_EXT, format GL_BGRA_EXT, plane 0, the
   //   buffer's own size;
   // - any plane of any format, its bytes taken as texels: format and internal format GL_LUMINANCE (one byte a
-  //   texel), GL_LUMINANCE_ALPHA (two) or GL_RGBA (four; such a texture may be rendered into, and a
-  //   GPU-shareable buffer's plane is then read back on its next lock); the plane's height, and its row in
-  //   texels rounded up (an NV12 luma plane of width 33 as GL_RGBA: 9 texels, the last one's tail unused).
+  //   texel), GL_LUMINANCE_ALPHA (two), GL_RGB (three: a 24-bit buffer) or GL_RGBA (four; such a texture
+  //   may be rendered into, and a GPU-shareable buffer's plane is then read back on its next lock); the
+  //   plane's height, and its row in texels rounded up (an NV12 luma plane of width 33 as GL_RGBA: 9 texels,
+  //   the last one's tail unused).
   // One texture per buffer and plane.
   int32_t createTextureFromImage(const PixelBufferRef& buffer, uint32_t target, int32_t internalFormat, int32_t width,
                                  int32_t height, uint32_t format, uint32_t type, size_t plane, TextureRef* texture);

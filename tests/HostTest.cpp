@@ -145,6 +145,24 @@ TEST(Host, TheGlEnginesUndrawnFramesAreDrawnByTheCpuEngineAndSaidOnce) {
   EXPECT_NE(notices[0].find("the GL engine could not draw a 1 x 1 bgra frame"), std::string::npos) << notices[0];
 }
 
+// 4:2:2 and 24-bit frames the GL engine draws itself, padded rows and all: its own picture, no notice.
+TEST(Host, TheGlEngineDraws422And24BitFramesItself) {
+  std::unique_ptr<BeautifyHost> host = makeHost(EngineKind::Gl);
+  ASSERT_EQ(host->kind(), EngineKind::Gl);
+  std::vector<std::string> notices;
+  host->setNoticeHandler([&](const std::string& notice) { notices.push_back(notice); });
+  for (const uint32_t format : {kPixelFormatI422, kPixelFormatYUY2, kPixelFormatUYVY, kHostFormat24BGR}) {
+    Memory in(format, 37, 23, 5);
+    in.fill(format);
+    const std::vector<uint8_t> expected = engineDraws(EngineKind::Gl, in, BeautifySettings{});
+    ASSERT_NE(expected, in.tight()) << pixelFormatName(format);
+    const FrameResult result = host->process(in.frame);
+    ASSERT_EQ(result.status, FrameStatus::Drawn) << result.why;
+    EXPECT_EQ(in.tight(), expected) << pixelFormatName(format);
+  }
+  EXPECT_TRUE(notices.empty()) << notices.front();
+}
+
 // A source of regions that says what it is told.
 class FixedRegions : public RegionSource {
  public:

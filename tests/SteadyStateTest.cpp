@@ -125,9 +125,10 @@ TEST_F(SteadyState, FramesMakeNoGlObjectAndNoAllocation) {
 
 TEST_F(SteadyState, ANewHostBufferEachFrameMakesNoGlObject) {
   // Hosts that wrap each decoded frame anew: the wrapper is the host's allocation, the textures (one a plane
-  // for YUV frames, whose result is read back plane by plane) are reused.
+  // for YUV and 24-bit frames, whose result is read back plane by plane) are reused.
   filter_.enableBeautifying(7);
-  for (const uint32_t format : {kPixelFormat32BGRA, kPixelFormatNV12, kPixelFormatI420}) {
+  for (const uint32_t format : {kPixelFormat32BGRA, kPixelFormatNV12, kPixelFormatI420, kPixelFormatI422,
+                                kPixelFormatYUY2, kPixelFormatUYVY, kPixelFormat24BGR, kPixelFormat24RGB}) {
     SCOPED_TRACE(pixelFormatName(format));
     std::vector<uint8_t> memory(frameA_.bgra);
     std::vector<uint8_t> result(memory.size());
