@@ -139,7 +139,7 @@ TEST_P(CameraFrames, PaddedRowsAndNothingEnabled) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Engines, CameraFrames, ::testing::Values(EngineKind::Cpu),
+INSTANTIATE_TEST_SUITE_P(Engines, CameraFrames, ::testing::Values(EngineKind::Cpu, EngineKind::Gl),
                          [](const ::testing::TestParamInfo<EngineKind>& info) {
                            return std::string(engineKindName(info.param));
                          });

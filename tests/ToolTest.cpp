@@ -183,7 +183,7 @@ TEST_F(Tool, RawYuvStreamsKeepTheirFormatAndColorimetry) {
   EXPECT_EQ(output("--format nv12 --matrix bt601 --range limited", "601.yuv"), nv12) << "the default for 17 rows";
   EXPECT_EQ(output("--format I420", "i420.yuv").size(), data.size());
 
-  for (const char* bad : {"--raw 33x17 --format yuy2 in.yuv -o x", "--format nv12 in.yuv -o x.png",
+  for (const char* bad : {"--raw 33x17 --format ayuv in.yuv -o x", "--format nv12 in.yuv -o x.png",
                           "--raw 33x17 --matrix bt709 in.yuv -o x", "--raw 33x17 --format nv12 --range tvv in.yuv -o x",
                           "--raw 33x17 --format nv12 --matrix bt2020 in.yuv -o x"}) {
     const Outcome r = run(bad);

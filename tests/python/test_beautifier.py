@@ -153,7 +153,7 @@ def test_yuv_frames_as_opencv_holds_them(tmp_path, tool, sample_bgr, engine):
     assert not np.array_equal(beautifier.process(i420, format="i420", matrix="bt709"), result)
 
 
-@pytest.mark.parametrize("engine", ["cpu"])
+@pytest.mark.parametrize("engine", ["cpu", "gl"])
 def test_camera_frames_as_opencv_holds_them(tmp_path, tool, sample_bgr, engine):
     """YUY2 and UYVY arrays as OpenCV holds them (H x W x 2) give the bytes lumo-beautify --raw writes for
     them; I422 holding the same samples gives the same picture; RGB is BGR in the other order."""
