@@ -1,10 +1,15 @@
-"""Beautify photo files in parallel on Dask distributed.
+"""Beautify photo and video files in parallel on Dask distributed.
 
     python3 -m lumo.batch IN... -o DIR [--workers N] [--scheduler ADDRESS [--connect-timeout S]] [settings]
 
-Each input (a PNG or JPEG file, or a folder of them) is beautified into DIR under its own file name, by a
-LocalCluster of N worker processes (default: one per core), or by the workers of an existing cluster when
---scheduler names its scheduler. --workers 0 runs the files in this process, without Dask.
+Each input (a PNG or JPEG file, a video file, or a folder of them) is beautified into DIR under its own file
+name, by a LocalCluster of N worker processes (default: one per core), or by the workers of an existing
+cluster when --scheduler names its scheduler. --workers 0 runs the files in this process, without Dask.
+
+A video is split at keyframes into segments of about --segment-seconds by stream copy; each segment is one
+task that runs lumo-beautify on it; the segments are joined by stream copy with the source's audio muxed in
+once (lumo.video). Finished segments wait in a work folder beside the output until the join succeeds, so a
+rerun redoes only what is missing.
 
 Every worker process makes one engine and reuses it for all its files. A result is written to a temporary
 file in DIR, created exclusively, and renamed over the final name only when complete, so DIR never holds a
@@ -19,6 +24,7 @@ and exits with status 130; a second Ctrl-C stops waiting for the workers and kil
 import argparse
 import contextlib
 import os
+import shutil
 import signal
 import struct
 import sys
@@ -26,11 +32,17 @@ import tempfile
 import time
 
 import lumo
+from lumo import video
 
 IMAGE_EXTENSIONS = (".png", ".jpg", ".jpeg")
 TEMPORARY_MARK = ".lumo-tmp-"
 MAX_FILE_BYTES = 256 << 20  # as the tool: larger files are refused before they are read
 PNG_SIGNATURE = b"\x89PNG\r\n\x1a\n"
+
+# Long enough that a segment's fixed costs (starting the tool and the encoder, the split and the join) stay
+# within a percent or two of its work, short enough that 16 workers share an hour's video evenly and that
+# a crash loses little (docs/python.md has the measurements).
+DEFAULT_SEGMENT_SECONDS = 30
 
 EXIT_FAILED = 1
 EXIT_USAGE = 2
@@ -139,19 +151,20 @@ def beautify_file(source, target, engine, settings):
     return beautifier.engine, time.perf_counter() - start
 
 
-def _outcome(source, target, engine, settings):
-    """beautify_file with its failure as a value, so that one bad file does not fail the batch."""
-    try:
-        return "done", beautify_file(source, target, engine, settings)
-    except Exception as error:  # noqa: BLE001 - any failure of one file is reported, the rest go on
-        return "failed", "{}: {}".format(type(error).__name__, error)
+def _clock(seconds):
+    seconds = int(seconds + 0.5)
+    return "{}:{:02d}:{:02d}".format(seconds // 3600, seconds // 60 % 60, seconds % 60) if seconds >= 3600 \
+        else "{}:{:02d}".format(seconds // 60, seconds % 60)
 
 
 class Progress:
-    """A bar on stderr when it is a terminal, else a line at every tenth of the work."""
+    """One bar over every frame of the batch (a photo is one frame) on stderr when it is a terminal, else a
+    line at every tenth of the work. A video's frames join the total when its segments are planned, so the
+    time left is given once every video is planned."""
 
-    def __init__(self, total, stream=sys.stderr):
+    def __init__(self, total, pending=0, stream=sys.stderr):
         self.total = total
+        self.pending = pending  # videos whose frame count is not known yet
         self.stream = stream
         self.tty = stream.isatty()
         self.done = 0
@@ -159,20 +172,28 @@ class Progress:
         self.start = time.perf_counter()
         self.next_line = 0
 
-    def step(self, failed=False):
-        self.done += 1
+    def planned(self, frames):
+        self.total += frames
+        self.pending -= 1
+
+    def dropped(self, frames):
+        """Frames of a failed file: no longer to be done."""
+        self.total -= frames
+
+    def step(self, frames=1, failed=False):
+        self.done += frames
         self.failed += failed
         rate = self.done / max(time.perf_counter() - self.start, 1e-9)
+        left = " {} left".format(_clock((self.total - self.done) / rate)) if rate > 0 and not self.pending else ""
         if self.tty:
             width = 30
             filled = width * self.done // max(self.total, 1)
-            self.stream.write("\r[{}{}] {}/{} {:.1f} frames/s{}".format(
-                "#" * filled, "." * (width - filled), self.done, self.total, rate,
-                " ({} failed)".format(self.failed) if self.failed else ""))
-            if self.done == self.total:
-                self.stream.write("\n")
-        elif self.done >= self.next_line or self.done == self.total:
-            self.stream.write("lumo.batch: {}/{} files, {:.1f} frames/s\n".format(self.done, self.total, rate))
+            self.stream.write("\r\033[K[{}{}] {}/{}{} frames, {:.1f} frames/s{}{}".format(
+                "#" * filled, "." * (width - filled), self.done, self.total, "+" if self.pending else "", rate,
+                left, " ({} failed)".format(self.failed) if self.failed else ""))
+        elif self.done >= self.next_line or (self.done == self.total and not self.pending):
+            self.stream.write("lumo.batch: {}/{}{} frames, {:.1f} frames/s{}\n".format(
+                self.done, self.total, "+" if self.pending else "", rate, left))
             self.next_line = self.done + max(1, self.total // 10)
         self.stream.flush()
 
@@ -182,33 +203,48 @@ class Progress:
         self.stream.write(text + "\n")
         self.stream.flush()
 
+    def finish(self):
+        if self.tty:
+            self.stream.write("\n")
+            self.stream.flush()
+
 
 def _inputs(paths):
-    """The photo files named, folders expanded to their PNG and JPEG files (sorted)."""
+    """The files named, folders expanded to their photo and video files (sorted)."""
     files = []
     for path in paths:
         if os.path.isdir(path):
             files.extend(sorted(os.path.join(path, name) for name in os.listdir(path)
-                                if name.lower().endswith(IMAGE_EXTENSIONS) and not name.startswith(".")))
+                                if name.lower().endswith(IMAGE_EXTENSIONS + video.VIDEO_EXTENSIONS)
+                                and not name.startswith(".")))
         else:
             files.append(path)
     return files
+
+
+def _is_video(path):
+    return path.lower().endswith(video.VIDEO_EXTENSIONS)
 
 
 def _plan(inputs, output_dir, force):
     """Splits the inputs into (work, skipped, refused): work and skipped are (source, target) pairs,
     refused are (source, reason)."""
     work, skipped, refused, claimed = [], [], [], {}
+    sources = {os.path.realpath(source) for source in inputs if os.path.isfile(source)}
     for source in inputs:
-        target = os.path.join(output_dir, os.path.basename(source))
+        name = video.target_name(source) if _is_video(source) else os.path.basename(source)
+        target = os.path.join(output_dir, name)
         if not os.path.isfile(source):
             refused.append((source, "no such file"))
-        elif not source.lower().endswith(IMAGE_EXTENSIONS):
-            refused.append((source, "not a .png, .jpg or .jpeg file"))
+        elif not source.lower().endswith(IMAGE_EXTENSIONS + video.VIDEO_EXTENSIONS):
+            refused.append((source, "not a photo (.png, .jpg, .jpeg) or a video ({})".format(
+                ", ".join(video.VIDEO_EXTENSIONS))))
         elif os.path.realpath(target) in claimed:
             refused.append((source, "same file name as " + claimed[os.path.realpath(target)]))
         elif os.path.exists(target) and os.path.samefile(source, target):
             refused.append((source, "refusing to overwrite the input (choose another -o)"))
+        elif os.path.realpath(target) in sources:
+            refused.append((source, "refusing to overwrite the input {} (choose another -o)".format(target)))
         else:
             claimed[os.path.realpath(target)] = source
             if not force and os.path.exists(target) and os.stat(target).st_mtime_ns >= os.stat(source).st_mtime_ns:
@@ -240,9 +276,110 @@ def _identity(path):
     return status.st_ino, status.st_mtime_ns
 
 
-def _run_here(work, engine, settings, report):
-    for source, target in work:
-        report(source, *_outcome(source, target, engine, settings))
+def _call(function, *arguments):
+    """A task's result or its failure as a value, so that one bad file does not fail the batch."""
+    try:
+        return "done", function(*arguments)
+    except video.VideoError as error:
+        return "failed", str(error)
+    except Exception as error:  # noqa: BLE001 - any failure of one file is reported, the rest go on
+        return "failed", "{}: {}".format(type(error).__name__, error)
+
+
+class _Video:
+    """One video's state on the client: its plan, segments outstanding and counts for its closing line."""
+
+    def __init__(self, source, target, work):
+        self.source, self.target, self.work = source, target, work
+        self.plan = None
+        self.outstanding = 0
+        self.reused = 0
+        self.failed = False
+        self.start = time.perf_counter()
+
+
+class Batch:
+    """Which tasks to run, and what follows each result: a photo is one task; a video is a split, then a
+    task per segment, then a join. A driver (Dask, or this process) runs the tasks, each (key, function,
+    arguments, urgent), and hands every result back to finished(), which returns the tasks that follow."""
+
+    def __init__(self, work, engine, settings, video_options, progress, report):
+        self.engine, self.settings = engine, settings
+        self.tool, self.tool_arguments, self.seconds = video_options
+        self.progress, self.report = progress, report
+        self.photos = [(source, target) for source, target in work if not _is_video(source)]
+        self.videos = []
+        self.segments_reused = 0
+        for source, target in work:
+            if _is_video(source):
+                # What decides a segment's content: a rerun with other settings starts afresh.
+                key = [self.tool_arguments, self.seconds, os.path.splitext(target)[1].lower()]
+                self.videos.append(_Video(source, target, video.work_folder(source, target, key)))
+
+    def start(self):
+        tasks = [(("prepare", index), video.prepare, (job.source, job.work, self.seconds), True)
+                 for index, job in enumerate(self.videos)]
+        return tasks + [(("photo", source), beautify_file, (source, target, self.engine, self.settings), False)
+                        for source, target in self.photos]
+
+    def _fail(self, job, reason):
+        if not job.failed:
+            job.failed = True
+            self.report(job.source, "failed", reason)
+
+    def finished(self, key, status, detail):
+        if key[0] == "photo":
+            self.report(key[1], status, detail)
+            self.progress.step(failed=status != "done")
+            return []
+        job = self.videos[key[1]]
+        extension = os.path.splitext(job.target)[1].lower()
+        if key[0] == "prepare":
+            if status != "done":
+                shutil.rmtree(job.work, ignore_errors=True)  # nothing of it is worth keeping
+                self.progress.pending -= 1
+                self._fail(job, detail)
+                self.progress.step(0, failed=True)
+                return []
+            job.plan = detail
+            job.outstanding = len(detail["segments"])
+            self.progress.planned(detail["frames"])
+            return [(("segment", key[1], number), video.beautify_segment,
+                     (self.tool, self.tool_arguments, job.work, number, segment["file"], segment["frames"], extension),
+                     False) for number, segment in enumerate(detail["segments"])]
+        if key[0] == "segment":
+            job.outstanding -= 1
+            frames = job.plan["segments"][key[2]]["frames"]
+            if status != "done":
+                self.progress.dropped(frames)
+                self._fail(job, "{} (segments finished are kept in {} for a rerun)".format(detail, job.work))
+            elif detail[0] == "reused":
+                job.reused += 1
+                self.segments_reused += 1
+                self.progress.dropped(frames)  # not work of this run
+            else:
+                self.progress.step(frames)
+            if job.outstanding == 0 and not job.failed:
+                return [(("join", key[1]), video.join, (job.source, job.target, job.work, job.plan, extension), True)]
+            return []
+        # The join.
+        if status != "done":
+            self._fail(job, detail + " (the segments are kept in {} for a rerun)".format(job.work))
+        else:
+            self.report(job.source, "done", None)
+            self.progress.message("lumo.batch: wrote {}: {} frames in {} segments ({} reused) in {:.1f} s".format(
+                job.target, job.plan["frames"], len(job.plan["segments"]), job.reused,
+                time.perf_counter() - job.start))
+        return []
+
+
+def _run_here(batch):
+    queue = list(batch.start())
+    while queue:
+        key, function, arguments, _ = queue.pop(0)
+        following = batch.finished(key, *_call(function, *arguments))
+        # Joins and splits first: a finished video is written before the next one's segments run.
+        queue = [task for task in following if task[3]] + queue + [task for task in following if not task[3]]
 
 
 def _worker_environment():
@@ -307,7 +444,7 @@ def _close(client, cluster, interrupted):
         logging.disable(logging.NOTSET)
 
 
-def _run_on_dask(work, engine, settings, report, workers, scheduler, connect_timeout):
+def _run_on_dask(batch, workers, scheduler, connect_timeout):
     import logging
 
     import dask
@@ -328,18 +465,25 @@ def _run_on_dask(work, engine, settings, report, workers, scheduler, connect_tim
                 cluster = LocalCluster(n_workers=workers, threads_per_worker=1, processes=True,
                                        dashboard_address=None, silence_logs=logging.CRITICAL)
             client = Client(cluster)
-        futures = {}
-        for source, target in work:
-            # pure=False: a rerun after an edit of the input must not reuse an old result.
-            future = client.submit(_outcome, source, target, engine, settings, pure=False)
-            futures[future] = source
-        for future in as_completed(futures):
-            source = futures[future]
+        keys = {}
+        running = as_completed()
+
+        def submit(tasks):
+            for key, function, arguments, urgent in tasks:
+                # pure=False: a rerun after an edit of the input must not reuse an old result. Splits and
+                # joins go before queued segments, so that outputs appear as their videos are done.
+                future = client.submit(_call, function, *arguments, pure=False, priority=1 if urgent else 0)
+                keys[future] = key
+                running.add(future)
+
+        submit(batch.start())
+        for future in running:
+            key = keys.pop(future)
             try:
                 status, detail = future.result()
             except Exception as error:  # noqa: BLE001 - e.g. KilledWorker after repeated worker deaths
                 status, detail = "failed", "{}: {}".format(type(error).__name__, error)
-            report(source, status, detail)
+            submit(batch.finished(key, status, detail))
     except KeyboardInterrupt:
         interrupted = True
         raise
@@ -357,9 +501,12 @@ def _parser():
 
     parser = argparse.ArgumentParser(
         prog="python3 -m lumo.batch",
-        description="Beautify photos (PNG, JPEG) in parallel on Dask distributed; each result goes to DIR under "
-                    "the input's own file name.")
-    parser.add_argument("inputs", nargs="+", metavar="IN", help="photo files, or folders of them")
+        description="Beautify photos (PNG, JPEG) and videos in parallel on Dask distributed; each result goes to "
+                    "DIR under the input's own file name (a video the tool cannot write in its container: .mp4). "
+                    "A video is split at keyframes into segments, each run through lumo-beautify on a worker, "
+                    "and joined by stream copy with the source's audio; every worker needs the tool, ffmpeg "
+                    "and ffprobe.")
+    parser.add_argument("inputs", nargs="+", metavar="IN", help="photo and video files, or folders of them")
     parser.add_argument("-o", "--output", required=True, metavar="DIR", help="folder for the results (made if missing)")
     parser.add_argument("--workers", type=int, default=os.cpu_count() or 1, metavar="N",
                         help="worker processes of the local cluster (default: one per core; 0: no Dask, this process)")
@@ -376,7 +523,35 @@ def _parser():
     parser.add_argument("--preset", default=str(defaults["preset"]), help="colour preset 0..13 (default: 0)")
     for name in ("polish_step", "polish_factor", "whiten", "sharpen", "skin_whiten"):
         parser.add_argument("--" + name.replace("_", "-"), default="{:g}".format(defaults[name]), help=ranged(name))
+    parser.add_argument("--faces", action="store_true", help="smoothing and skin whitening on faces only")
+    videos = parser.add_argument_group("videos (passed to lumo-beautify, which checks them)")
+    videos.add_argument("--tool", metavar="PATH",
+                        help="the lumo-beautify binary, at this path on every worker (default: $LUMO_TOOL, else "
+                             "lumo-beautify on PATH)")
+    videos.add_argument("--segment-seconds", type=float, default=DEFAULT_SEGMENT_SECONDS, metavar="S",
+                        help="split videos at the first keyframe after every S seconds (default: {:g})".format(
+                            DEFAULT_SEGMENT_SECONDS))
+    videos.add_argument("--video-codec", choices=("h264", "h265", "vp9"),
+                        help="default: h264, vp9 in .webm")
+    videos.add_argument("--crf", metavar="N", help="constant quality, lower is better (the tool's default)")
+    videos.add_argument("--bitrate", metavar="KBPS", help="average bitrate in kbit/s instead of constant quality")
+    videos.add_argument("--chroma", choices=("420", "422", "444"), help="chroma subsampling written (default: 420)")
     return parser
+
+
+def _tool_arguments(options):
+    """lumo-beautify's options for a video segment: the batch's settings as the user wrote them."""
+    arguments = ["--engine", options.engine]
+    for name in ("mask", "preset", "polish_step", "polish_factor", "whiten", "sharpen", "skin_whiten",
+                 "video_codec", "crf", "bitrate", "chroma"):
+        value = getattr(options, name)
+        if value is not None:
+            arguments += ["--" + name.replace("_", "-"), str(value)]
+    return arguments + (["--faces"] if options.faces else [])
+
+
+def _find_tool(option):
+    return option or os.environ.get("LUMO_TOOL") or shutil.which("lumo-beautify")
 
 
 def main(argv=None):
@@ -388,10 +563,16 @@ def main(argv=None):
                                        sharpen=options.sharpen, skin_whiten=options.skin_whiten)
     except ValueError as error:
         parser.error(str(error))
+    # A photo's faces are searched afresh in each (nothing carried between unrelated pictures).
+    settings["faces"] = "photos" if options.faces else False
     if options.workers < 0:
         parser.error("--workers wants 0 or more")
     if not options.connect_timeout > 0:
         parser.error("--connect-timeout wants a number of seconds above 0")
+    if not options.segment_seconds > 0:
+        parser.error("--segment-seconds wants a number of seconds above 0")
+    if options.crf is not None and options.bitrate is not None:
+        parser.error("--crf and --bitrate exclude each other")
     try:
         os.makedirs(options.output, exist_ok=True)
     except OSError as error:
@@ -399,20 +580,29 @@ def main(argv=None):
         return EXIT_FAILED
 
     work, skipped, refused = _plan(_inputs(options.inputs), options.output, options.force)
+    tool = _find_tool(options.tool)
+    # The workers share this machine's paths (as for every input), so the tool is looked for here too.
+    if any(_is_video(source) for source, _ in work) and not (tool and os.access(tool, os.X_OK)):
+        reason = "lumo-beautify is not at {}".format(tool) if tool else "lumo-beautify is not on PATH"
+        refused += [(source, reason + ": give --tool PATH or set LUMO_TOOL") for source, _ in work if _is_video(source)]
+        work = [(source, target) for source, target in work if not _is_video(source)]
     for source, reason in refused:
         print("lumo.batch: {}: {}".format(source, reason), file=sys.stderr)
-    progress = Progress(len(work))
+    photos = sum(not _is_video(source) for source, _ in work)
+    progress = Progress(photos, pending=len(work) - photos)
     counts = {"done": 0, "failed": len(refused)}
     engines = set()
 
     def report(source, status, detail):
         counts[status] += 1
         if status == "done":
-            engines.add(detail[0])
+            if detail:
+                engines.add(detail[0])
         else:
             progress.message("lumo.batch: {}: {}".format(source, detail))
-        progress.step(failed=status != "done")
 
+    batch = Batch(work, options.engine, settings, (tool, _tool_arguments(options), options.segment_seconds),
+                  progress, report)
     before = {target: _identity(target) for _, target in work}
     sigint = signal.getsignal(signal.SIGINT)
     start = time.perf_counter()
@@ -421,10 +611,9 @@ def main(argv=None):
         if not work:
             pass
         elif options.workers == 0 and not options.scheduler:
-            _run_here(work, options.engine, settings, report)
+            _run_here(batch)
         else:
-            _run_on_dask(work, options.engine, settings, report, options.workers, options.scheduler,
-                         options.connect_timeout)
+            _run_on_dask(batch, options.workers, options.scheduler, options.connect_timeout)
     except SchedulerUnreachable as error:
         print("lumo.batch: {}".format(error), file=sys.stderr)
         return EXIT_FAILED
@@ -432,16 +621,19 @@ def main(argv=None):
         interrupted = True
         signal.signal(signal.SIGINT, signal.SIG_IGN)  # what is left is brief: another Ctrl-C must not cut the report
     finally:
+        progress.finish()
         _remove_stale_temporaries(work)
     if interrupted:
         # A worker may have written a file whose result was never reported: the folder is the record.
         counts["done"] = sum(_identity(target) != before[target] for _, target in work)
     seconds = time.perf_counter() - start
-    print("lumo.batch: beautified {} files ({} failed, {} skipped) in {:.1f} s: {:.1f} frames/s{}".format(
-        counts["done"], counts["failed"], len(skipped), seconds, counts["done"] / max(seconds, 1e-9),
-        ", engine " + "/".join(sorted(engines)) if engines else ""), file=sys.stderr)
+    print("lumo.batch: beautified {} files ({} failed, {} skipped) in {:.1f} s: {:.1f} frames/s{}{}".format(
+        counts["done"], counts["failed"], len(skipped), seconds, progress.done / max(seconds, 1e-9),
+        ", engine " + "/".join(sorted(engines)) if engines else "",
+        ", {} segments reused".format(batch.segments_reused) if batch.videos else ""), file=sys.stderr)
     if interrupted:
-        print("lumo.batch: interrupted; finished files are complete, the rest are not written", file=sys.stderr)
+        print("lumo.batch: interrupted; finished files are complete, the rest are not written{}".format(
+            "; finished video segments are kept for a rerun" if batch.videos else ""), file=sys.stderr)
         signal.signal(signal.SIGINT, sigint)
         return EXIT_INTERRUPTED
     return EXIT_FAILED if counts["failed"] else 0
