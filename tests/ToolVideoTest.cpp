@@ -98,6 +98,19 @@ TEST_F(ToolVideo, H264WithAacKeepsFramesRateAndAudioPacketsAndBeautifiesEveryFra
   expectOnly({"in.mp4", "out.mp4", "plain.mp4", "in-beautified.mp4", "small.mkv"});
 }
 
+// VP9 at a bit rate that presses its rate control once lost the last frames of the stream; its quality level
+// was overridden by a low bit-rate ceiling.
+TEST_F(ToolVideo, Vp9KeepsEveryFrameAtABitRateAndFollowsItsQualityLevel) {
+  makeClip("busy.mp4", "320x240", 25, 10, false, "-c:v libx264 -pix_fmt yuv420p -g 25");
+  ASSERT_EQ(run("busy.mp4 -o rate.webm --engine cpu --bitrate 4000").status, 0) << err();
+  EXPECT_EQ(packets("rate.webm", "v"), 250);
+  ASSERT_EQ(run("busy.mp4 -o fine.webm --engine cpu --crf 10").status, 0) << err();
+  ASSERT_EQ(run("busy.mp4 -o coarse.webm --engine cpu --crf 50").status, 0) << err();
+  EXPECT_EQ(packets("fine.webm", "v"), 250);
+  EXPECT_GT(fs::file_size(dir_ / "fine.webm"), fs::file_size(dir_ / "coarse.webm") * 5 / 4);
+  expectOnly({"busy.mp4", "rate.webm", "fine.webm", "coarse.webm"});
+}
+
 TEST_F(ToolVideo, Vp9WithOpusStaysVp9AndOpusAndAudioIsReencodedWhereTheContainerRefusesIt) {
   makeClip("in.webm", "160x120", 25, 2, true, "-c:v libvpx-vp9 -deadline realtime -c:a libopus");
   ASSERT_EQ(run("in.webm -o out.webm --engine cpu").status, 0) << err();
