@@ -225,6 +225,42 @@ void blendChroma(const Planes& in, int top, int bottom, uint16_t* towardsTop, ui
   }
 }
 
+// Y and blended chroma to BGRA pixels, a lane each: the constants set once a row.
+class BgraPixels {
+ public:
+  explicit BgraPixels(const ToBgra& k)
+      : fromY_(hn::Set(d_, k.luma)),
+        rFromCr_(hn::Set(d_, k.rFromCr)),
+        gFromCb_(hn::Set(d_, k.gFromCb)),
+        gFromCr_(hn::Set(d_, k.gFromCr)),
+        bFromCb_(hn::Set(d_, k.bFromCb)),
+        rOffset_(hn::Set(d_, k.rOffset)),
+        gOffset_(hn::Set(d_, k.gOffset)),
+        bOffset_(hn::Set(d_, k.bOffset)),
+        low8_(hn::Set(d_, 0xFF)),
+        low16_(hn::Set(d_, 0xFFFF)),
+        zero_(hn::Zero(d_)),
+        opaque_(hn::BitCast(d_, hn::Set(DU(), 0xFF000000u))) {}
+
+  // `cbcr` holds Cb in its low half and Cr in its high half, in sixteenths.
+  VU operator()(VI y, VI cbcr) const {
+    const VI cb = hn::And(cbcr, low16_);
+    const VI cr = hn::ShiftRight<16>(cbcr);
+    const VI l = hn::Mul(y, fromY_);
+    const VI r = level(hn::Add(hn::Add(l, hn::Mul(cr, rFromCr_)), rOffset_));
+    const VI g = level(hn::Add(hn::Add(l, hn::Add(hn::Mul(cb, gFromCb_), hn::Mul(cr, gFromCr_))), gOffset_));
+    const VI b = level(hn::Add(hn::Add(l, hn::Mul(cb, bFromCb_)), bOffset_));
+    return hn::BitCast(DU(), hn::Or(hn::Or(b, hn::ShiftLeft<8>(g)), hn::Or(hn::ShiftLeft<16>(r), opaque_)));
+  }
+  VI low8() const { return low8_; }
+
+ private:
+  VI level(VI v) const { return hn::Min(hn::Max(hn::ShiftRight<kShift>(v), zero_), low8_); }
+
+  DI d_;
+  VI fromY_, rFromCr_, gFromCb_, gFromCr_, bFromCb_, rOffset_, gOffset_, bOffset_, low8_, low16_, zero_, opaque_;
+};
+
 // One luma row and its blended chroma row to BGRA. A vector takes `lanes` pixel pairs: the even pixels'
 // chroma leans left (3:1 with the pair before), the odd ones' right, and the two halves are interleaved on
 // the way out.
@@ -233,29 +269,7 @@ void importYuvRow(const ToBgra& k, const uint8_t* luma, const uint16_t* chroma, 
   const DU du;
   const hn::Repartition<uint16_t, DI> d16;
   const hn::Rebind<uint16_t, DI> dLuma;
-  const VI fromY = hn::Set(d, k.luma);
-  const VI rFromCr = hn::Set(d, k.rFromCr);
-  const VI gFromCb = hn::Set(d, k.gFromCb);
-  const VI gFromCr = hn::Set(d, k.gFromCr);
-  const VI bFromCb = hn::Set(d, k.bFromCb);
-  const VI rOffset = hn::Set(d, k.rOffset);
-  const VI gOffset = hn::Set(d, k.gOffset);
-  const VI bOffset = hn::Set(d, k.bOffset);
-  const VI low8 = hn::Set(d, 0xFF);
-  const VI low16 = hn::Set(d, 0xFFFF);
-  const VI zero = hn::Zero(d);
-  const VI opaque = hn::BitCast(d, hn::Set(du, 0xFF000000u));
-  auto levelOf = [&](VI v) { return hn::Min(hn::Max(hn::ShiftRight<kShift>(v), zero), low8); };
-  // `cbcr` holds Cb in its low half and Cr in its high half.
-  auto pixels = [&](VI y, VI cbcr) {
-    const VI cb = hn::And(cbcr, low16);
-    const VI cr = hn::ShiftRight<16>(cbcr);
-    const VI l = hn::Mul(y, fromY);
-    const VI r = levelOf(hn::Add(hn::Add(l, hn::Mul(cr, rFromCr)), rOffset));
-    const VI g = levelOf(hn::Add(hn::Add(l, hn::Add(hn::Mul(cb, gFromCb), hn::Mul(cr, gFromCr))), gOffset));
-    const VI b = levelOf(hn::Add(hn::Add(l, hn::Mul(cb, bFromCb)), bOffset));
-    return hn::BitCast(du, hn::Or(hn::Or(b, hn::ShiftLeft<8>(g)), hn::Or(hn::ShiftLeft<16>(r), opaque)));
-  };
+  const BgraPixels pixels(k);
   const uint16_t* centre = chroma + 2;
   const int pairs = width / 2;
   const int done = vectors(pairs, static_cast<int>(hn::Lanes(d)), [&](auto i) {
@@ -265,10 +279,51 @@ void importYuvRow(const ToBgra& k, const uint8_t* luma, const uint16_t* chroma, 
     const VI odd = hn::BitCast(d, hn::Add(c3, hn::LoadU(d16, centre + 2 * i + 2)));
     // Two luma samples a lane: the even pixel's in the low byte (x86 and Arm are little-endian).
     const VI y = hn::BitCast(d, hn::PromoteTo(du, hn::LoadU(dLuma, reinterpret_cast<const uint16_t*>(luma) + i)));
-    hn::StoreInterleaved2(pixels(hn::And(y, low8), even), pixels(hn::ShiftRight<8>(y), odd), du,
+    hn::StoreInterleaved2(pixels(hn::And(y, pixels.low8()), even), pixels(hn::ShiftRight<8>(y), odd), du,
                           reinterpret_cast<uint32_t*>(out) + 2 * i);
   });
   for (int x = 2 * done; x < width; ++x) importPixel(k, luma, centre, out, x);
+}
+
+// Pixel x of a packed 4:2:2 row (`pairs` four-byte pairs), its chroma blended across as importPixel does.
+void importPackedPixel(const ToBgra& k, const uint8_t* row, bool uyvy, int pairs, uint8_t* out, int x) {
+  const int i = x / 2;
+  const int neighbour = x % 2 == 0 ? std::max(i - 1, 0) : std::min(i + 1, pairs - 1);
+  const uint8_t* near = row + 4 * static_cast<size_t>(i);
+  const uint8_t* far = row + 4 * static_cast<size_t>(neighbour);
+  const int c = uyvy ? 0 : 1;
+  const int32_t cb = 4 * (3 * near[c] + far[c]);
+  const int32_t cr = 4 * (3 * near[c + 2] + far[c + 2]);
+  const uint32_t pixel = bgraOf(k, near[(uyvy ? 1 : 0) + 2 * (x % 2)], cb, cr);
+  std::memcpy(out + 4 * static_cast<size_t>(x), &pixel, sizeof pixel);
+}
+
+// A packed 4:2:2 row (YUY2: Y0 U Y1 V; UYVY: U Y0 V Y1) straight to BGRA: each vector lane is a pair, read
+// with the pairs either side for the chroma blend.
+void importPackedRow(const ToBgra& k, const uint8_t* row, bool uyvy, uint8_t* out, int width) {
+  const DI d;
+  const DU du;
+  const BgraPixels pixels(k);
+  const int pairs = (width + 1) / 2;
+  const uint32_t* in = reinterpret_cast<const uint32_t*>(row);
+  const VU chromaBytes = hn::Set(du, 0x00FF00FFu);
+  auto chromaOf = [&](VU p) { return hn::And(uyvy ? p : hn::ShiftRight<8>(p), chromaBytes); };
+  // Pairs 1 .. last whole pair with a pair after it: both neighbours are in the row.
+  const int inner = std::max(0, std::min(width / 2, pairs - 1) - 1);
+  const int done = vectors(inner, static_cast<int>(hn::Lanes(d)), [&](auto j) {
+    const auto i = j + 1;
+    const VU p = hn::LoadU(du, in + i);
+    const VU c = chromaOf(p);
+    const VU c3 = hn::Add(c, hn::Add(c, c));
+    const VI even = hn::BitCast(d, hn::ShiftLeft<2>(hn::Add(c3, chromaOf(hn::LoadU(du, in + i - 1)))));
+    const VI odd = hn::BitCast(d, hn::ShiftLeft<2>(hn::Add(c3, chromaOf(hn::LoadU(du, in + i + 1)))));
+    const VI y = hn::BitCast(d, uyvy ? hn::ShiftRight<8>(p) : p);
+    hn::StoreInterleaved2(pixels(hn::And(y, pixels.low8()), even),
+                          pixels(hn::And(hn::ShiftRight<16>(y), pixels.low8()), odd), du,
+                          reinterpret_cast<uint32_t*>(out) + 2 * i);
+  });
+  for (int x = 0; x < std::min(2, width); ++x) importPackedPixel(k, row, uyvy, pairs, out, x);
+  for (int x = 2 * (1 + done); x < width; ++x) importPackedPixel(k, row, uyvy, pairs, out, x);
 }
 
 void importYuv(const Planes& in, const Image& out, uint16_t* scratch, int y0, int y1) {
@@ -448,40 +503,6 @@ void reorderRow(const uint8_t* from, uint8_t* to, int width, bool swap, bool opa
   }
 }
 
-// One row of packed 4:2:2 (YUY2: Y0 U Y1 V; UYVY: U Y0 V Y1) taken apart into a luma row and a chroma row
-// in the form blendChroma gives (Cb, Cr pairs in quarters, a pair of padding each side), for importYuvRow.
-void splitPackedRow(const uint8_t* from, bool uyvy, int width, uint8_t* luma, uint16_t* chroma) {
-  const DU du;
-  const DI di;
-  const hn::Rebind<uint16_t, DI> d16;
-  const int pairs = (width + 1) / 2;
-  const VU low8 = hn::Set(du, 0xFFu);
-  const int lumaShift = uyvy ? 8 : 0;
-  const int chromaShift = uyvy ? 0 : 8;
-  const uint32_t* in = reinterpret_cast<const uint32_t*>(from);
-  uint32_t* cbcr = reinterpret_cast<uint32_t*>(chroma + 2);
-  const int done = vectors(pairs, static_cast<int>(hn::Lanes(du)), [&](auto i) {
-    const VU p = hn::LoadU(du, in + i);
-    const VU shifted = uyvy ? hn::ShiftRight<8>(p) : p;
-    // The two luma bytes sit at 0 and 16 (YUY2) or 8 and 24 (UYVY): the second moves down next to the first.
-    const VU y = hn::Or(hn::And(shifted, low8), hn::And(hn::ShiftRight<8>(shifted), hn::Set(du, 0xFF00u)));
-    hn::StoreU(hn::DemoteTo(d16, hn::BitCast(di, y)), d16, reinterpret_cast<uint16_t*>(luma) + i);
-    const VU c = uyvy ? p : hn::ShiftRight<8>(p);
-    const VU cb = hn::And(c, low8);
-    const VU cr = hn::And(hn::ShiftRight<16>(c), low8);
-    hn::StoreU(hn::ShiftLeft<2>(hn::Or(cb, hn::ShiftLeft<16>(cr))), du, cbcr + i);
-  });
-  for (int i = done; i < pairs; ++i) {
-    const uint8_t* p = from + 4 * static_cast<size_t>(i);
-    luma[2 * i] = p[lumaShift / 8];
-    if (2 * i + 1 < width) luma[2 * i + 1] = p[lumaShift / 8 + 2];
-    chroma[2 + 2 * i] = static_cast<uint16_t>(4 * p[chromaShift / 8]);
-    chroma[3 + 2 * i] = static_cast<uint16_t>(4 * p[chromaShift / 8 + 2]);
-  }
-  std::copy_n(chroma + 2, 2, chroma);
-  std::copy_n(chroma + 2 * pairs, 2, chroma + 2 * pairs + 2);
-}
-
 // 24-bit rows to BGRA and back; `swap` where the order is RGB.
 void expandRow(const uint8_t* from, uint8_t* to, int width, bool swap) {
   int x = 0;
@@ -538,12 +559,10 @@ void ImportRowsImpl(const Planes& in, const Image& out, uint16_t* scratch, int y
     // 4:2:2: each row has its own chroma row, blended across only.
     const ToBgra k = toBgra(in.colorimetry);
     uint16_t* chroma = scratch;
-    auto* luma = reinterpret_cast<uint8_t*>(scratch + importScratchSamples(in.width) / 2);
     for (int y = y0; y < y1; ++y) {
       if (pixelFormatIsPackedYuv(in.format)) {
-        splitPackedRow(rowOf<uint8_t>(in.data[0], in.stride[0], y), in.format == kPixelFormatUYVY, in.width, luma,
-                       chroma);
-        importYuvRow(k, luma, chroma, out.row(y), in.width);
+        importPackedRow(k, rowOf<uint8_t>(in.data[0], in.stride[0], y), in.format == kPixelFormatUYVY, out.row(y),
+                        in.width);
       } else {
         blendChroma(in, y, y, chroma, nullptr);
         importYuvRow(k, rowOf<uint8_t>(in.data[0], in.stride[0], y), chroma, out.row(y), in.width);
