@@ -2,7 +2,6 @@
 // from BGRA against a plain float evaluation of its definition, every layout of the same samples giving the
 // same pixels, odd widths and padded rows; 24-bit BGR and RGB. Every instruction set the build compiled.
 #include <gtest/gtest.h>
-#include <hwy/targets.h>
 
 #include <algorithm>
 #include <array>
@@ -13,39 +12,14 @@
 
 #include "CpuFormats.h"
 #include "YuvCoefficients.h"
+#include "support/ConversionTesting.h"
 
 namespace lumo::cpu {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-template <typename Body>
-void onEveryTarget(const Body& body) {
-  for (int64_t target : hwy::SupportedAndGeneratedTargets()) {
-    SCOPED_TRACE(hwy::TargetName(target));
-    hwy::SetSupportedTargetsForTest(target);
-    body();
-  }
-  hwy::SetSupportedTargetsForTest(0);
-}
-
-constexpr YuvColorimetry kColorimetries[] = {{YuvMatrix::Bt601, YuvRange::Limited},
-                                             {YuvMatrix::Bt601, YuvRange::Full},
-                                             {YuvMatrix::Bt709, YuvRange::Limited},
-                                             {YuvMatrix::Bt709, YuvRange::Full}};
-
 // Narrower than any vector, around a vector's width (odd and even), and wide.
 constexpr std::array<std::array<int, 2>, 8> kSizes{
     {{1, 1}, {2, 3}, {7, 2}, {3, 5}, {33, 17}, {64, 9}, {67, 6}, {131, 3}}};
-
-Bytes randomBytes(std::mt19937& random, size_t count) {
-  Bytes bytes(count);
-  std::uniform_int_distribution<int> any(0, 255);
-  for (uint8_t& b : bytes) b = static_cast<uint8_t>(any(random));
-  return bytes;
-}
-
-uint8_t level(float v) { return static_cast<uint8_t>(std::min(255.0f, std::max(0.0f, v)) + 0.5f); }
 
 // 4:2:2 samples held once and laid out as any of the three formats, rows padded by 3 bytes (not 4-aligned).
 struct Samples422 {
@@ -110,10 +84,10 @@ struct Samples422 {
 
 Samples422 randomSamples(std::mt19937& random, int w, int h) {
   Samples422 s{w, h, {}, {}, {}};
-  s.y = randomBytes(random, static_cast<size_t>(w) * static_cast<size_t>(h));
-  s.cb = randomBytes(random, static_cast<size_t>(s.chromaWidth()) * static_cast<size_t>(h));
-  s.cr = randomBytes(random, s.cb.size());
-  s.padding = randomBytes(random, 1)[0];
+  s.y = randomBytes(random, static_cast<size_t>(w) * static_cast<size_t>(h), false);
+  s.cb = randomBytes(random, static_cast<size_t>(s.chromaWidth()) * static_cast<size_t>(h), false);
+  s.cr = randomBytes(random, s.cb.size(), false);
+  s.padding = randomBytes(random, 1, false)[0];
   return s;
 }
 
@@ -169,19 +143,6 @@ Samples422 referenceExport(const Bytes& bgra, int w, int h, YuvColorimetry color
   return s;
 }
 
-void expectWithinOneLevel(const Bytes& actual, const Bytes& expected) {
-  ASSERT_EQ(actual.size(), expected.size());
-  size_t off = 0;
-  int worst = 0;
-  for (size_t i = 0; i < actual.size(); ++i) {
-    const int d = std::abs(static_cast<int>(actual[i]) - static_cast<int>(expected[i]));
-    worst = std::max(worst, d);
-    off += d != 0 ? 1 : 0;
-  }
-  EXPECT_LE(worst, 1);
-  EXPECT_LE(off, actual.size() / 100 + 1) << "samples off by one";
-}
-
 Bytes importWhole(const Planes& planes, int cut) {
   Bytes out(4 * static_cast<size_t>(planes.width) * static_cast<size_t>(planes.height), 0);
   const Image image{out.data(), 4 * static_cast<size_t>(planes.width), planes.width, planes.height};
@@ -217,7 +178,7 @@ TEST(CameraFormats, FourTwoTwoExportMatchesItsDefinitionInEveryLayout) {
     for (const auto& [w, h] : kSizes) {
       for (const YuvColorimetry colorimetry : kColorimetries) {
         SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
-        const Bytes bgra = randomBytes(random, 4 * static_cast<size_t>(w) * static_cast<size_t>(h));
+        const Bytes bgra = randomBytes(random, 4 * static_cast<size_t>(w) * static_cast<size_t>(h), false);
         const ConstImage image{bgra.data(), 4 * static_cast<size_t>(w), w, h};
         const Samples422 expected = referenceExport(bgra, w, h, colorimetry);
         // Each format written in two bands, then read back as samples through the layout's own helper.
@@ -259,7 +220,7 @@ TEST(CameraFormats, TwentyFourBitRowsAreBgraWithoutAlpha) {
       for (const uint32_t format : {kPixelFormat24BGR, kPixelFormat24RGB}) {
         const bool swap = format == kPixelFormat24RGB;
         const size_t stride = 3 * static_cast<size_t>(w) + 1;
-        const Bytes host = randomBytes(random, stride * static_cast<size_t>(h));
+        const Bytes host = randomBytes(random, stride * static_cast<size_t>(h), false);
         Planes planes;
         planes.format = format;
         planes.width = w;

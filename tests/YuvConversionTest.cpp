@@ -16,42 +16,14 @@
 #include "CpuFormats.h"
 #include "MakeEngine.h"
 #include "YuvCoefficients.h"
+#include "support/ConversionTesting.h"
 
 namespace lumo::cpu {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-// Every instruction set the build compiled and this CPU runs, in turn; the engine would pick the widest.
-template <typename Body>
-void onEveryTarget(const Body& body) {
-  for (int64_t target : hwy::SupportedAndGeneratedTargets()) {
-    SCOPED_TRACE(hwy::TargetName(target));
-    hwy::SetSupportedTargetsForTest(target);
-    body();
-  }
-  hwy::SetSupportedTargetsForTest(0);
-}
-
-constexpr YuvColorimetry kColorimetries[] = {{YuvMatrix::Bt601, YuvRange::Limited},
-                                             {YuvMatrix::Bt601, YuvRange::Full},
-                                             {YuvMatrix::Bt709, YuvRange::Limited},
-                                             {YuvMatrix::Bt709, YuvRange::Full}};
-
 // Narrower than any vector, around a vector's width (odd and even), and wide.
 constexpr std::array<std::array<int, 2>, 9> kSizes{
     {{1, 1}, {2, 2}, {7, 2}, {3, 5}, {33, 17}, {64, 9}, {67, 6}, {130, 3}, {45, 31}}};
-
-// Random samples; every third frame only the extremes and the centres, which drive the clamps and the
-// grey axis.
-Bytes randomBytes(std::mt19937& random, size_t count, bool extremes) {
-  static constexpr uint8_t kSpecial[] = {0, 1, 16, 127, 128, 129, 235, 240, 254, 255};
-  Bytes bytes(count);
-  std::uniform_int_distribution<int> any(0, 255);
-  std::uniform_int_distribution<int> pick(0, static_cast<int>(std::size(kSpecial)) - 1);
-  for (uint8_t& b : bytes) b = static_cast<uint8_t>(extremes ? kSpecial[pick(random)] : any(random));
-  return bytes;
-}
 
 // A YUV frame in planes with padded rows (stride = row bytes + 5), so that nothing leans on tight rows.
 struct YuvFrame {
@@ -93,11 +65,6 @@ int chromaAt(const YuvFrame& f, uint32_t format, int c, int i, int j) {
   if (format == kPixelFormatNV12) return f.u[f.strides[1] * static_cast<size_t>(j) + 2 * static_cast<size_t>(i) + c];
   const Bytes& plane = c == 0 ? f.u : f.v;
   return plane[f.strides[1 + c] * static_cast<size_t>(j) + static_cast<size_t>(i)];
-}
-
-uint8_t level(float v) {
-  v = std::min(255.0f, std::max(0.0f, v));
-  return static_cast<uint8_t>(v + 0.5f);
 }
 
 // The definition, one pixel at a time in single precision: chroma sited at the centre of its 2 x 2 block,
@@ -170,20 +137,6 @@ Bytes referenceExport(const Bytes& bgra, int width, int height, YuvColorimetry c
     }
   }
   return out;
-}
-
-// Most samples exactly as the float evaluation rounds them, none more than a level away.
-void expectWithinOneLevel(const Bytes& actual, const Bytes& expected) {
-  ASSERT_EQ(actual.size(), expected.size());
-  size_t off = 0;
-  int worst = 0;
-  for (size_t i = 0; i < actual.size(); ++i) {
-    const int d = std::abs(static_cast<int>(actual[i]) - static_cast<int>(expected[i]));
-    worst = std::max(worst, d);
-    off += d != 0 ? 1 : 0;
-  }
-  EXPECT_LE(worst, 1);
-  EXPECT_LE(off, actual.size() / 100 + 1) << "samples off by one";
 }
 
 std::string name(int w, int h, uint32_t format, YuvColorimetry colorimetry) {

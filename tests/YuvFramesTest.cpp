@@ -33,8 +33,9 @@ class YuvFrames : public ::testing::TestWithParam<EngineKind> {
   }
 };
 
-// The portrait converted to YUV by FFmpeg and beautified as YUV matches the portrait beautified as BGRA and
-// then converted the same way, luma and chroma alike, for two matrices and both ranges.
+// The portrait converted by FFmpeg into each YUV and 24-bit format and beautified in it matches the portrait
+// beautified as BGRA and then converted the same way, luma and chroma alike, for two matrices and both
+// ranges; 24-bit, which has no colorimetry, is the BGRA picture byte for byte.
 TEST_P(YuvFrames, AgreeWithTheBgraPathThroughAReferenceConverter) {
   if (!Ffmpeg::available()) GTEST_SKIP() << "ffmpeg is not installed";
   const Frame sample = loadSample();
@@ -47,24 +48,36 @@ TEST_P(YuvFrames, AgreeWithTheBgraPathThroughAReferenceConverter) {
   };
   const Colour colours[] = {{{YuvMatrix::Bt709, YuvRange::Limited}, "bt709", "tv"},
                             {{YuvMatrix::Bt601, YuvRange::Full}, "bt601", "pc"}};
+  const struct {
+    uint32_t format;
+    const char* ffmpegName;
+  } formats[] = {{kPixelFormatNV12, "nv12"},    {kPixelFormatI422, "yuv422p"}, {kPixelFormatYUY2, "yuyv422"},
+                 {kPixelFormatUYVY, "uyvy422"}, {kPixelFormat24BGR, "bgr24"},  {kPixelFormat24RGB, "rgb24"}};
   Ffmpeg ffmpeg;
-  for (const Colour& colour : colours) {
-    SCOPED_TRACE(colour.matrix);
-    const std::unique_ptr<BeautifyEngine> engine = this->engine();
-    const Raw bgraOut = render(*engine, sample.bgra, kPixelFormat32BGRA, w, h);
-    const Raw expected = ffmpeg.convert(bgraOut, "bgra", "nv12", w, h, colour.matrix, colour.range);
-    const Raw nv12In = ffmpeg.convert(sample.bgra, "bgra", "nv12", w, h, colour.matrix, colour.range);
-    ASSERT_EQ(nv12In.size(), pixelFormatFrameBytes(kPixelFormatNV12, w, h));
-    const Raw nv12Out = render(*engine, nv12In, kPixelFormatNV12, w, h, colour.colorimetry);
-    const size_t lumaBytes = static_cast<size_t>(w) * static_cast<size_t>(h);
-    const Agreement luma = agree(nv12Out, expected, 0, lumaBytes);
-    const Agreement chroma = agree(nv12Out, expected, lumaBytes, expected.size());
-    EXPECT_GE(luma.within2, 0.97) << "mean " << luma.meanDifference << " max " << luma.maxDifference;
-    EXPECT_LE(luma.meanDifference, 1.0);
-    EXPECT_GE(chroma.within2, 0.97) << "mean " << chroma.meanDifference << " max " << chroma.maxDifference;
-    EXPECT_LE(chroma.meanDifference, 1.0);
-    // The input really was beautified, not handed back.
-    EXPECT_LT(agree(nv12Out, nv12In, 0, lumaBytes).within2, 0.9);
+  const std::unique_ptr<BeautifyEngine> engine = this->engine();
+  const Raw bgraOut = render(*engine, sample.bgra, kPixelFormat32BGRA, w, h);
+  const size_t lumaBytes = static_cast<size_t>(w) * static_cast<size_t>(h);
+  for (const auto& format : formats) {
+    for (const Colour& colour : colours) {
+      SCOPED_TRACE(std::string(format.ffmpegName) + " " + colour.matrix);
+      const Raw expected = ffmpeg.convert(bgraOut, "bgra", format.ffmpegName, w, h, colour.matrix, colour.range);
+      const Raw in = ffmpeg.convert(sample.bgra, "bgra", format.ffmpegName, w, h, colour.matrix, colour.range);
+      ASSERT_EQ(in.size(), pixelFormatFrameBytes(format.format, w, h));
+      const Raw out = render(*engine, in, format.format, w, h, colour.colorimetry);
+      EXPECT_LT(agree(out, in, 0, in.size()).within2, 0.9) << "beautified, not handed back";
+      if (!pixelFormatIsYuv(format.format)) {
+        EXPECT_EQ(out, expected) << "24-bit is BGRA without alpha: the very same picture";
+        break;
+      }
+      // Planar formats are judged plane by plane; the packed ones, whose samples interleave, as a whole.
+      const size_t split = pixelFormatIsPackedYuv(format.format) ? expected.size() : lumaBytes;
+      for (const auto& [begin, end] : {std::pair<size_t, size_t>{0, split}, {split, expected.size()}}) {
+        if (begin == end) continue;
+        const Agreement samples = agree(out, expected, begin, end);
+        EXPECT_GE(samples.within2, 0.97) << "mean " << samples.meanDifference << " max " << samples.maxDifference;
+        EXPECT_LE(samples.meanDifference, 1.0);
+      }
+    }
   }
 }
 
