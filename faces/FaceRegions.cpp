@@ -68,6 +68,10 @@ void FaceRegions::collect() {
     frame = jobFrame_;
     hasResult_ = false;
     busy_ = false;
+    if (dropResult_) {
+      dropResult_ = false;
+      return;
+    }
   }
   tracker_.update(found, frame);
 }
@@ -81,6 +85,17 @@ void FaceRegions::settle() {
   collect();
 }
 
+void FaceRegions::restart() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    dropResult_ = busy_;
+  }
+  tracker_.clear();
+  frames_ = 0;
+  searches_ = 0;
+  seeded_ = false;
+}
+
 RegionMask FaceRegions::regionsFor(const FrameView& frame) {
   // frames_ is this frame's number until the end of the call.
   const bool due = frames_ % settings_.every == 0;
@@ -89,7 +104,7 @@ RegionMask FaceRegions::regionsFor(const FrameView& frame) {
     int64_t& frames;
     ~Advance() { ++frames; }
   } advance{frames_};
-  if (!seeded_ || !settings_.background) {
+  if ((!seeded_ && settings_.firstWaits) || !settings_.background) {
     if (!seeded_ || due) {
       settle();
       tracker_.update(timedDetect(shrink(frame, settings_.detector.detectionWidth), nextSearch()), now);

@@ -33,9 +33,20 @@ struct FaceRegionsSettings {
   // when frames come faster than detections (a file rather than a camera). A camera's frames at 30 a
   // second leave a detection 100 ms before any wait.
   int maxLag = 3;
+  // The first frame waits for its own detection (nothing is beautified outside faces that were never
+  // looked for). Off: it is handed to the worker like any other and drawn with no faces yet.
+  bool firstWaits = true;
 
   // Frames of a video: detections every third frame on a worker thread, faces carried between them.
   static FaceRegionsSettings video() { return {}; }
+  // A live source whose frames must never wait (OBS's graphics thread): detections on the worker only,
+  // their faces applied when ready, however far the frames run ahead.
+  static FaceRegionsSettings live() {
+    FaceRegionsSettings settings;
+    settings.firstWaits = false;
+    settings.maxLag = 1 << 30;
+    return settings;
+  }
   // Unrelated pictures: every frame waits for its own detection, and nothing is carried from the last.
   static FaceRegionsSettings photos() {
     FaceRegionsSettings settings;
@@ -68,6 +79,8 @@ class FaceRegions {
 
   // Waits until no detection is under way and its faces are applied.
   void settle();
+  // Forgets every face and drops a detection in flight, without waiting for it (frames of another size).
+  void restart();
   // The faces as they stand.
   std::vector<FaceBox> faces() const { return tracker_.faces(); }
   // Detections finished so far, and the mean time of their search in milliseconds.
@@ -100,6 +113,7 @@ class FaceRegions {
   bool hasJob_ = false;    // the worker has a job to run
   bool hasResult_ = false;
   bool stop_ = false;
+  bool dropResult_ = false;  // the job in flight belongs to frames before restart()
   SmallGrey job_;
   std::vector<FaceBox> jobAround_;
   int64_t jobFrame_ = 0;  // the frame the job was shrunk from

@@ -1,7 +1,6 @@
 #include "FaceSource.h"
 
 #include <cstdio>
-#include <stdexcept>
 
 #include "FaceRegions.h"
 
@@ -18,7 +17,11 @@ struct FaceSource::State {
 
 std::shared_ptr<FaceSource> FaceSource::create(FaceMode mode, const std::string& cascade, std::string* why) {
   auto state = std::make_unique<State>();
-  state->settings = mode == FaceMode::Video ? FaceRegionsSettings::video() : FaceRegionsSettings::photos();
+  switch (mode) {
+    case FaceMode::Video: state->settings = FaceRegionsSettings::video(); break;
+    case FaceMode::Live: state->settings = FaceRegionsSettings::live(); break;
+    case FaceMode::Photos: state->settings = FaceRegionsSettings::photos(); break;
+  }
   state->settings.detector.cascade = cascade;
   state->mode = mode;
   state->regions = FaceRegions::create(state->settings, why);
@@ -32,11 +35,8 @@ FaceSource::~FaceSource() = default;
 RegionMask FaceSource::regionsFor(PixelBuffer& frame) {
   State& s = *state_;
   if ((s.width != 0 && s.width != frame.width()) || (s.height != 0 && s.height != frame.height())) {
-    // Faces of another frame size say nothing of this one: start afresh.
-    std::string why;
-    std::unique_ptr<FaceRegions> fresh = FaceRegions::create(s.settings, &why);
-    if (!fresh) throw std::runtime_error("cannot find faces: " + why);
-    s.regions = std::move(fresh);
+    // Faces of another frame size say nothing of this one: start afresh (the cascade stays loaded).
+    s.regions->restart();
   }
   s.width = frame.width();
   s.height = frame.height();
@@ -48,7 +48,7 @@ RegionMask FaceSource::regionsFor(PixelBuffer& frame) {
 std::string FaceSource::summary() const {
   const FaceRegions::Statistics s = state_->regions->statistics();
   char line[160];
-  if (state_->mode == FaceMode::Video) {
+  if (state_->mode != FaceMode::Photos) {
     std::snprintf(line, sizeof line, "faces: %lld detections, %.1f ms each on average (worker thread)",
                   static_cast<long long>(s.detections), s.meanMilliseconds);
   } else {

@@ -7,9 +7,10 @@
 
 namespace lumo::faces {
 
-// Frames of a video (detections every few frames on a worker thread, faces carried between them), or
-// unrelated pictures (each waits for its own detection).
-enum class FaceMode { Video, Photos };
+// Frames of a video (detections every few frames on a worker thread, faces carried between them), frames
+// of a live source that must never wait (the same, but no frame waits for a detection, the first neither),
+// or unrelated pictures (each waits for its own detection).
+enum class FaceMode { Video, Live, Photos };
 
 // The front ends' "faces only": a source of regions for BeautifyHost that holds the faces found in each
 // frame, so that the skin-gated passes act on faces only. The first frame waits for its own detection. The

@@ -19,6 +19,8 @@ packages=(
   pybind11-dev python3-dev python3-numpy                # the Python package lumo
   python3-opencv python3-distributed python3-pytest     # lumo.batch and the Python tests
   clang libclang-rt-14-dev                              # libFuzzer for scripts/fuzz.sh
+  libobs-dev libx11-dev xvfb xauth                      # the OBS module, and libobs headless in its tests
+  dpkg-dev file                                         # CPack's .deb: dpkg-shlibdeps
 )
 missing=()
 for package in "${packages[@]}"; do
