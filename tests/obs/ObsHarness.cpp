@@ -177,7 +177,7 @@ obs_source_frame* capture(void* data, obs_source_frame* frame) {
   auto* state = static_cast<CaptureState*>(data);
   if (state->graphics > 0) obs_enter_graphics();
   Captured seen;
-  seen.seenNs = os_gettime_ns();
+  seen.enteredNs = os_gettime_ns();
   seen.glContext = eglGetCurrentContext();
   seen.format = frame->format;
   seen.width = frame->width;
@@ -196,6 +196,7 @@ obs_source_frame* capture(void* data, obs_source_frame* frame) {
     seen.planes.push_back(std::move(bytes));
     seen.rowBytes.push_back(rowBytes);
   }
+  seen.leftNs = os_gettime_ns();
   {
     const std::lock_guard<std::mutex> lock(state->mutex);
     state->frames.push_back(std::move(seen));

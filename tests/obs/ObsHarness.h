@@ -24,7 +24,8 @@ struct Captured {
   std::vector<std::vector<uint8_t>> planes;
   std::vector<uint32_t> rowBytes;
   void* glContext = nullptr;  // the EGL context current on the thread that filtered it
-  uint64_t seenNs = 0;        // os_gettime_ns() when it was captured
+  uint64_t enteredNs = 0;     // os_gettime_ns() when the capture began
+  uint64_t leftNs = 0;        // and when it had copied the frame
   bool operator==(const Captured& other) const { return planes == other.planes; }
 };
 
