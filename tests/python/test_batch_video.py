@@ -193,3 +193,34 @@ def test_refusals(tmp_path, tool):
     missing = batch(source, "-o", tmp_path / "y", "--tool", tmp_path / "no-such-tool", "--workers", 0)
     assert missing.returncode == 1 and "no-such-tool" in missing.stderr, missing.stderr
     assert not (tmp_path / "y" / "a.mp4").exists() and hidden(tmp_path / "y") == []
+
+
+def test_a_phone_clip_rotated_by_its_tag_comes_out_as_the_single_tool_writes_it(tmp_path, tool):
+    """The rotation tag travels with the split segments (stream copy keeps it), so every segment is turned
+    upright by the tool, as the single run turns the whole clip."""
+    plain = clip(tmp_path / "plain.mp4", 4)
+    source = tmp_path / "in"
+    source.mkdir()
+    phone = source / "phone.mp4"
+    subprocess.run(["ffmpeg", "-v", "error", "-y", "-i", str(plain), "-c", "copy", "-metadata:s:v:0", "rotate=90",
+                    str(phone)], check=True)
+    out = tmp_path / "out"
+    run = batch(phone, "-o", out, "--workers", 2, "--segment-seconds", 1, "--tool", tool, *SETTINGS)
+    assert run.returncode == 0, run.stderr
+    assert "100 frames in 4 segments" in run.stderr, run.stderr
+    single = tmp_path / "single.mp4"
+    subprocess.run([tool, str(phone), "-o", str(single)] + SETTINGS, check=True, capture_output=True)
+
+    def shape(path):
+        stream = probe(path, "v:0", "stream=width,height:stream_side_data")["streams"][0]
+        return stream["width"], stream["height"], stream.get("side_data_list", [])
+
+    joined = out / "phone.mp4"
+    assert shape(phone)[:2] == (WIDTH, HEIGHT) and shape(phone)[2], "the source carries no rotation"
+    assert shape(joined) == shape(single) == (HEIGHT, WIDTH, [])  # upright, with no tag left to apply twice
+    assert frame_times(joined) == frame_times(single)
+    raw = [subprocess.run(["ffmpeg", "-v", "error", "-i", str(path), "-f", "rawvideo", "-pix_fmt", "gray", "-"],
+                          capture_output=True, check=True).stdout for path in (joined, single)]
+    frames = [np.frombuffer(r, np.uint8).reshape(-1, WIDTH, HEIGHT).astype(np.float64) for r in raw]
+    assert len(frames[0]) == len(frames[1]) == 100
+    assert psnr(frames[0], frames[1]).min() >= 40
