@@ -56,6 +56,7 @@ class ObsRuntime {
   // it cannot.
   static bool start(const std::string& module, const std::string& data, std::string* why);
   static void stop();
+
   // "[lumo-beautify]" lines logged so far.
   static std::vector<std::string> moduleLog();
   static void clearModuleLog();
