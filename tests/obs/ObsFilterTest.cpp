@@ -31,20 +31,6 @@ Data settingsWith(const char* json) {
   return data;
 }
 
-uint32_t lumoFormat(video_format format) {
-  switch (format) {
-    case VIDEO_FORMAT_NV12: return kPixelFormatNV12;
-    case VIDEO_FORMAT_I420: return kPixelFormatI420;
-    case VIDEO_FORMAT_I422: return kPixelFormatI422;
-    case VIDEO_FORMAT_YUY2: return kPixelFormatYUY2;
-    case VIDEO_FORMAT_UYVY: return kPixelFormatUYVY;
-    case VIDEO_FORMAT_BGRX: return kPixelFormat32BGRX;
-    case VIDEO_FORMAT_RGBA: return kPixelFormat32RGBA;
-    case VIDEO_FORMAT_BGR3: return kPixelFormat24BGR;
-    default: return kPixelFormat32BGRA;
-  }
-}
-
 // What the host layer draws from `frame` (BT.709 limited range, as the test source sends YUV).
 Captured hostDraws(Captured frame, EngineKind kind, const BeautifySettings& settings) {
   std::string why;

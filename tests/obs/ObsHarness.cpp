@@ -22,6 +22,8 @@
 
 #include "ImageIO.h"
 
+#include <lumo/PixelBuffer.h>
+
 namespace lumo::obstest {
 
 bool planeGeometry(video_format format, uint32_t width, uint32_t height, int plane, uint32_t* rowBytes,
@@ -143,6 +145,20 @@ TestFrame frameFrom(const std::vector<uint8_t>& bgra, uint32_t width, uint32_t h
     }
   }
   return frame;
+}
+
+uint32_t lumoFormat(video_format format) {
+  switch (format) {
+    case VIDEO_FORMAT_NV12: return kPixelFormatNV12;
+    case VIDEO_FORMAT_I420: return kPixelFormatI420;
+    case VIDEO_FORMAT_I422: return kPixelFormatI422;
+    case VIDEO_FORMAT_YUY2: return kPixelFormatYUY2;
+    case VIDEO_FORMAT_UYVY: return kPixelFormatUYVY;
+    case VIDEO_FORMAT_BGRX: return kPixelFormat32BGRX;
+    case VIDEO_FORMAT_RGBA: return kPixelFormat32RGBA;
+    case VIDEO_FORMAT_BGR3: return kPixelFormat24BGR;
+    default: return kPixelFormat32BGRA;
+  }
 }
 
 std::vector<uint8_t> portrait(uint32_t width, uint32_t height) {

@@ -46,6 +46,8 @@ bool planeGeometry(video_format format, uint32_t width, uint32_t height, int pla
 // The BGRA picture `bgra` (width x height, packed) in `format`, converted with BT.709 limited range (a
 // realistic frame, not a reference conversion).
 TestFrame frameFrom(const std::vector<uint8_t>& bgra, uint32_t width, uint32_t height, video_format format);
+// The library's pixel format for an OBS format, written out independently of the module's own table.
+uint32_t lumoFormat(video_format format);
 // The sample portrait, scaled (nearest) to width x height, as packed BGRA.
 std::vector<uint8_t> portrait(uint32_t width, uint32_t height);
 

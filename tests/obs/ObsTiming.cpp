@@ -23,15 +23,6 @@ double median(std::vector<double> values) {
   return values.empty() ? 0.0 : values[values.size() / 2];
 }
 
-uint32_t lumoFormat(video_format format) {
-  switch (format) {
-    case VIDEO_FORMAT_NV12: return kPixelFormatNV12;
-    case VIDEO_FORMAT_I420: return kPixelFormatI420;
-    case VIDEO_FORMAT_YUY2: return kPixelFormatYUY2;
-    default: return kPixelFormat32BGRA;
-  }
-}
-
 // Milliseconds the filter took inside OBS, median of `frames`.
 double insideObs(const char* json, const TestFrame& frame, int frames) {
   TestSource source;
