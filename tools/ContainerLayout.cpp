@@ -42,12 +42,18 @@ uint64_t bigEndian(const uint8_t* bytes, int count) {
 // ISO BMFF: top-level boxes, each with its size up front (1: a 64-bit size follows; 0: to the end of the file).
 LayoutCheck isoBoxes(const Reader& file, uint64_t size) {
   LayoutCheck check{false, size, 0, "MP4 box"};
+  bool index = false;
   uint64_t offset = 0;
-  for (int boxes = 0; offset + 8 <= size && boxes < 100000; ++boxes) {
+  for (int boxes = 0; offset + 8 <= size; ++boxes) {
+    if (boxes == 100000) return {};  // not a file a camera or an editor wrote: the demuxer judges it
     uint8_t head[16];
     if (!file.read(offset, head, 8)) return {};
+    index = index || std::memcmp(head + 4, "moov", 4) == 0;
     uint64_t length = bigEndian(head, 4);
-    if (length == 0) return {};  // runs to the end, whatever that is
+    if (length == 0) {  // runs to the end, whatever that is: nothing can follow it
+      check.noIndex = !index;
+      return check;
+    }
     if (length == 1) {
       if (!file.read(offset + 8, head + 8, 8)) return {};
       length = bigEndian(head + 8, 8);
@@ -56,11 +62,13 @@ LayoutCheck isoBoxes(const Reader& file, uint64_t size) {
     if (length > size - offset) {
       check.cutShort = true;
       check.declared = offset + length;
+      check.noIndex = !index;
       return check;
     }
     offset += length;
   }
   check.declared = offset;
+  check.noIndex = !index;
   return check;
 }
 

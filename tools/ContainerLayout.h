@@ -13,6 +13,9 @@ struct LayoutCheck {
   uint64_t size = 0;      // the file's bytes
   uint64_t declared = 0;  // where its framing says it ends; 0 where that is not known
   const char* framing = "";  // "MP4 box", "RIFF chunk", "Matroska segment", "MPEG-TS packet"
+  // An MP4 or MOV file whose boxes, as far as they go, hold no `moov`: the index of its samples, which a
+  // recorder writes last. Without it no demuxer can find a single frame.
+  bool noIndex = false;
 };
 
 // Reads only the headers of each top-level unit (a few dozen bytes each); an unreadable or unknown file

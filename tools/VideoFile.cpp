@@ -8,6 +8,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -319,10 +320,14 @@ class Transcode {
   static GstPadProbeReturn onFrame(GstPad*, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn onDecodedCaps(GstPad*, GstPadProbeInfo* info, gpointer self);
   static GstPadProbeReturn onUnusedEos(GstPad*, GstPadProbeInfo* info, gpointer self);
+  static GstPadProbeReturn onRead(GstPad*, GstPadProbeInfo* info, gpointer self);
   void checkSize(const GstCaps* caps);
   bool streamsWithoutVideo();  // the demuxer found streams, none of them video
+  bool streamFound();
   double declaredDuration();   // the input's length in seconds as its container gives it; -1 while unknown
   std::string shortfall(double declared, const VideoResult& result) const;
+  std::string indexMissing() const;
+  std::string unreadable() const;  // a file cut short from which not one frame came
 
   VideoSettings settings_;
   const volatile std::sig_atomic_t* stop_;
@@ -341,15 +346,19 @@ class Transcode {
   std::atomic<int64_t> firstPts_{-1};
   std::atomic<int64_t> lastEnd_{-1};
   std::atomic<int64_t> audioEnd_{-1};
+  std::atomic<uint64_t> reads_{0};     // buffers the file source has handed on
+  std::atomic<uint64_t> readEnd_{0};   // the furthest byte read
+  uint64_t inputBytes_ = 0;
   int videoLeftOut_ = 0;  // video streams after the first
   LayoutCheck layout_;
 };
 
 GstElement* Transcode::add(Ref<GstElement> element) {
-  if (!element) return nullptr;
-  gst_bin_add(GST_BIN(pipeline_.get()), element.get());  // the bin takes a reference of its own
-  pending_.push_back(element.get());
-  return element.get();
+  GstElement* added = element.get();
+  if (added == nullptr) return nullptr;
+  gst_bin_add(GST_BIN(pipeline_.get()), added);  // the bin takes a reference of its own
+  pending_.push_back(added);
+  return added;
 }
 
 GstElement* Transcode::add(const char* factory) {
@@ -550,6 +559,11 @@ double Transcode::declaredDuration() {
   return -1;
 }
 
+bool Transcode::streamFound() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return streamsFound_;
+}
+
 bool Transcode::streamsWithoutVideo() {
   std::lock_guard<std::mutex> lock(mutex_);
   return streamsFound_ && !videoAdded_;
@@ -615,6 +629,48 @@ GstPadProbeReturn Transcode::onFrame(GstPad*, GstPadProbeInfo* info, gpointer da
   return GST_PAD_PROBE_OK;
 }
 
+GstPadProbeReturn Transcode::onRead(GstPad*, GstPadProbeInfo* info, gpointer data) {
+  auto* self = static_cast<Transcode*>(data);
+  const GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
+  if (buffer != nullptr && GST_BUFFER_OFFSET_IS_VALID(buffer)) {
+    const uint64_t end = GST_BUFFER_OFFSET(buffer) + gst_buffer_get_size(const_cast<GstBuffer*>(buffer));
+    if (end > self->readEnd_.load()) self->readEnd_.store(end);  // one streaming thread reads the file
+  }
+  self->reads_.fetch_add(1);
+  return GST_PAD_PROBE_OK;
+}
+
+std::string Transcode::indexMissing() const {
+  char text[300];
+  if (layout_.cutShort) {
+    std::snprintf(text, sizeof text,
+                  "is cut short before its index: the file has %llu of the %llu bytes its %s declares, and without "
+                  "the index (the moov box, which a recorder writes last) not one frame can be read",
+                  static_cast<unsigned long long>(layout_.size), static_cast<unsigned long long>(layout_.declared),
+                  layout_.framing);
+  } else {
+    std::snprintf(text, sizeof text,
+                  "has no index (no moov box, which a recorder writes last): not one frame can be read; a recording "
+                  "stopped before it was finished leaves a file like this");
+  }
+  return text;
+}
+
+std::string Transcode::unreadable() const {
+  char text[300];
+  if (layout_.declared == 0) {
+    std::snprintf(text, sizeof text, "is cut short: it ends inside an %s, and not one frame could be read from it",
+                  layout_.framing);
+  } else {
+    std::snprintf(text, sizeof text,
+                  "is cut short: the file has %llu of the %llu bytes its %s declares, and not one frame could be "
+                  "read from it",
+                  static_cast<unsigned long long>(layout_.size), static_cast<unsigned long long>(layout_.declared),
+                  layout_.framing);
+  }
+  return text;
+}
+
 bool Transcode::build(const std::string& input, int outputFd, std::string* error) {
   pipeline_.reset(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new("lumo-beautify"))));
   GstElement* source = add(makeElement("filesrc", error));
@@ -627,11 +683,21 @@ bool Transcode::build(const std::string& input, int outputFd, std::string* error
   if (!makeVideoEncoder(settings_, error) || !makeBeautifyElement(error)) return false;
   g_object_set(source, "location", input.c_str(), nullptr);
   layout_ = checkLayout(input);
+  std::error_code unknown;
+  inputBytes_ = std::filesystem::file_size(input, unknown);
+  if (unknown) inputBytes_ = 0;
+  if (layout_.noIndex) {
+    // The demuxer would find nothing to play, and the error it posts that early can be lost inside parsebin.
+    *error = indexMissing();
+    return false;
+  }
   g_object_set(sink_, "fd", outputFd, "sync", FALSE, nullptr);
   if (!gst_element_link(source, parse) || !gst_element_link(mux_, sink_)) {
     *error = "cannot link the input to the demuxer or the muxer to the output";
     return false;
   }
+  Ref<GstPad> read(gst_element_get_static_pad(source, "src"));
+  gst_pad_add_probe(read.get(), GST_PAD_PROBE_TYPE_BUFFER, onRead, this, nullptr);
   g_signal_connect(parse, "pad-added", G_CALLBACK(onParsedPad), this);
   g_signal_connect(parse, "no-more-pads", G_CALLBACK(onAllParsed), this);
   return true;
@@ -702,10 +768,25 @@ VideoResult Transcode::run(const std::function<void(const VideoProgress&)>& onPr
   bool ending = false;
   double duration = -1;
   double nextReport = 0.5;
+  // A demuxer that fails while parsebin is still plugging it posts an error that parsebin drops, and the
+  // pipeline then waits for ever. Until the demuxer's first stream appears nothing but the demuxer reads
+  // the file, and nothing holds it back: a local file left unread that long is such a case.
+  constexpr double kStallSeconds = 15;
+  uint64_t lastReads = 0;
+  double lastMove = 0;
+  bool stalled = false;
   while (result.error.empty()) {
     const MessageRef message(gst_bus_timed_pop_filtered(bus.get(), 100 * GST_MSECOND, wanted));
     if (message && handle(message.get())) break;
     result.error = failure();
+    if (const uint64_t reads = reads_.load(); message || reads != lastReads || frames_.load() > 0) {
+      lastReads = reads;
+      lastMove = seconds();
+    } else if (result.error.empty() && *stop_ == 0 && seconds() - lastMove > kStallSeconds && !streamFound()) {
+      stalled = true;
+      result.error = "cannot be transcoded: the demuxer stopped at byte " + std::to_string(readEnd_.load()) +
+                     " of " + std::to_string(inputBytes_) + " without finding a stream or giving a reason";
+    }
     if (*stop_ != 0 && !ending) {
       if (frames_.load() == 0) {
         result.outcome = VideoResult::Outcome::Stopped;
@@ -726,7 +807,12 @@ VideoResult Transcode::run(const std::function<void(const VideoProgress&)>& onPr
   result.wallSeconds = seconds();
   result.mediaSeconds = media();
   // What the tool found itself says more than the "not negotiated" or "not linked" that follows from it.
-  if (const std::string found = failure(); !found.empty() && !result.outputFault) result.error = found;
+  if (const std::string found = failure(); !found.empty() && !result.outputFault) {
+    result.error = found;
+  } else if ((stalled || result.error.rfind("cannot be transcoded: ", 0) == 0) && !result.outputFault &&
+             result.frames == 0 && layout_.cutShort) {
+    result.error = unreadable();  // the demuxer's own words ("Could not demultiplex stream.") say less
+  }
   if (result.error.empty() && result.outcome == VideoResult::Outcome::Done && result.frames == 0) {
     result.error = !missing.empty() ? missing : kNoVideo;
   }
