@@ -46,7 +46,9 @@ done
 
 # The element, found in the unpacked plugin folder and run in a pipeline.
 export GST_REGISTRY_1_0=$work/registry.bin GST_PLUGIN_PATH_1_0=$libdir/gstreamer-1.0
-gst-inspect-1.0 lumobeautify | grep -q "$libdir/gstreamer-1.0/libgstlumo.so" || fail "gst-inspect does not find the element"
+# Read whole first: grep -q leaving early would kill gst-inspect with SIGPIPE, which pipefail counts as failure.
+inspected=$(gst-inspect-1.0 lumobeautify) || fail "gst-inspect does not find the element"
+[[ $inspected == *"$libdir/gstreamer-1.0/libgstlumo.so"* ]] || fail "gst-inspect finds the element elsewhere"
 gst-launch-1.0 -q videotestsrc num-buffers=3 ! video/x-raw,format=NV12,width=320,height=240 ! lumobeautify engine=cpu \
   ! fakesink
 
