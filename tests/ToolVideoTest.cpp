@@ -158,6 +158,13 @@ TEST_F(ToolVideo, BadInputsAndOptionsFailWithTheirNameAndLeaveNothing) {
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("song.m4a: has no video stream"), std::string::npos) << r.err;
   EXPECT_EQ(run("notes.mkv -o c.mp4").status, 1);
+  // An AVIF still has MP4's boxes but no movie in them.
+  ASSERT_EQ(shell("ffmpeg -v error -f lavfi -i testsrc2=s=64x64 -frames:v 1 -c:v libaom-av1 -still-picture 1 "
+                  "-f avif still.mp4"),
+            0);
+  r = run("still.mp4 -o e.mp4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("still.mp4: is a HEIF or AVIF photo, not a video"), std::string::npos) << r.err;
   // Usage errors, before anything is read.
   EXPECT_EQ(run("in.mp4 -o d.mp4 --crf 51").status, 2) << "x264's quality scale ends at 50";
   EXPECT_EQ(run("in.mp4 -o d.mp4 --video-codec vp9").status, 2);
@@ -178,7 +185,8 @@ TEST_F(ToolVideo, BadInputsAndOptionsFailWithTheirNameAndLeaveNothing) {
   r = run("clip.jpg");
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("clip.jpg: is a video, not a photo: give -o NAME.mp4"), std::string::npos) << r.err;
-  expectOnly({"in.mp4", "cut.mp4", "song.m4a", "notes.mkv", "clip.bin", "clip-beautified.mp4", "clip.jpg"});
+  expectOnly({"in.mp4", "cut.mp4", "song.m4a", "notes.mkv", "still.mp4", "clip.bin", "clip-beautified.mp4",
+              "clip.jpg"});
 }
 
 // A demuxer that fails while GStreamer is still plugging it in can have its error dropped; the tool must end

@@ -43,17 +43,22 @@ uint64_t bigEndian(const uint8_t* bytes, int count) {
 LayoutCheck isoBoxes(const Reader& file, uint64_t size) {
   LayoutCheck check{false, size, 0, "MP4 box"};
   bool index = false;
+  bool picture = false;  // a top-level `meta` box
+  // A HEIF or AVIF picture has a top-level `meta` box in place of `moov`: not a movie missing its index.
+  auto finish = [&] {
+    check.picture = picture && !index && !check.cutShort;
+    check.noIndex = !index && !picture;
+    return check;
+  };
   uint64_t offset = 0;
   for (int boxes = 0; offset + 8 <= size; ++boxes) {
     if (boxes == 100000) return {};  // not a file a camera or an editor wrote: the demuxer judges it
     uint8_t head[16];
     if (!file.read(offset, head, 8)) return {};
     index = index || std::memcmp(head + 4, "moov", 4) == 0;
+    picture = picture || std::memcmp(head + 4, "meta", 4) == 0;
     uint64_t length = bigEndian(head, 4);
-    if (length == 0) {  // runs to the end, whatever that is: nothing can follow it
-      check.noIndex = !index;
-      return check;
-    }
+    if (length == 0) return finish();  // runs to the end, whatever that is: nothing can follow it
     if (length == 1) {
       if (!file.read(offset + 8, head + 8, 8)) return {};
       length = bigEndian(head + 8, 8);
@@ -62,14 +67,12 @@ LayoutCheck isoBoxes(const Reader& file, uint64_t size) {
     if (length > size - offset) {
       check.cutShort = true;
       check.declared = offset + length;
-      check.noIndex = !index;
-      return check;
+      return finish();
     }
     offset += length;
   }
   check.declared = offset;
-  check.noIndex = !index;
-  return check;
+  return finish();
 }
 
 // RIFF (AVI): one chunk declaring its length; an OpenDML file of over 1 GiB adds further RIFF chunks after it.

@@ -16,6 +16,7 @@ struct LayoutCheck {
   // An MP4 or MOV file whose boxes, as far as they go, hold no `moov`: the index of its samples, which a
   // recorder writes last. Without it no demuxer can find a single frame.
   bool noIndex = false;
+  bool picture = false;  // a HEIF or AVIF still: the same boxes, a `meta` box and no `moov`
 };
 
 // Reads only the headers of each top-level unit (a few dozen bytes each); an unreadable or unknown file

@@ -686,6 +686,10 @@ bool Transcode::build(const std::string& input, int outputFd, std::string* error
   std::error_code unknown;
   inputBytes_ = std::filesystem::file_size(input, unknown);
   if (unknown) inputBytes_ = 0;
+  if (layout_.picture) {
+    *error = "is a HEIF or AVIF photo, not a video: the tool reads photos as PNG or JPEG";
+    return false;
+  }
   if (layout_.noIndex) {
     // The demuxer would find nothing to play, and the error it posts that early can be lost inside parsebin.
     *error = indexMissing();
