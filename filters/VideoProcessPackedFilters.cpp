@@ -45,8 +45,6 @@ const char* const kRgbToRgb24FragmentShaderString =
     "floor(gl_FragCoord.xy); float v = (cell.y + 0.5) / sourceSize.y; float first = 4.0 * cell.x; gl_FragColor "
     "= vec4(byteAt(first, v), byteAt(first + 1.0, v), byteAt(first + 2.0, v), byteAt(first + 3.0, v)); }";
 
-float rgbOrderOf(uint32_t pixelFormat) { return pixelFormat == kPixelFormat24RGB ? 1.0f : 0.0f; }
-
 }  // namespace
 
 VideoProcessPackedYuvToRgbFilter::VideoProcessPackedYuvToRgbFilter() {
@@ -118,44 +116,33 @@ void VideoProcessRgbToPackedYuvFilter::setUniforms(int32_t pass) {
   glUniform1f(uyvyUniform_, pixelFormat_ == kPixelFormatUYVY ? 1.0f : 0.0f);
 }
 
-VideoProcessRgb24ToRgbFilter::VideoProcessRgb24ToRgbFilter() { setFragmentShader(kRgb24ToRgbFragmentShaderString); }
+VideoProcessRgb24Filter::VideoProcessRgb24Filter(const char* fragmentShader, const char* sizeName)
+    : sizeName_(sizeName) {
+  setFragmentShader(fragmentShader);
+}
 
-void VideoProcessRgb24ToRgbFilter::initUniforms(uint32_t program) {
+void VideoProcessRgb24Filter::initUniforms(uint32_t program) {
   VideoProcessFilter::initUniforms(program);
-  sizeUniform_ = glGetUniformLocation(program, "size");
+  sizeUniform_ = glGetUniformLocation(program, sizeName_);
   rgbOrderUniform_ = glGetUniformLocation(program, "rgbOrder");
 }
 
-void VideoProcessRgb24ToRgbFilter::setFrame(uint32_t pixelFormat, int32_t width, int32_t height) {
+void VideoProcessRgb24Filter::setFrame(uint32_t pixelFormat, int32_t width, int32_t height) {
   pixelFormat_ = pixelFormat;
   width_ = width;
   height_ = height;
 }
 
-void VideoProcessRgb24ToRgbFilter::setUniforms(int32_t pass) {
+void VideoProcessRgb24Filter::setUniforms(int32_t pass) {
   VideoProcessFilter::setUniforms(pass);
   glUniform2f(sizeUniform_, static_cast<float>(width_), static_cast<float>(height_));
-  glUniform1f(rgbOrderUniform_, rgbOrderOf(pixelFormat_));
+  glUniform1f(rgbOrderUniform_, pixelFormat_ == kPixelFormat24RGB ? 1.0f : 0.0f);
 }
 
-VideoProcessRgbToRgb24Filter::VideoProcessRgbToRgb24Filter() { setFragmentShader(kRgbToRgb24FragmentShaderString); }
+VideoProcessRgb24ToRgbFilter::VideoProcessRgb24ToRgbFilter()
+    : VideoProcessRgb24Filter(kRgb24ToRgbFragmentShaderString, "size") {}
 
-void VideoProcessRgbToRgb24Filter::initUniforms(uint32_t program) {
-  VideoProcessFilter::initUniforms(program);
-  sourceSizeUniform_ = glGetUniformLocation(program, "sourceSize");
-  rgbOrderUniform_ = glGetUniformLocation(program, "rgbOrder");
-}
-
-void VideoProcessRgbToRgb24Filter::setFrame(uint32_t pixelFormat, int32_t width, int32_t height) {
-  pixelFormat_ = pixelFormat;
-  width_ = width;
-  height_ = height;
-}
-
-void VideoProcessRgbToRgb24Filter::setUniforms(int32_t pass) {
-  VideoProcessFilter::setUniforms(pass);
-  glUniform2f(sourceSizeUniform_, static_cast<float>(width_), static_cast<float>(height_));
-  glUniform1f(rgbOrderUniform_, rgbOrderOf(pixelFormat_));
-}
+VideoProcessRgbToRgb24Filter::VideoProcessRgbToRgb24Filter()
+    : VideoProcessRgb24Filter(kRgbToRgb24FragmentShaderString, "sourceSize") {}
 
 }  // namespace lumo

@@ -52,16 +52,18 @@ class VideoProcessRgbToPackedYuvFilter : public VideoProcessFilter {
   YuvColorimetry colorimetry_;
 };
 
-// 24-bit BGR or RGB, mapped as a GL_RGB texture on unit 0, to the frame's RGB with alpha opaque.
-class VideoProcessRgb24ToRgbFilter : public VideoProcessFilter {
+// What the two 24-bit conversions share: the frame's size in the named uniform and the byte order.
+class VideoProcessRgb24Filter : public VideoProcessFilter {
  public:
-  VideoProcessRgb24ToRgbFilter();
-
   void initUniforms(uint32_t program) override;
   void setUniforms(int32_t pass) override;
   void setFrame(uint32_t pixelFormat, int32_t width, int32_t height);
 
+ protected:
+  VideoProcessRgb24Filter(const char* fragmentShader, const char* sizeName);
+
  private:
+  const char* sizeName_;
   int32_t sizeUniform_ = -1;
   int32_t rgbOrderUniform_ = -1;
   uint32_t pixelFormat_ = kPixelFormat24BGR;
@@ -69,22 +71,17 @@ class VideoProcessRgb24ToRgbFilter : public VideoProcessFilter {
   int32_t height_ = 1;
 };
 
+// 24-bit BGR or RGB, mapped as a GL_RGB texture on unit 0, to the frame's RGB with alpha opaque.
+class VideoProcessRgb24ToRgbFilter final : public VideoProcessRgb24Filter {
+ public:
+  VideoProcessRgb24ToRgbFilter();
+};
+
 // RGB to 24-bit BGR or RGB: it draws into an RGBA texture whose texels are the row's bytes four at a time
 // ((3 w + 3) / 4 texels a row, the last one's tail unused), so that the buffer is read back as it is stored.
-class VideoProcessRgbToRgb24Filter : public VideoProcessFilter {
+class VideoProcessRgbToRgb24Filter final : public VideoProcessRgb24Filter {
  public:
   VideoProcessRgbToRgb24Filter();
-
-  void initUniforms(uint32_t program) override;
-  void setUniforms(int32_t pass) override;
-  void setFrame(uint32_t pixelFormat, int32_t width, int32_t height);
-
- private:
-  int32_t sourceSizeUniform_ = -1;
-  int32_t rgbOrderUniform_ = -1;
-  uint32_t pixelFormat_ = kPixelFormat24BGR;
-  int32_t width_ = 1;
-  int32_t height_ = 1;
 };
 
 }  // namespace lumo

@@ -326,6 +326,7 @@ class Transcode {
   bool streamFound();
   double declaredDuration();   // the input's length in seconds as its container gives it; -1 while unknown
   std::string shortfall(double declared, const VideoResult& result) const;
+  std::string cutWhere() const;
   std::string indexMissing() const;
   std::string unreadable() const;  // a file cut short from which not one frame came
 
@@ -538,17 +539,22 @@ std::string Transcode::shortfall(double declared, const VideoResult& result) con
   if (!layout_.cutShort) {
     std::snprintf(text, sizeof text, "is cut short: its tracks end at %.1f s of the %.1f s it declares (%llu frames)",
                   reached, declared, frames);
-  } else if (layout_.declared == 0) {
-    std::snprintf(text, sizeof text, "is cut short: it ends inside an %s, %.1f s in (%llu frames)", layout_.framing,
-                  result.mediaSeconds, frames);
-  } else {
-    std::snprintf(text, sizeof text,
-                  "is cut short: the file has %llu of the %llu bytes its %s declares; it was read to %.1f s "
-                  "(%llu frames)",
-                  static_cast<unsigned long long>(layout_.size), static_cast<unsigned long long>(layout_.declared),
-                  layout_.framing, result.mediaSeconds, frames);
+    return text;
   }
-  return text;
+  if (layout_.declared == 0) {
+    std::snprintf(text, sizeof text, ", %.1f s in (%llu frames)", result.mediaSeconds, frames);
+  } else {
+    std::snprintf(text, sizeof text, "; it was read to %.1f s (%llu frames)", result.mediaSeconds, frames);
+  }
+  return "is cut short: " + cutWhere() + text;
+}
+
+// Where the framing says a cut-short file ends: "the file has 3000 of the 157104 bytes its RIFF chunk
+// declares", or "it ends inside an MPEG-TS packet" for a container that declares no length.
+std::string Transcode::cutWhere() const {
+  if (layout_.declared == 0) return std::string("it ends inside an ") + layout_.framing;
+  return "the file has " + std::to_string(layout_.size) + " of the " + std::to_string(layout_.declared) +
+         " bytes its " + layout_.framing + " declares";
 }
 
 double Transcode::declaredDuration() {
@@ -641,34 +647,16 @@ GstPadProbeReturn Transcode::onRead(GstPad*, GstPadProbeInfo* info, gpointer dat
 }
 
 std::string Transcode::indexMissing() const {
-  char text[300];
-  if (layout_.cutShort) {
-    std::snprintf(text, sizeof text,
-                  "is cut short before its index: the file has %llu of the %llu bytes its %s declares, and without "
-                  "the index (the moov box, which a recorder writes last) not one frame can be read",
-                  static_cast<unsigned long long>(layout_.size), static_cast<unsigned long long>(layout_.declared),
-                  layout_.framing);
-  } else {
-    std::snprintf(text, sizeof text,
-                  "has no index (no moov box, which a recorder writes last): not one frame can be read; a recording "
-                  "stopped before it was finished leaves a file like this");
+  if (!layout_.cutShort) {
+    return "has no index (no moov box, which a recorder writes last): not one frame can be read; a recording "
+           "stopped before it was finished leaves a file like this";
   }
-  return text;
+  return "is cut short before its index: " + cutWhere() +
+         ", and without the index (the moov box, which a recorder writes last) not one frame can be read";
 }
 
 std::string Transcode::unreadable() const {
-  char text[300];
-  if (layout_.declared == 0) {
-    std::snprintf(text, sizeof text, "is cut short: it ends inside an %s, and not one frame could be read from it",
-                  layout_.framing);
-  } else {
-    std::snprintf(text, sizeof text,
-                  "is cut short: the file has %llu of the %llu bytes its %s declares, and not one frame could be "
-                  "read from it",
-                  static_cast<unsigned long long>(layout_.size), static_cast<unsigned long long>(layout_.declared),
-                  layout_.framing);
-  }
-  return text;
+  return "is cut short: " + cutWhere() + ", and not one frame could be read from it";
 }
 
 bool Transcode::build(const std::string& input, int outputFd, std::string* error) {
